@@ -1,0 +1,56 @@
+/**
+ * @file vepra_log.h
+ * @brief Append-only log files and the process clocks.
+ */
+#ifndef VEPRA_LOG_H
+#define VEPRA_LOG_H
+
+#include <stdio.h>
+
+#include <apr_file_io.h>
+#include <apr_pools.h>
+#include <apr_time.h>
+
+#include "vepra_error.h"
+#include "vepra_export.h"
+
+VEPRA_BEGIN_DECL
+
+/** A log file; lives in its own pool under the pool given at creation. */
+typedef struct vepra_log_t {
+  apr_pool_t *pool;     /**< the log's pool */
+  apr_file_t *file;     /**< the open file */
+  const char *filename; /**< copy of the file name */
+} vepra_log_t;
+
+/** Opens filename for appending (created if missing) in a new pool under
+ *  parent. Errors: code 0 with APR's text, wrapped by "Cannot create log."
+ *  (when the file cannot be opened, *log is already set). */
+VEPRA_API vepra_error_t *vepra_log_create(vepra_log_t **log,
+                                          const char *filename,
+                                          apr_pool_t *parent) VEPRA_NOTHROW;
+/** Appends the formatted text (cut to 999 characters; no newline added).
+ *  A failed write is printed on stderr. */
+VEPRA_API void vepra_log_printf(vepra_log_t *log, const char *format, ...)
+    VEPRA_NOTHROW VEPRA_PRINTF(2, 3);
+/** As vepra_log_printf(), after the local date and time and ": ". */
+VEPRA_API void vepra_log_dtprintf(vepra_log_t *log, const char *format, ...)
+    VEPRA_NOTHROW VEPRA_PRINTF(2, 3);
+/** Printer for vepra_error_handle(): pass it with the log cast to FILE * as
+ *  the stream; appends the line and a newline. Returns 0. */
+VEPRA_API int vepra_log_errhandler(const char *line, FILE *log) VEPRA_NOTHROW;
+/** Closes the log's file; its pool goes with its parent. */
+VEPRA_API void vepra_log_terminate(vepra_log_t *log) VEPRA_NOTHROW;
+
+/** Sets the clock-tick length; returns 0. Called by vepra_initialize(). */
+VEPRA_API int vepra_time_init(void) VEPRA_NOTHROW;
+/** Wall-clock seconds since the epoch; 0.0 on failure. */
+VEPRA_API double vepra_time_real(void) VEPRA_NOTHROW;
+/** Processor seconds (user + system) used by the process. */
+VEPRA_API double vepra_time_cpu(void) VEPRA_NOTHROW;
+/** Sleeps for the given number of microseconds. */
+VEPRA_API void vepra_time_sleep(apr_interval_time_t usec) VEPRA_NOTHROW;
+
+VEPRA_END_DECL
+
+#endif /* VEPRA_LOG_H */
