@@ -1,14 +1,302 @@
 /**
  * @file vepra_dl.h
  * @brief Doubly linked lists and the walk family shared by every container.
+ *
+ * A list has no header record: it is named by a handle, a caller's
+ * vepra_dl_t pointer variable that points to any node of the chain (null is
+ * the empty list). Whole-list operations first rewind from the given node to
+ * the first one. Operations that add nodes take the handle's address and set
+ * the handle only when the list was empty.
+ *
+ * Two flavours share the node record and every function without an m:
+ * vepra_dl_* nodes come from a caller's APR pool and are never freed one by
+ * one; vepra_dlm_* nodes come from vepra_mem_malloc() and are freed when
+ * deleted or destroyed. Lists never own the data pointers they carry.
+ *
+ * Null lists and nodes are accepted quietly by accessors, walks and
+ * deletions; only insertion (120051) and exchange (120052) report them.
  */
 #ifndef VEPRA_DL_H
 #define VEPRA_DL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <apr_pools.h>
 
 #include "vepra_error.h"
 #include "vepra_export.h"
 
 VEPRA_BEGIN_DECL
+
+/** One list node; the circular slot lists (vepra_cdl.h) use the same
+ *  record, with bit 0 of flags as the slot's occupied bit. */
+typedef struct vepra_dl_t {
+  uint32_t tag;            /**< caller's tag, never interpreted */
+  uint32_t flags;          /**< zero in dl/dlm lists; slot state in cdl */
+  struct vepra_dl_t *prev; /**< previous node, null at the first */
+  struct vepra_dl_t *next; /**< next node, null at the last */
+  void *data;              /**< caller's data, never owned */
+} vepra_dl_t;
+
+/** @name Callback shapes of the walk family (every container)
+ *  All are called with an element's tag, its data pointer and the caller's
+ *  user pointer. Callbacks must not throw.
+ *  @{ */
+/** Visit callback: sees every element. */
+typedef void (*vepra_walk_fn)(uint32_t tag, void *data, void *user);
+/** Int callback: a non-zero result stops a walk_int_first walk. */
+typedef int (*vepra_walk_int_fn)(uint32_t tag, void *data, void *user);
+/** Pointer callback: a non-null result stops a walk_ptr_first walk. */
+typedef void *(*vepra_walk_ptr_fn)(uint32_t tag, void *data, void *user);
+/** Error callback: a non-null result stops a walk_err_first walk. Return
+ *  VepraDLlistStopWalking to stop without failing. */
+typedef vepra_error_t *(*vepra_walk_err_fn)(uint32_t tag, void *data,
+                                            void *user);
+/** Error-or-pointer callback: returns an error to stop with it, or stores a
+ *  non-null pointer in *result to stop with success. */
+typedef vepra_error_t *(*vepra_walk_err_or_ptr_fn)(uint32_t tag, void *data,
+                                                   void *user, void **result);
+/** @} */
+
+/** Comparison for vepra_dl_bubsort(): negative, zero or positive as element
+ *  A sorts before, with or after element B. */
+typedef int (*vepra_dl_cmp_fn)(uint32_t tag_a, void *data_a, uint32_t tag_b,
+                               void *data_b, void *user);
+
+/** Callback of vepra_dl_mwalk_err_first(): one call a round with the n
+ *  current tags and data pointers (0 and null for exhausted lists). */
+typedef vepra_error_t *(*vepra_dl_mwalk_fn)(size_t n, const uint32_t *tags,
+                                            void *const *data, void *user);
+
+/** A record ordered by vepra_hook_bubsort_callback(): lists sorted with it
+ *  carry data pointers to records that begin with this ordering key (a
+ *  hook record may embed it as its first member). */
+typedef struct vepra_hook_t {
+  int32_t order; /**< ascending sort key */
+} vepra_hook_t;
+
+/** @name Creation and insertion
+ *  @{ */
+/** Makes a free-standing node (no neighbours, flags 0) in pool. Never
+ *  fails for a valid pool and out; null ones give 120051. */
+VEPRA_API vepra_error_t *vepra_dl_create(uint32_t tag, void *data,
+                                         vepra_dl_t **out, apr_pool_t *pool)
+    VEPRA_NOTHROW;
+/** Makes a free-standing node with vepra_mem_malloc(); free it with
+ *  vepra_dlm_delete(). Errors: the allocator's (120012) wrapped by "Can't
+ *  allocate memory for dlm node."; 120051 for a null out. */
+VEPRA_API vepra_error_t *vepra_dlm_create(uint32_t tag, void *data,
+                                          vepra_dl_t **out) VEPRA_NOTHROW;
+/** Links the free-standing node fresh immediately before node. Error 120051
+ *  when either is null, or when fresh is node or is still linked. */
+VEPRA_API vepra_error_t *vepra_dl_insert_before(vepra_dl_t *node,
+                                                vepra_dl_t *fresh)
+    VEPRA_NOTHROW;
+/** Links the free-standing node fresh immediately after node; errors as
+ *  vepra_dl_insert_before(). */
+VEPRA_API vepra_error_t *vepra_dl_insert_after(vepra_dl_t *node,
+                                               vepra_dl_t *fresh)
+    VEPRA_NOTHROW;
+/** Adds a node before the first node of the chain *list points into; an
+ *  empty list's handle is set to it, otherwise the handle is kept. The new
+ *  node goes to *out when out is not null. A null list gives 120051 wrapped
+ *  by "Unable to prepend DL object.". */
+VEPRA_API vepra_error_t *vepra_dl_prepend(vepra_dl_t **list, uint32_t tag,
+                                          void *data, vepra_dl_t **out,
+                                          apr_pool_t *pool) VEPRA_NOTHROW;
+/** As vepra_dl_prepend(), after the last node ("Unable to append DL
+ *  object."). */
+VEPRA_API vepra_error_t *vepra_dl_append(vepra_dl_t **list, uint32_t tag,
+                                         void *data, vepra_dl_t **out,
+                                         apr_pool_t *pool) VEPRA_NOTHROW;
+/** Adds a node directly after the handle's node, without rewinding ("Unable
+ *  to add DL node."). */
+VEPRA_API vepra_error_t *vepra_dl_add_after(vepra_dl_t **list, uint32_t tag,
+                                            void *data, vepra_dl_t **out,
+                                            apr_pool_t *pool) VEPRA_NOTHROW;
+/** Adds a node directly before the handle's node ("Unable to add DL
+ *  node."). */
+VEPRA_API vepra_error_t *vepra_dl_add_before(vepra_dl_t **list, uint32_t tag,
+                                             void *data, vepra_dl_t **out,
+                                             apr_pool_t *pool) VEPRA_NOTHROW;
+/** vepra_dl_prepend() with a vepra_mem_malloc() node. An allocation failure
+ *  is wrapped by "Can't allocate memory for dlm node." and then by the
+ *  operation's text; the list is unchanged. */
+VEPRA_API vepra_error_t *vepra_dlm_prepend(vepra_dl_t **list, uint32_t tag,
+                                           void *data, vepra_dl_t **out)
+    VEPRA_NOTHROW;
+/** vepra_dl_append() with a vepra_mem_malloc() node. */
+VEPRA_API vepra_error_t *vepra_dlm_append(vepra_dl_t **list, uint32_t tag,
+                                          void *data, vepra_dl_t **out)
+    VEPRA_NOTHROW;
+/** vepra_dl_add_after() with a vepra_mem_malloc() node. */
+VEPRA_API vepra_error_t *vepra_dlm_add_after(vepra_dl_t **list, uint32_t tag,
+                                             void *data, vepra_dl_t **out)
+    VEPRA_NOTHROW;
+/** vepra_dl_add_before() with a vepra_mem_malloc() node. */
+VEPRA_API vepra_error_t *vepra_dlm_add_before(vepra_dl_t **list, uint32_t tag,
+                                              void *data, vepra_dl_t **out)
+    VEPRA_NOTHROW;
+/** @} */
+
+/** @name Access (both flavours; null gives null or 0)
+ *  @{ */
+/** First node of the chain. */
+VEPRA_API vepra_dl_t *vepra_dl_get_first(vepra_dl_t *node) VEPRA_NOTHROW;
+/** Last node of the chain. */
+VEPRA_API vepra_dl_t *vepra_dl_get_last(vepra_dl_t *node) VEPRA_NOTHROW;
+/** Previous node. */
+VEPRA_API vepra_dl_t *vepra_dl_get_prev(vepra_dl_t *node) VEPRA_NOTHROW;
+/** Next node. */
+VEPRA_API vepra_dl_t *vepra_dl_get_next(vepra_dl_t *node) VEPRA_NOTHROW;
+/** The node's data pointer. */
+VEPRA_API void *vepra_dl_get_data(vepra_dl_t *node) VEPRA_NOTHROW;
+/** The node's data pointer; stores its tag in *tag when tag is not null
+ *  (a null node leaves *tag untouched). */
+VEPRA_API void *vepra_dl_get_data_tag(vepra_dl_t *node, uint32_t *tag)
+    VEPRA_NOTHROW;
+/** Overwrites the node's tag and data (ignored for a null node). */
+VEPRA_API void vepra_dl_update(vepra_dl_t *node, uint32_t tag, void *data)
+    VEPRA_NOTHROW;
+/** The node at zero-based position n from the first node, or null when the
+ *  chain is shorter. */
+VEPRA_API vepra_dl_t *vepra_dl_get_n(vepra_dl_t *node, size_t n)
+    VEPRA_NOTHROW;
+/** Number of nodes in the whole chain, both directions from node. */
+VEPRA_API size_t vepra_dl_count(vepra_dl_t *node) VEPRA_NOTHROW;
+/** @} */
+
+/** @name Removal
+ *  @{ */
+/** Unlinks node (its neighbours are joined, its links cleared) and
+ *  returns it. */
+VEPRA_API vepra_dl_t *vepra_dl_extract(vepra_dl_t *node) VEPRA_NOTHROW;
+/** Unlinks node. */
+VEPRA_API void vepra_dl_delete(vepra_dl_t *node) VEPRA_NOTHROW;
+/** Unlinks and frees a vepra_dlm_* node. */
+VEPRA_API void vepra_dlm_delete(vepra_dl_t *node) VEPRA_NOTHROW;
+/** Unlinks node, then calls fn (when not null) on it. */
+VEPRA_API void vepra_dl_delete_func(vepra_dl_t *node, vepra_walk_fn fn,
+                                    void *user) VEPRA_NOTHROW;
+/** Unlinks node, calls fn (when not null) on it, then frees it. */
+VEPRA_API void vepra_dlm_delete_func(vepra_dl_t *node, vepra_walk_fn fn,
+                                     void *user) VEPRA_NOTHROW;
+/** Unlinks node, calls fn on it and returns fn's error unchanged. */
+VEPRA_API vepra_error_t *vepra_dl_delete_errfunc(vepra_dl_t *node,
+                                                 vepra_walk_err_fn fn,
+                                                 void *user) VEPRA_NOTHROW;
+/** Unlinks the first node from the head whose data pointer is data. If
+ *  that node is the handle's, the handle moves to its next node, else to
+ *  its previous one, else to null. Null data or no match: nothing. */
+VEPRA_API void vepra_dl_delete_obj(vepra_dl_t **list, void *data)
+    VEPRA_NOTHROW;
+/** As vepra_dl_delete_obj(), and frees the removed node. */
+VEPRA_API void vepra_dlm_delete_obj(vepra_dl_t **list, void *data)
+    VEPRA_NOTHROW;
+/** As vepra_dl_delete_obj(), then calls fn on the removed node. */
+VEPRA_API void vepra_dl_delete_obj_func(vepra_dl_t **list, void *data,
+                                        vepra_walk_fn fn, void *user)
+    VEPRA_NOTHROW;
+/** As vepra_dl_delete_obj_func() with an error callback, whose error is
+ *  returned unchanged; null when nothing matched. */
+VEPRA_API vepra_error_t *vepra_dl_delete_obj_errfunc(vepra_dl_t **list,
+                                                     void *data,
+                                                     vepra_walk_err_fn fn,
+                                                     void *user)
+    VEPRA_NOTHROW;
+/** @} */
+
+/** @name Destruction
+ *  Every form sets the handle to null. Nodes are processed from the
+ *  handle's predecessor backwards to the first node, then from the handle's
+ *  node forwards to the last; meanwhile the handle points to the next node
+ *  of the forward part still to be processed.
+ *  @{ */
+/** Forgets the list: the nodes stay in their pool. */
+VEPRA_API void vepra_dl_destroy(vepra_dl_t **list) VEPRA_NOTHROW;
+/** Frees every node of a vepra_dlm_* list. */
+VEPRA_API void vepra_dlm_destroy(vepra_dl_t **list) VEPRA_NOTHROW;
+/** Unlinks every node and calls fn (when not null) on each. */
+VEPRA_API void vepra_dl_destroy_func(vepra_dl_t **list, vepra_walk_fn fn,
+                                     void *user) VEPRA_NOTHROW;
+/** Calls fn (when not null) on every node, then frees it. */
+VEPRA_API void vepra_dlm_destroy_func(vepra_dl_t **list, vepra_walk_fn fn,
+                                      void *user) VEPRA_NOTHROW;
+/** Unlinks every node and calls fn on each; the first error stops and is
+ *  returned wrapped by "Error while destroy DL List." The nodes visited so
+ *  far stay unlinked, the rest chained; the handle stays where it was after
+ *  a failure among the predecessors, and points to the node after the
+ *  failing one after a failure in the forward part. */
+VEPRA_API vepra_error_t *vepra_dl_destroy_errfunc(vepra_dl_t **list,
+                                                  vepra_walk_err_fn fn,
+                                                  void *user) VEPRA_NOTHROW;
+/** @} */
+
+/** @name Rearrangement
+ *  @{ */
+/** Swaps the places of a and b (list handles keep pointing to their
+ *  nodes). Errors: 120052 when either is null; 120051 wrapped by "Unable
+ *  to exchange DL nodes." when a node without neighbours must be placed. */
+VEPRA_API vepra_error_t *vepra_dl_exchange(vepra_dl_t *a, vepra_dl_t *b)
+    VEPRA_NOTHROW;
+/** Links the last node of a's chain to the first node of b's and returns
+ *  the first node of the result. b null (or already in a's chain): a's
+ *  first node; a null: null. */
+VEPRA_API vepra_dl_t *vepra_dl_join(vepra_dl_t *a, vepra_dl_t *b)
+    VEPRA_NOTHROW;
+/** Sorts the chain in place, ascending by cmp (not stable); the handle
+ *  keeps its node, so rewind with vepra_dl_get_first() afterwards. Exchange
+ *  errors come back wrapped by "Can't sort dllist.". */
+VEPRA_API vepra_error_t *vepra_dl_bubsort(vepra_dl_t *node,
+                                          vepra_dl_cmp_fn cmp, void *user)
+    VEPRA_NOTHROW;
+/** A vepra_dl_cmp_fn for data pointing to vepra_hook_t records: -1, 0 or 1
+ *  by ascending order key (a null record sorts first). */
+VEPRA_API int vepra_hook_bubsort_callback(uint32_t tag_a, void *data_a,
+                                          uint32_t tag_b, void *data_b,
+                                          void *user) VEPRA_NOTHROW;
+/** @} */
+
+/** @name Walks (both flavours; first to last node)
+ *  A callback must not unlink the node it is visiting, except in
+ *  vepra_dl_dwalk(). A null list or callback is an empty walk.
+ *  @{ */
+/** Calls fn on every node. */
+VEPRA_API void vepra_dl_walk(vepra_dl_t *node, vepra_walk_fn fn, void *user)
+    VEPRA_NOTHROW;
+/** Calls fn on every node; a node for which it returns non-zero is unlinked
+ *  (not freed). The handle becomes the first node kept, or null. */
+VEPRA_API void vepra_dl_dwalk(vepra_dl_t **list, vepra_walk_int_fn fn,
+                              void *user) VEPRA_NOTHROW;
+/** Stops at the first non-zero result and returns it; else 0. */
+VEPRA_API int vepra_dl_walk_int_first(vepra_dl_t *node, vepra_walk_int_fn fn,
+                                      void *user) VEPRA_NOTHROW;
+/** Stops at the first non-null result and returns it; else null. */
+VEPRA_API void *vepra_dl_walk_ptr_first(vepra_dl_t *node,
+                                        vepra_walk_ptr_fn fn, void *user)
+    VEPRA_NOTHROW;
+/** Stops at the first error and returns it unchanged (VepraDLlistStopWalking
+ *  included); else null. */
+VEPRA_API vepra_error_t *vepra_dl_walk_err_first(vepra_dl_t *node,
+                                                 vepra_walk_err_fn fn,
+                                                 void *user) VEPRA_NOTHROW;
+/** Stops at the first error (returned) or once fn has stored a non-null
+ *  pointer in *result (null returned). *result is not cleared first: set it
+ *  to null before the call. */
+VEPRA_API vepra_error_t *vepra_dl_walk_err_or_ptr_first(
+    vepra_dl_t *node, vepra_walk_err_or_ptr_fn fn, void *user, void **result)
+    VEPRA_NOTHROW;
+/** Walks the n lists named by handles side by side: each round calls fn
+ *  once with every list's current tag and data (0 and null once a list is
+ *  exhausted), until all are exhausted or fn returns an error, which is
+ *  returned (VepraDLlistStopWalking gives null). Errors: the allocator's,
+ *  unchanged, for the work arrays. */
+VEPRA_API vepra_error_t *vepra_dl_mwalk_err_first(vepra_dl_t *const *handles,
+                                                  size_t n,
+                                                  vepra_dl_mwalk_fn fn,
+                                                  void *user) VEPRA_NOTHROW;
+/** @} */
 
 VEPRA_END_DECL
 
