@@ -1,0 +1,52 @@
+/* Compiled as C and linked against the shared library: every public header
+ * is usable from C and the exported names resolve. Prints "N passed, N
+ * failed" and exits non-zero on a failure. */
+#include <stdio.h>
+#include <string.h>
+
+#include "vepra.h"
+
+static int passed, failed;
+
+#define CHECK(cond)                                               \
+  do {                                                            \
+    if (cond) {                                                   \
+      ++passed;                                                   \
+    } else {                                                      \
+      ++failed;                                                   \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+    }                                                             \
+  } while (0)
+
+static int count_lines(const char *line, FILE *stream) {
+  (void)line;
+  ++*(int *)(void *)stream;
+  return 0;
+}
+
+int main(void) {
+  vepra_error_t *err;
+  void *block = NULL;
+  char buf[32];
+  int lines = 0;
+
+  CHECK(vepra_initialize() == 0);
+  CHECK(strcmp(vepra_version_string(), VEPRA_VERSION_STRING) == 0);
+
+  err = vepra_error_create(VEPRA_ERROR_TYPE_ERROR, VEPRA_E_DL_INSERT, NULL, NULL);
+  err = vepra_error_quick_wrap(err, "Cannot link.");
+  CHECK(err->line > 0 && strcmp(err->file, "c_linkage_test.c") == 0);
+  vepra_error_handle(err, count_lines, (FILE *)(void *)&lines);
+  CHECK(lines == 2);
+  vepra_error_clear(err);
+
+  CHECK(vepra_mem_malloc(16, &block) == NULL);
+  vepra_mem_free(block);
+  CHECK(vepra_str_snprintf(buf, sizeof buf, "%d-%s", 7, "x") == 3 && strcmp(buf, "7-x") == 0);
+  CHECK(strcmp(vepra_util_basename("/a/b.c", buf, sizeof buf), "b.c") == 0);
+  CHECK(vepra_time_real() > 0.0);
+
+  vepra_terminate();
+  printf("%d passed, %d failed\n", passed, failed);
+  return failed != 0;
+}
