@@ -110,6 +110,75 @@ VEPRA_API vepra_error_t *vepra_img_darr_to_tiff(const char *path,
 
 /* Statistics and measures. */
 
+/** @name Statistics and measures
+ *  Every function below accepts a grayscale record only: one sample per
+ *  pixel, photometric interpretation 0 (WhiteIsZero) or 1 (BlackIsZero),
+ *  and 8 or 16 bits per sample. Any other record fails with code 0 and
+ *  one of "The image is not grayscale.", "The photointerpretation is not
+ *  sutable: %d" or "The image is neither 16-bit nor 8-bit grayscale."
+ *  (tested in that order); a null record, a null output, or a non-empty
+ *  record without its pixel matrix fails with code 0 as well. Each error
+ *  is wrapped by the function's own context text, given below, and nothing
+ *  is allocated or written when a function fails.
+ *  @{ */
+/** Counts the pixels of each sample value: 256 bins for an 8-bit image,
+ *  65536 for a 16-bit one. *nbins is set to the bin count as soon as the
+ *  record is accepted, even if the allocation then fails; *hist receives a
+ *  new array of *nbins counters that the caller releases with
+ *  vepra_mem_free(). Errors, wrapped by "Cannot create histogram of an
+ *  image.": the code-0 record checks above, 120012 (allocation). */
+VEPRA_API vepra_error_t *vepra_img_histogram(const vepra_img_t *img,
+                                             size_t *nbins, uint64_t **hist)
+    VEPRA_NOTHROW;
+/** Shannon entropy of the sample values in bits (-sum p log2 p over the
+ *  occupied values), between 0 and the depth; 0 for an image without
+ *  pixels. Allocates nothing for images of up to 4294967295 pixels.
+ *  Errors, wrapped by "Can't calculate entropy for an image.": the code-0
+ *  record checks above. */
+VEPRA_API vepra_error_t *vepra_img_entropy(const vepra_img_t *img,
+                                           double *entropy) VEPRA_NOTHROW;
+/** Automatic threshold of a histogram of nbins counters by the iterative
+ *  intermeans (IsoData) rule: starting at the first occupied bin, the
+ *  split moves up while split + 1 < last occupied bin - 1 and the split
+ *  index + 2 does not exceed the mean of the two class means. Both end bins
+ *  take part, and the result is that mean of means, not rounded. A
+ *  histogram with fewer than two occupied bins gives nbins / 2. Cannot
+ *  fail; a null hist is treated as empty. */
+VEPRA_API double vepra_img_thres_IJ(size_t nbins, const uint64_t *hist)
+    VEPRA_NOTHROW;
+/** Writes into mask (at least height rows of width doubles, owned by the
+ *  caller) 0.0 for each white pixel (sample 0 under WhiteIsZero, the full
+ *  scale 255 or 65535 under BlackIsZero) and 1.0 for every other one.
+ *  Errors, wrapped by "Cannot provide image data mask.": the code-0 record
+ *  checks above. */
+VEPRA_API vepra_error_t *vepra_img_data_dmask(const vepra_img_t *img,
+                                              double **mask) VEPRA_NOTHROW;
+/** Writes into psl the photo-stimulated luminescence of each pixel as a
+ *  Fuji scanner defines it: F * 10^((Q / G - 0.5) * latitude) with
+ *  F = (4000 / sensitivity) * (pixel_size^2 / 10000), G the full scale
+ *  (255 or 65535) and Q the quantum level (the sample under WhiteIsZero,
+ *  G - sample under BlackIsZero). pixel_size is in micrometres, latitude
+ *  in decades. A sensitivity of 0 gives infinities, not an error. Errors,
+ *  wrapped by "Can't calculate Fuji relative intensity.": the code-0
+ *  record checks above. */
+VEPRA_API vepra_error_t *vepra_img_calc_fujiri(const vepra_img_t *img,
+                                               double **psl,
+                                               double pixel_size,
+                                               double sensitivity,
+                                               double latitude)
+    VEPRA_NOTHROW;
+/** Writes into density the optical density of each pixel: log10(G / (G -
+ *  s)) under WhiteIsZero and log10(G / s) under BlackIsZero, for samples s
+ *  below the full scale G; a sample equal to G receives saturated under
+ *  both interpretations (so a white BlackIsZero pixel gets saturated, and a
+ *  black one, s = 0, gets +infinity). Errors, wrapped by "Can't calculate
+ *  optical intensity.": the code-0 record checks above. */
+VEPRA_API vepra_error_t *vepra_img_calc_density(const vepra_img_t *img,
+                                                double **density,
+                                                double saturated)
+    VEPRA_NOTHROW;
+/** @} */
+
 VEPRA_END_DECL
 
 #endif /* VEPRA_IMG_H */

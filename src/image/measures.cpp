@@ -1,0 +1,151 @@
+// Per-pixel measures of a grayscale image into a caller's matrix of
+// doubles: data mask, Fuji relative intensity (PSL) and optical density.
+//
+// PSL and density depend on nothing but the sample value, so for images
+// with at least as many pixels as there are sample values the formula is
+// evaluated once per value into a table and the pixels are looked up. The
+// table holds the very values the formula gives, so the result is the same
+// bit for bit as evaluating it at every pixel.
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <type_traits>
+
+#include "core/error_internal.hpp"
+#include "image/measure_common.hpp"
+#include "vepra_img.h"
+#include "vepra_mem.h"
+
+namespace {
+
+using vepra::detail::check_measurable;
+using vepra::detail::image_is_empty;
+using vepra::detail::kFullScale;
+using vepra::detail::kLevels;
+using vepra::detail::kWhiteIsZero;
+using vepra::detail::with_rows;
+
+// Writes formula(sample) for every pixel, row by row.
+template <typename Sample, typename Formula>
+void map_pixels(const vepra_img_t &img, const Sample *const *rows, double **out,
+                const Formula &formula) noexcept {
+  for (uint32_t r = 0; r < img.height; ++r) {
+    const Sample *row = rows[r];
+    double *dst = out[r];
+    for (uint32_t c = 0; c < img.width; ++c) dst[c] = formula(row[c]);
+  }
+}
+
+// Writes formula(sample) for every pixel, through a table of every sample
+// value when the image is large enough for the table to pay.
+template <typename Sample, typename Formula>
+void apply_formula(const vepra_img_t &img, const Sample *const *rows, double **out,
+                   const Formula &formula) noexcept {
+  constexpr size_t levels = kLevels<Sample>;
+  if (vepra::detail::pixel_count(img) < levels) {
+    map_pixels(img, rows, out, formula);
+    return;
+  }
+  auto tabulate_and_map = [&](double *table) {
+    for (size_t s = 0; s < levels; ++s) table[s] = formula(static_cast<Sample>(s));
+    map_pixels(img, rows, out, [table](Sample s) { return table[s]; });
+  };
+  if constexpr (sizeof(Sample) == 1) {
+    std::array<double, levels> table;
+    tabulate_and_map(table.data());
+  } else {
+    // 512 KiB is too much for the stack; without it the formula is simply
+    // evaluated at every pixel, with the same result.
+    void *table = nullptr;
+    if (vepra_error_t *e = vepra_mem_malloc(levels * sizeof(double), &table)) {
+      vepra_error_clear(e);
+      map_pixels(img, rows, out, formula);
+      return;
+    }
+    tabulate_and_map(static_cast<double *>(table));
+    vepra_mem_free(table);
+  }
+}
+
+// The photo-stimulated luminescence of one sample.
+template <typename Sample>
+struct FujiFormula {
+  double factor;
+  double latitude;
+  bool white_is_zero;
+  double operator()(Sample s) const noexcept {
+    constexpr double kG = kFullScale<Sample>;
+    const uint32_t q = white_is_zero ? s : kFullScale<Sample> - s;
+    return factor * std::pow(10.0, (static_cast<double>(q) / kG - 0.5) * latitude);
+  }
+};
+
+// The optical density of one sample; the full-scale sample is saturated
+// under both interpretations.
+template <typename Sample>
+struct DensityFormula {
+  double saturated;
+  bool white_is_zero;
+  double operator()(Sample s) const noexcept {
+    constexpr double kG = kFullScale<Sample>;
+    if (s == kFullScale<Sample>) return saturated;
+    if (white_is_zero) return std::log10(kG / (kG - static_cast<double>(s)));
+    // log10(G / 0) is log10 of +infinity.
+    if (s == 0) return std::numeric_limits<double>::infinity();
+    return std::log10(kG / static_cast<double>(s));
+  }
+};
+
+}  // namespace
+
+extern "C" {
+
+vepra_error_t *vepra_img_data_dmask(const vepra_img_t *img, double **mask) noexcept {
+  if (vepra_error_t *e = check_measurable(img, mask, "Cannot provide image data mask.")) return e;
+  if (image_is_empty(*img)) return nullptr;
+  with_rows(*img, [&](const auto *rows) {
+    using Sample = std::remove_cvref_t<decltype(**rows)>;
+    const Sample white = static_cast<uint32_t>(img->photometric) == kWhiteIsZero
+                             ? Sample{0}
+                             : static_cast<Sample>(kFullScale<Sample>);
+    for (uint32_t r = 0; r < img->height; ++r) {
+      const Sample *row = rows[r];
+      double *dst = mask[r];
+      // A comparison turned into 0.0 or 1.0, so that the loop vectorises.
+      for (uint32_t c = 0; c < img->width; ++c) dst[c] = static_cast<double>(row[c] != white);
+    }
+  });
+  return nullptr;
+}
+
+vepra_error_t *vepra_img_calc_fujiri(const vepra_img_t *img, double **psl, double pixel_size,
+                                     double sensitivity, double latitude) noexcept {
+  if (vepra_error_t *e = check_measurable(img, psl, "Can't calculate Fuji relative intensity.")) {
+    return e;
+  }
+  if (image_is_empty(*img)) return nullptr;
+  const double factor = (4000.0 / sensitivity) * (pixel_size * pixel_size / 10000.0);
+  const bool white_is_zero = static_cast<uint32_t>(img->photometric) == kWhiteIsZero;
+  with_rows(*img, [&](const auto *rows) {
+    using Sample = std::remove_cvref_t<decltype(**rows)>;
+    apply_formula(*img, rows, psl, FujiFormula<Sample>{factor, latitude, white_is_zero});
+  });
+  return nullptr;
+}
+
+vepra_error_t *vepra_img_calc_density(const vepra_img_t *img, double **density,
+                                      double saturated) noexcept {
+  if (vepra_error_t *e = check_measurable(img, density, "Can't calculate optical intensity.")) {
+    return e;
+  }
+  if (image_is_empty(*img)) return nullptr;
+  const bool white_is_zero = static_cast<uint32_t>(img->photometric) == kWhiteIsZero;
+  with_rows(*img, [&](const auto *rows) {
+    using Sample = std::remove_cvref_t<decltype(**rows)>;
+    apply_formula(*img, rows, density, DensityFormula<Sample>{saturated, white_is_zero});
+  });
+  return nullptr;
+}
+
+}  // extern "C"
