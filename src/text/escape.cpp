@@ -1,0 +1,260 @@
+// C escapes to bytes and back, and the character tables they use.
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+
+#include "core/error_internal.hpp"
+#include "vepra_str.h"
+
+extern "C" {
+
+// Character classes by byte value; see vepra_str.h for the bits.
+uint32_t CharSet[260] = {
+    0x08, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x40, 0x08, 0x40, 0x40, 0x40, 0x00, 0x00,  // 0
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 16
+    0x40, 0x20, 0x10, 0x20, 0x00, 0x20, 0x20, 0x10, 0x10, 0x10, 0x20, 0x20, 0x10, 0x20, 0x10, 0x20,  // 32
+    0x02, 0x02, 0x02, 0x02, 0x02, 0x02, 0x02, 0x02, 0x02, 0x02, 0x20, 0x10, 0x20, 0x20, 0x20, 0x18,  // 48
+    0x00, 0x05, 0x05, 0x05, 0x05, 0x05, 0x05, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01,  // 64
+    0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x10, 0x08, 0x10, 0x20, 0x01,  // 80
+    0x00, 0x05, 0x05, 0x05, 0x05, 0x05, 0x05, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01,  // 96
+    0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x10, 0x20, 0x10, 0x10, 0x00,  // 112
+    0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01,  // 128
+    0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,  // 144
+    0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 160
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 176
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 192
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 208
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 224
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // 240
+    0x00, 0x00, 0x00, 0x00,  // 256
+};
+
+// Code page 437: the Unicode code point of every byte.
+uint16_t UniCode[256] = {
+    0x0000, 0x0001, 0x0002, 0x0003, 0x0004, 0x0005, 0x0006, 0x0007,
+    0x0008, 0x0009, 0x000A, 0x000B, 0x000C, 0x000D, 0x000E, 0x000F,
+    0x0010, 0x0011, 0x0012, 0x0013, 0x0014, 0x0015, 0x0016, 0x0017,
+    0x0018, 0x0019, 0x001A, 0x001B, 0x001C, 0x001D, 0x001E, 0x001F,
+    0x0020, 0x0021, 0x0022, 0x0023, 0x0024, 0x0025, 0x0026, 0x0027,
+    0x0028, 0x0029, 0x002A, 0x002B, 0x002C, 0x002D, 0x002E, 0x002F,
+    0x0030, 0x0031, 0x0032, 0x0033, 0x0034, 0x0035, 0x0036, 0x0037,
+    0x0038, 0x0039, 0x003A, 0x003B, 0x003C, 0x003D, 0x003E, 0x003F,
+    0x0040, 0x0041, 0x0042, 0x0043, 0x0044, 0x0045, 0x0046, 0x0047,
+    0x0048, 0x0049, 0x004A, 0x004B, 0x004C, 0x004D, 0x004E, 0x004F,
+    0x0050, 0x0051, 0x0052, 0x0053, 0x0054, 0x0055, 0x0056, 0x0057,
+    0x0058, 0x0059, 0x005A, 0x005B, 0x005C, 0x005D, 0x005E, 0x005F,
+    0x0060, 0x0061, 0x0062, 0x0063, 0x0064, 0x0065, 0x0066, 0x0067,
+    0x0068, 0x0069, 0x006A, 0x006B, 0x006C, 0x006D, 0x006E, 0x006F,
+    0x0070, 0x0071, 0x0072, 0x0073, 0x0074, 0x0075, 0x0076, 0x0077,
+    0x0078, 0x0079, 0x007A, 0x007B, 0x007C, 0x007D, 0x007E, 0x007F,
+    0x00C7, 0x00FC, 0x00E9, 0x00E2, 0x00E4, 0x00E0, 0x00E5, 0x00E7,
+    0x00EA, 0x00EB, 0x00E8, 0x00EF, 0x00EE, 0x00EC, 0x00C4, 0x00C5,
+    0x00C9, 0x00E6, 0x00C6, 0x00F4, 0x00F6, 0x00F2, 0x00FB, 0x00F9,
+    0x00FF, 0x00D6, 0x00DC, 0x00A2, 0x00A3, 0x00A5, 0x20A7, 0x0192,
+    0x00E1, 0x00ED, 0x00F3, 0x00FA, 0x00F1, 0x00D1, 0x00AA, 0x00BA,
+    0x00BF, 0x2310, 0x00AC, 0x00BD, 0x00BC, 0x00A1, 0x00AB, 0x00BB,
+    0x2591, 0x2592, 0x2593, 0x2502, 0x2524, 0x2561, 0x2562, 0x2556,
+    0x2555, 0x2563, 0x2551, 0x2557, 0x255D, 0x255C, 0x255B, 0x2510,
+    0x2514, 0x2534, 0x252C, 0x251C, 0x2500, 0x253C, 0x255E, 0x255F,
+    0x255A, 0x2554, 0x2569, 0x2566, 0x2560, 0x2550, 0x256C, 0x2567,
+    0x2568, 0x2564, 0x2565, 0x2559, 0x2558, 0x2552, 0x2553, 0x256B,
+    0x256A, 0x2518, 0x250C, 0x2588, 0x2584, 0x258C, 0x2590, 0x2580,
+    0x03B1, 0x00DF, 0x0393, 0x03C0, 0x03A3, 0x03C3, 0x00B5, 0x03C4,
+    0x03A6, 0x0398, 0x03A9, 0x03B4, 0x221E, 0x03C6, 0x03B5, 0x2229,
+    0x2261, 0x00B1, 0x2265, 0x2264, 0x2320, 0x2321, 0x00F7, 0x2248,
+    0x00B0, 0x2219, 0x00B7, 0x221A, 0x207F, 0x00B2, 0x25A0, 0x00A0,
+};
+
+}  // extern "C"
+
+namespace {
+
+using vepra::detail::make_error;
+
+constexpr uint32_t kLeadByte = 0x80;
+
+bool is_hex(unsigned char c) noexcept { return (CharSet[c] & 0x06) != 0; }
+
+unsigned hex_value(unsigned char c) noexcept {
+  if (CharSet[c] & 0x02) return c - '0';
+  return static_cast<unsigned>(std::tolower(c)) - 87;
+}
+
+// Output of the escape functions: counts every byte, writes only what the
+// caller's buffer holds (size - 1 bytes and the terminator).
+struct Output {
+  char *dst;
+  size_t size;
+  size_t pos = 0;
+
+  void put(unsigned char c) noexcept {
+    if (dst != nullptr && pos + 1 < size) dst[pos] = static_cast<char>(c);
+    ++pos;
+  }
+  // Room for n more bytes within size - 1; a size of 0 sets no limit.
+  bool fits(size_t n) const noexcept { return size == 0 || (pos < size && n <= size - 1 - pos); }
+  // Terminates what was written and stores the size the result needs.
+  void finish(size_t *size_out) noexcept {
+    if (dst != nullptr && size > 0) dst[pos < size - 1 ? pos : size - 1] = '\0';
+    *size_out = pos + 1;
+  }
+};
+
+// Writes code point v as UTF-8 (1 to 4 bytes); false when it does not fit.
+bool put_utf8(Output &out, uint32_t v) noexcept {
+  unsigned char buf[4];
+  size_t n;
+  if (v < 0x80) {
+    buf[0] = static_cast<unsigned char>(v);
+    n = 1;
+  } else if (v < 0x800) {
+    buf[0] = static_cast<unsigned char>(0xC0 | (v >> 6));
+    buf[1] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    n = 2;
+  } else if (v < 0x10000) {
+    buf[0] = static_cast<unsigned char>(0xE0 | (v >> 12));
+    buf[1] = static_cast<unsigned char>(0x80 | ((v >> 6) & 0x3F));
+    buf[2] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    n = 3;
+  } else {
+    buf[0] = static_cast<unsigned char>(0xF0 | (v >> 18));
+    buf[1] = static_cast<unsigned char>(0x80 | ((v >> 12) & 0x3F));
+    buf[2] = static_cast<unsigned char>(0x80 | ((v >> 6) & 0x3F));
+    buf[3] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    n = 4;
+  }
+  if (!out.fits(n)) return false;
+  for (size_t i = 0; i < n; ++i) out.put(buf[i]);
+  return true;
+}
+
+// One byte value, or in wide mode a 16-bit little-endian unit.
+void put_unit(Output &out, uint32_t v, bool wide) noexcept {
+  out.put(static_cast<unsigned char>(v & 0xFF));
+  if (wide) out.put(static_cast<unsigned char>((v >> 8) & 0xFF));
+}
+
+// Reads up to max digits of the given kind from s[i..len) into *value;
+// returns how many were read.
+template <typename IsDigit, typename Value>
+size_t scan_digits(const unsigned char *s, size_t i, size_t len, size_t max, unsigned base,
+                   IsDigit is_digit, Value value, uint32_t *out) noexcept {
+  size_t n = 0;
+  uint32_t v = 0;
+  for (; n < max && i + n < len && is_digit(s[i + n]); ++n) v = v * base + value(s[i + n]);
+  *out = v;
+  return n;
+}
+
+}  // namespace
+
+extern "C" {
+
+vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size, const char *src, ptrdiff_t len,
+                                      int wide, int table) noexcept {
+  if (size == nullptr) return make_error(VEPRA_E_ASSERT);
+  Output out{dst, *size};
+  const auto *s = reinterpret_cast<const unsigned char *>(src);
+  size_t n = src == nullptr || len <= 0 ? 0 : static_cast<size_t>(len);
+  auto is_octal = [](unsigned char c) { return c >= '0' && c <= '7'; };
+  auto octal_value = [](unsigned char c) { return static_cast<unsigned>(c - '0'); };
+
+  for (size_t i = 0; i < n;) {
+    unsigned char c = s[i];
+    if (c == '\\' && i + 1 < n) {
+      unsigned char e = s[i + 1];
+      i += 2;
+      uint32_t v = e;
+      bool utf8 = false;
+      switch (e) {
+        case 'a': v = 7; break;
+        case 'b': v = 8; break;
+        case 'f': v = 12; break;
+        case 'n': v = 10; break;
+        case 'r': v = 13; break;
+        case 't': v = 9; break;
+        case 'v': v = 11; break;
+        case 'x':
+        case 'u': {
+          size_t got = scan_digits(s, i, n, e == 'x' ? 2 : 4, 16, is_hex, hex_value, &v);
+          if (got == 0) {
+            out.finish(size);
+            return make_error(VEPRA_E_HEX_NO_DIGITS);
+          }
+          i += got;
+          utf8 = e == 'u' && v >= 0x80;
+          break;
+        }
+        default:
+          if (is_octal(e)) {
+            uint32_t rest = 0;
+            size_t got = scan_digits(s, i, n, 2, 8, is_octal, octal_value, &rest);
+            uint32_t scale = got == 0 ? 1 : got == 1 ? 8 : 64;
+            v = (static_cast<uint32_t>(e) - '0') * scale + rest;
+            i += got;
+          }
+          break;
+      }
+      if (v >= 256) utf8 = true;
+      if (utf8) {
+        if (v != 0xFFFF && !put_utf8(out, v)) {
+          out.finish(size);
+          return make_error(0);
+        }
+      } else {
+        put_unit(out, v, wide != 0);
+      }
+    } else if ((CharSet[c] & kLeadByte) != 0) {
+      out.put(c);
+      if (i + 1 < n) out.put(s[i + 1]);
+      i += 2;
+    } else {
+      put_unit(out, wide != 0 && table != 0 ? UniCode[c] : c, wide != 0);
+      ++i;
+    }
+  }
+  out.finish(size);
+  return nullptr;
+}
+
+vepra_error_t *vepra_str_escape_unparse(char *dst, size_t *size, const char *src,
+                                        ptrdiff_t len) noexcept {
+  if (size == nullptr) return make_error(VEPRA_E_ASSERT);
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  static constexpr char kControls[] = "abtnvfr";  // bytes 7 to 13
+  const auto *s = reinterpret_cast<const unsigned char *>(src);
+  size_t n = src == nullptr || len <= 0 ? 0 : static_cast<size_t>(len);
+  Output out{dst, *size};
+  for (size_t i = 0; i < n; ++i) {
+    unsigned char c = s[i];
+    unsigned char piece[4];
+    size_t k = 0;
+    if (c == '"' || c == '\'' || c == '\\') {
+      piece[k++] = '\\';
+      piece[k++] = c;
+    } else if (std::isprint(c)) {
+      piece[k++] = c;
+    } else if (c >= 7 && c <= 13) {
+      piece[k++] = '\\';
+      piece[k++] = static_cast<unsigned char>(kControls[c - 7]);
+    } else {
+      piece[k++] = '\\';
+      piece[k++] = 'x';
+      piece[k++] = static_cast<unsigned char>(kHex[c >> 4]);
+      piece[k++] = static_cast<unsigned char>(kHex[c & 0x0F]);
+    }
+    if (dst != nullptr && !(out.size > 0 && out.fits(k))) {
+      out.finish(size);
+      return make_error(VEPRA_E_BUFFER_SMALL);
+    }
+    for (size_t j = 0; j < k; ++j) out.put(piece[j]);
+  }
+  if (dst != nullptr && out.size == 0) {
+    out.finish(size);
+    return make_error(VEPRA_E_BUFFER_SMALL);
+  }
+  out.finish(size);
+  return nullptr;
+}
+
+}  // extern "C"
