@@ -1,0 +1,37 @@
+// With VEPRA_ERROR_NO_LOCATION defined, the public macros pass no source
+// location, as the library's own code does.
+#define VEPRA_ERROR_NO_LOCATION
+#include "support/test_support.hpp"
+#include "vepra_error.h"
+
+using ErrorNoLocationTest = vepra_test::LibraryTest;
+
+TEST_F(ErrorNoLocationTest, MacrosPassNoLocation) {
+  vepra_error_t *e = vepra_error_create(0, 120051, nullptr, nullptr);
+  e = vepra_error_quick_wrap(e, "Cannot wrap.");
+  e = vepra_error_createf(1, 0, e, "%s", "formatted");
+  for (vepra_error_t *r = e; r != nullptr; r = r->next) {
+    EXPECT_EQ(r->file, nullptr);
+    EXPECT_EQ(r->function, nullptr);
+    EXPECT_EQ(r->line, 0);
+  }
+  EXPECT_EQ(vepra_test::take_printed(e),
+            "Warning: formatted \nError(120051): Cannot wrap. \n"
+            "Error(120051): DL insertion error: invalid pointer. ");
+  vepra_error_t *a = vepra_error_aprwrapf(APR_EGENERAL, "x");
+  EXPECT_EQ(a->file, nullptr);
+  vepra_error_clear(a);
+}
+
+TEST(ErrorLifetimeTest, ChainsNotClearedDieWithTerminate) {
+  // LeakSanitizer checks at exit that terminating freed these.
+  ASSERT_EQ(vepra_initialize(), 0);
+  for (int i = 0; i < 100; ++i) {
+    vepra_error_t *e = vepra_error_createf(0, 0, nullptr, "left behind %d", i);
+    vepra_error_quick_wrap(e, "Cannot clean up.");
+  }
+  int code = 0;
+  vepra_error_register(&code, "registered and never deregistered");
+  vepra_terminate();
+  EXPECT_EQ(VepraInitialized, 0u);
+}
