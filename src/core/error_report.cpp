@@ -133,7 +133,8 @@ vepra_error_t *vepra_error_handle(vepra_error_t *chain, vepra_error_printer_fn p
                                   FILE *stream) noexcept {
   for (const vepra_error_t *r = chain; r != nullptr; r = r->next) {
     if (r->message == nullptr && code_already_printed(chain, r)) continue;
-    char line[kLineSize] = "";
+    char line[kLineSize];
+    line[0] = '\0';
     if (static_cast<uint32_t>(r->type) <= 3) vepra_str_strlcat(line, kLabels[r->type], sizeof line);
     char piece[kMessageSize];
     if (r->code != 0 && r->type != kTypePlain) {
