@@ -12,6 +12,10 @@
 #include <limits>
 #include <type_traits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "core/error_internal.hpp"
 #include "image/measure_common.hpp"
 #include "vepra_img.h"
@@ -26,15 +30,48 @@ using vepra::detail::kLevels;
 using vepra::detail::kWhiteIsZero;
 using vepra::detail::with_rows;
 
+// Results beyond this size cannot stay in the caches anyway: they are
+// written with non-temporal stores, which spare the memory traffic of
+// reading every destination line before it is overwritten.
+constexpr uint64_t kStreamingBytes = uint64_t{32} << 20;
+
+// Writes value(c) into row[c] for c in 0..width-1.
+template <typename Value>
+inline void store_row(double *row, uint32_t width, bool streaming, const Value &value) noexcept {
+  uint32_t c = 0;
+#if defined(__SSE2__)
+  if (streaming) {
+    if (reinterpret_cast<uintptr_t>(row) % 16 != 0 && c < width) {
+      row[c] = value(c);
+      ++c;
+    }
+    for (; c + 2 <= width; c += 2) _mm_stream_pd(row + c, _mm_set_pd(value(c + 1), value(c)));
+  }
+#else
+  (void)streaming;
+#endif
+  for (; c < width; ++c) row[c] = value(c);
+}
+
+// Calls store_row for every row of the image; fn(r) gives row r's value
+// function.
+template <typename RowValue>
+void store_rows(const vepra_img_t &img, double **out, const RowValue &row_value) noexcept {
+  const bool streaming = vepra::detail::pixel_count(img) * sizeof(double) >= kStreamingBytes;
+  for (uint32_t r = 0; r < img.height; ++r) store_row(out[r], img.width, streaming, row_value(r));
+#if defined(__SSE2__)
+  if (streaming) _mm_sfence();
+#endif
+}
+
 // Writes formula(sample) for every pixel, row by row.
 template <typename Sample, typename Formula>
 void map_pixels(const vepra_img_t &img, const Sample *const *rows, double **out,
                 const Formula &formula) noexcept {
-  for (uint32_t r = 0; r < img.height; ++r) {
+  store_rows(img, out, [&](uint32_t r) {
     const Sample *row = rows[r];
-    double *dst = out[r];
-    for (uint32_t c = 0; c < img.width; ++c) dst[c] = formula(row[c]);
-  }
+    return [row, &formula](uint32_t c) { return formula(row[c]); };
+  });
 }
 
 // Writes formula(sample) for every pixel, through a table of every sample
@@ -109,12 +146,8 @@ vepra_error_t *vepra_img_data_dmask(const vepra_img_t *img, double **mask) noexc
     const Sample white = static_cast<uint32_t>(img->photometric) == kWhiteIsZero
                              ? Sample{0}
                              : static_cast<Sample>(kFullScale<Sample>);
-    for (uint32_t r = 0; r < img->height; ++r) {
-      const Sample *row = rows[r];
-      double *dst = mask[r];
-      // A comparison turned into 0.0 or 1.0, so that the loop vectorises.
-      for (uint32_t c = 0; c < img->width; ++c) dst[c] = static_cast<double>(row[c] != white);
-    }
+    // A comparison turned into 0.0 or 1.0: no branch per pixel.
+    map_pixels(*img, rows, mask, [white](Sample s) { return static_cast<double>(s != white); });
   });
   return nullptr;
 }
