@@ -1,0 +1,85 @@
+// Pieces shared by the TIFF reader, the TIFF writer and the image record:
+// tag numbers, little-endian field access and the file handle.
+#ifndef VEPRA_SRC_IMAGE_TIFF_COMMON_HPP
+#define VEPRA_SRC_IMAGE_TIFF_COMMON_HPP
+
+#include <bit>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include "vepra_img.h"
+
+namespace vepra::detail::tiff {
+
+// 16-bit samples are kept in the file's little-endian order, which must be
+// the host's: the pixel rows are read and written without swapping.
+static_assert(std::endian::native == std::endian::little,
+              "16-bit TIFF samples are stored in host order, which must be little-endian");
+
+enum Tag : uint16_t {
+  kImageWidth = 256,
+  kImageLength = 257,
+  kBitsPerSample = 258,
+  kCompression = 259,
+  kPhotometric = 262,
+  kStripOffsets = 273,
+  kSamplesPerPixel = 277,
+  kStripByteCounts = 279,
+  kXResolution = 282,
+  kYResolution = 283,
+  kPlanarConfig = 284,
+  kResolutionUnit = 296,
+  kSoftware = 305,
+};
+
+enum FieldType : uint16_t { kAscii = 2, kShort = 3, kLong = 4 };
+
+constexpr size_t kEntrySize = 12;
+
+inline uint16_t load16(const uint8_t *p) noexcept {
+  return static_cast<uint16_t>(p[0] | (p[1] << 8));
+}
+
+inline uint32_t load32(const uint8_t *p) noexcept {
+  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+inline void store16(uint8_t *p, uint32_t v) noexcept {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+}
+
+inline void store32(uint8_t *p, uint32_t v) noexcept {
+  store16(p, v);
+  store16(p + 2, v >> 16);
+}
+
+// Bytes a sample of the given depth takes in the pixel matrix: 1 or 2, and
+// 0 for the depths that are read and written without pixels.
+constexpr unsigned sample_bytes(uint32_t depth) noexcept {
+  return depth == 8 ? 1u : depth == 16 ? 2u : 0u;
+}
+
+struct FileCloser {
+  void operator()(FILE *f) const noexcept { std::fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+// Opens path with the stdio mode; on failure returns code 120030 naming the
+// path, wrapped by context.
+[[nodiscard]] vepra_error_t *open_file(const char *path, const char *mode, const char *context,
+                                       File *out) noexcept;
+
+// The error for a null image record, wrapped by context.
+[[nodiscard]] vepra_error_t *null_record(const char *context) noexcept;
+
+// The state every read starts from: all fields zero or null, except the
+// photometric interpretation and resolution unit, -1 for "absent". Owned
+// memory is not released.
+void reset(vepra_img_t *img) noexcept;
+
+}  // namespace vepra::detail::tiff
+
+#endif  // VEPRA_SRC_IMAGE_TIFF_COMMON_HPP
