@@ -50,7 +50,7 @@ bool store(vepra_prsd_t *rec, const char *text, size_t len, apr_pool_t *pool) no
   long lv = 0;
   double dv = 0;
   if (vepra::detail::convert_long(z, &lv) == 0) {
-    t.value_int = vepra::detail::low_int(lv);
+    t.value_int = static_cast<int32_t>(lv);  // the low 32 bits, as vepra_str_to_integer
     t.kind = VEPRA_PRSD_INTEGER;
     ++rec->n_integer;
   } else if (vepra::detail::convert_double(z, &dv) == 0) {

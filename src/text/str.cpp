@@ -21,6 +21,18 @@ vepra_error_t *conversion_error(int status, int code, const char *s, const char 
   return make_error(code, "Cannot convert string '%s' to %s", s, what);
 }
 
+// Converts all of s with convert and stores the result in *out (a long
+// stored into an int keeps its low 32 bits); on failure *out is untouched.
+template <typename T, typename Out>
+vepra_error_t *convert_checked(const char *s, Out *out, int (*convert)(const char *, T *),
+                               int code, const char *what) noexcept {
+  T v{};
+  int status = s == nullptr ? -1 : convert(s, &v);
+  if (status != 0) return conversion_error(status, code, s, what);
+  if (out != nullptr) *out = static_cast<Out>(v);
+  return nullptr;
+}
+
 char *copy_of(const char *s, size_t len) noexcept {
   auto *out = static_cast<char *>(std::malloc(len + 1));
   if (out != nullptr) std::memcpy(out, s, len + 1);
@@ -73,27 +85,15 @@ class Builder {
 extern "C" {
 
 vepra_error_t *vepra_str_to_double(const char *s, double *out) noexcept {
-  double v = 0;
-  int status = s == nullptr ? -1 : vepra::detail::convert_double(s, &v);
-  if (status != 0) return conversion_error(status, VEPRA_E_STR_TO_DOUBLE, s, "double");
-  if (out != nullptr) *out = v;
-  return nullptr;
+  return convert_checked(s, out, vepra::detail::convert_double, VEPRA_E_STR_TO_DOUBLE, "double");
 }
 
 vepra_error_t *vepra_str_to_integer(const char *s, int *out) noexcept {
-  long v = 0;
-  int status = s == nullptr ? -1 : vepra::detail::convert_long(s, &v);
-  if (status != 0) return conversion_error(status, VEPRA_E_STR_TO_INT, s, "integer");
-  if (out != nullptr) *out = vepra::detail::low_int(v);
-  return nullptr;
+  return convert_checked(s, out, vepra::detail::convert_long, VEPRA_E_STR_TO_INT, "integer");
 }
 
 vepra_error_t *vepra_str_to_int64(const char *s, int64_t *out) noexcept {
-  int64_t v = 0;
-  int status = s == nullptr ? -1 : vepra::detail::convert_int64(s, &v);
-  if (status != 0) return conversion_error(status, VEPRA_E_STR_TO_INT, s, "int64");
-  if (out != nullptr) *out = v;
-  return nullptr;
+  return convert_checked(s, out, vepra::detail::convert_int64, VEPRA_E_STR_TO_INT, "int64");
 }
 
 int vepra_str_is_integer(const char *s) noexcept {

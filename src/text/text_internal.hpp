@@ -42,11 +42,6 @@ inline int convert_double(const char *s, double *out) noexcept {
   return convert_whole(s, out, [](const char *p, char **e) { return std::strtod(p, e); });
 }
 
-// The low 32 bits of a long, as vepra_str_to_integer stores them.
-inline int low_int(long v) noexcept {
-  return static_cast<int>(static_cast<uint32_t>(static_cast<unsigned long>(v)));
-}
-
 // A set of bytes given as a string (a separator set); the terminator is
 // never a member. A null string is the empty set.
 class ByteSet {
