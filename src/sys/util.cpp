@@ -16,6 +16,11 @@ char *copy_range(const char *begin, const char *end, char *buf, size_t size) noe
   return buf;
 }
 
+char *current_dir(char *buf, size_t size) noexcept {
+  static constexpr char kDot[] = ".";
+  return copy_range(kDot, kDot + 1, buf, size);
+}
+
 // End of path with trailing slashes removed; a path of slashes only keeps
 // its first one.
 const char *strip_trailing_slashes(const char *path) noexcept {
@@ -29,7 +34,7 @@ const char *strip_trailing_slashes(const char *path) noexcept {
 extern "C" {
 
 char *vepra_util_basename(const char *path, char *buf, size_t size) noexcept {
-  if (path == nullptr || *path == '\0') return copy_range(".", "." + 1, buf, size);
+  if (path == nullptr || *path == '\0') return current_dir(buf, size);
   const char *end = strip_trailing_slashes(path);
   const char *begin = end;
   while (begin > path && begin[-1] != '/') --begin;
@@ -38,10 +43,10 @@ char *vepra_util_basename(const char *path, char *buf, size_t size) noexcept {
 }
 
 char *vepra_util_dirname(const char *path, char *buf, size_t size) noexcept {
-  if (path == nullptr || *path == '\0') return copy_range(".", "." + 1, buf, size);
+  if (path == nullptr || *path == '\0') return current_dir(buf, size);
   const char *end = strip_trailing_slashes(path);
   while (end > path && end[-1] != '/') --end;  // drop the last component
-  if (end == path) return copy_range(".", "." + 1, buf, size);
+  if (end == path) return current_dir(buf, size);
   while (end - path > 1 && end[-1] == '/') --end;  // and the slashes before it
   return copy_range(path, end, buf, size);
 }
