@@ -186,13 +186,8 @@ vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size, const char *src, 
           break;
         }
         default:
-          if (is_octal(e)) {
-            uint32_t rest = 0;
-            size_t got = scan_digits(s, i, n, 2, 8, is_octal, octal_value, &rest);
-            uint32_t scale = got == 0 ? 1 : got == 1 ? 8 : 64;
-            v = (static_cast<uint32_t>(e) - '0') * scale + rest;
-            i += got;
-          }
+          // Octal: this digit and at most two more.
+          if (is_octal(e)) i += scan_digits(s, i - 1, n, 3, 8, is_octal, octal_value, &v) - 1;
           break;
       }
       if (v >= 256) utf8 = true;
