@@ -80,6 +80,21 @@ class Builder {
   size_t len_ = 0;
 };
 
+// First occurrence of needle[0..n) in [p, end), or null. Short needles
+// are found by the first byte and a compare, which costs little per call
+// when occurrences are dense and at most n compares per byte; long ones
+// go to memmem, which is linear in any case.
+const char *find(const char *p, const char *end, const char *needle, size_t n) noexcept {
+  if (n > 32) return static_cast<const char *>(memmem(p, static_cast<size_t>(end - p), needle, n));
+  while (static_cast<size_t>(end - p) >= n) {
+    p = static_cast<const char *>(std::memchr(p, needle[0], static_cast<size_t>(end - p) - n + 1));
+    if (p == nullptr) return nullptr;
+    if (std::memcmp(p + 1, needle + 1, n - 1) == 0) return p;
+    ++p;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -165,8 +180,7 @@ char *vepra_str_replace_all(const char *s, const char *from, const char *to) noe
   Builder out(slen + 1 + (tlen > flen ? slen / 2 : 0));
   const char *p = s;
   const char *end = s + slen;
-  while (const char *hit = static_cast<const char *>(
-             memmem(p, static_cast<size_t>(end - p), from, flen))) {
+  while (const char *hit = find(p, end, from, flen)) {
     if (!out.append(p, static_cast<size_t>(hit - p)) || !out.append(to, tlen)) return nullptr;
     p = hit + flen;
   }

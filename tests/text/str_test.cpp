@@ -159,6 +159,11 @@ TEST_F(StrTest, ReplaceAllMatchesFindLoop) {
   EXPECT_EQ(take(vepra_str_replace_all("abc", "b", nullptr)), "abc");
   EXPECT_EQ(take(vepra_str_replace_all("", "a", "b")), "");
   EXPECT_EQ(vepra_str_replace_all(nullptr, "a", "b"), nullptr);
+  for (size_t n : {8u, 40u}) {  // a near miss before the occurrence
+    std::string a(n, 'a');
+    EXPECT_EQ(take(vepra_str_replace_all((a + "c" + a + "b" + a).c_str(), (a + "b").c_str(), "X")),
+              a + "c" + "X" + a);
+  }
 
   std::mt19937 rng(11);
   std::uniform_int_distribution<int> ab(0, 2), len(0, 40), small(0, 3);
@@ -169,6 +174,11 @@ TEST_F(StrTest, ReplaceAllMatchesFindLoop) {
   };
   for (int round = 0; round < 3000; ++round) {
     std::string s = word(len(rng)), from = word(1 + small(rng)), to = word(small(rng) * 2);
+    if (round % 4 == 0) {  // long search strings, taken from a repeated text
+      s = s + s + s;
+      from = s.substr(0, std::min(s.size(), static_cast<size_t>(33 + small(rng))));
+      if (from.empty()) from = "a";
+    }
     EXPECT_EQ(take(vepra_str_replace_all(s.c_str(), from.c_str(), to.c_str())),
               replace_all_ref(s, from, to))
         << "'" << s << "' '" << from << "' '" << to << "'";
