@@ -54,6 +54,8 @@ void tree_unlink(vepra_tree_t *n) noexcept {
 
 bool can_link(vepra_tree_t *node, vepra_tree_t *fresh) noexcept {
   if (!chain_can_link(node, fresh) || fresh->parent != nullptr) return false;
+  // Only a node with children can be an ancestor; new nodes skip the climb.
+  if (fresh->child == nullptr) return true;
   for (vepra_tree_t *up = node->parent; up != nullptr; up = up->parent) {
     if (up == fresh) return false;  // fresh would become its own ancestor
   }
