@@ -6,6 +6,7 @@
 // prefix make a chain of one inner node per digit, so the depth of a trie
 // is bounded only by its keys.
 #include <cstring>
+#include <type_traits>
 
 #include "containers/trie_internal.hpp"
 #include "containers/walk.hpp"
@@ -355,7 +356,7 @@ class WalkPath {
   Frame &top() noexcept { return frames_[size_ - 1]; }
   void pop() noexcept { --size_; }
 
-  // False when the path could not grow; failure() then tells why.
+  // False when the path could not grow; take_failure() then tells why.
   bool push(const TrieInner *node) noexcept {
     if (size_ == capacity_ && !grow()) return false;
     frames_[size_++] = Frame{node, 0};
@@ -447,10 +448,23 @@ auto relay(uint32_t, void *leaf, void *target, Extra... extra) noexcept {
   return relay->fn(static_cast<size_t>(l->length), l->key, l->data, relay->user, extra...);
 }
 
-vepra_error_t *walk_failure(WalkPath &path, vepra_error_t *result) noexcept {
-  vepra_error_t *failure = path.take_failure();
-  if (failure == nullptr) return result;
-  return wrap_error(failure, "Cannot walk trie.");
+// One walk of the family: the stop rule Rule of walk.hpp over the digit
+// order, relaying each leaf to fn (a null fn visits nothing). A path that
+// cannot grow ends the walk; the error walks report why.
+template <class Rule, class Fn, class... Extra>
+auto walk_trie(const vepra_trie_t *trie, Fn fn, void *user, Extra... extra) noexcept {
+  WalkPath path;
+  Relay<Fn> target{fn, user};
+  Rule rule{fn != nullptr ? &relay<Fn, Extra...> : nullptr, &target, extra...};
+  if constexpr (std::is_void_v<decltype(rule.result())>) {
+    run_walk(in_digit_order(trie, path), rule);
+  } else {
+    auto result = run_walk(in_digit_order(trie, path), rule);
+    if constexpr (std::is_same_v<decltype(result), vepra_error_t *>) {
+      if (vepra_error_t *failure = path.take_failure()) return wrap_error(failure, "Cannot walk trie.");
+    }
+    return result;
+  }
 }
 
 }  // namespace
@@ -530,46 +544,28 @@ void vepra_triem_destroy(vepra_trie_t **trie) noexcept {
 }
 
 void vepra_trie_walk(const vepra_trie_t *trie, vepra_trie_walk_fn fn, void *user) noexcept {
-  if (fn == nullptr) return;
-  WalkPath path;
-  Relay<vepra_trie_walk_fn> target{fn, user};
-  walk(in_digit_order(trie, path), relay<vepra_trie_walk_fn>, &target);
+  walk_trie<VisitAll>(trie, fn, user);
 }
 
 int vepra_trie_walk_int_first(const vepra_trie_t *trie, vepra_trie_walk_int_fn fn,
                               void *user) noexcept {
-  if (fn == nullptr) return 0;
-  WalkPath path;
-  Relay<vepra_trie_walk_int_fn> target{fn, user};
-  return walk_int_first(in_digit_order(trie, path), relay<vepra_trie_walk_int_fn>, &target);
+  return walk_trie<IntFirst>(trie, fn, user);
 }
 
 void *vepra_trie_walk_ptr_first(const vepra_trie_t *trie, vepra_trie_walk_ptr_fn fn,
                                 void *user) noexcept {
-  if (fn == nullptr) return nullptr;
-  WalkPath path;
-  Relay<vepra_trie_walk_ptr_fn> target{fn, user};
-  return walk_ptr_first(in_digit_order(trie, path), relay<vepra_trie_walk_ptr_fn>, &target);
+  return walk_trie<PtrFirst>(trie, fn, user);
 }
 
 vepra_error_t *vepra_trie_walk_err_first(const vepra_trie_t *trie, vepra_trie_walk_err_fn fn,
                                          void *user) noexcept {
-  if (fn == nullptr) return nullptr;
-  WalkPath path;
-  Relay<vepra_trie_walk_err_fn> target{fn, user};
-  return walk_failure(
-      path, walk_err_first(in_digit_order(trie, path), relay<vepra_trie_walk_err_fn>, &target));
+  return walk_trie<ErrFirst>(trie, fn, user);
 }
 
 vepra_error_t *vepra_trie_walk_err_or_ptr_first(const vepra_trie_t *trie,
                                                 vepra_trie_walk_err_or_ptr_fn fn, void *user,
                                                 void **result) noexcept {
-  if (fn == nullptr) return nullptr;
-  WalkPath path;
-  Relay<vepra_trie_walk_err_or_ptr_fn> target{fn, user};
-  return walk_failure(path, walk_err_or_ptr_first(in_digit_order(trie, path),
-                                                   relay<vepra_trie_walk_err_or_ptr_fn, void **>,
-                                                   &target, result));
+  return walk_trie<ErrOrPtrFirst>(trie, fn, user, result);
 }
 
 }  // extern "C"
