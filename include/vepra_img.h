@@ -118,8 +118,8 @@ VEPRA_API vepra_error_t *vepra_img_darr_to_tiff(const char *path,
  *  sutable: %d" or "The image is neither 16-bit nor 8-bit grayscale."
  *  (tested in that order); a null record, a null output, or a non-empty
  *  record without its pixel matrix fails with code 0 as well. Each error
- *  is wrapped by the function's own context text, given below, and nothing
- *  is allocated or written when a function fails.
+ *  is wrapped by the function's own context text, given below; a refused
+ *  record leaves every output untouched.
  *  @{ */
 /** Counts the pixels of each sample value: 256 bins for an 8-bit image,
  *  65536 for a 16-bit one. *nbins is set to the bin count as soon as the
