@@ -554,7 +554,9 @@ TEST_F(DlTest, HeapAllocationFailuresLeaveTheListUnchanged) {
       {vepra_dlm_add_after, "Unable to add DL node."},
       {vepra_dlm_add_before, "Unable to add DL node."},
   };
-  for (auto [add, context] : adds) {
+  for (const auto &entry : adds) {
+    Add add = entry.first;
+    std::string context = entry.second;
     vepra_dl_t *list = nullptr;
     ASSERT_EQ(vepra_dlm_append(&list, 1, id(1), nullptr), nullptr);
     vepra_dl_t *before = list;
