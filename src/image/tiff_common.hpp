@@ -3,7 +3,12 @@
 #ifndef VEPRA_SRC_IMAGE_TIFF_COMMON_HPP
 #define VEPRA_SRC_IMAGE_TIFF_COMMON_HPP
 
+#include <sys/uio.h>
+
+#include <algorithm>
 #include <bit>
+#include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -60,6 +65,36 @@ inline void store32(uint8_t *p, uint32_t v) noexcept {
 // 0 for the depths that are read and written without pixels.
 constexpr unsigned sample_bytes(uint32_t depth) noexcept {
   return depth == 8 ? 1u : depth == 16 ? 2u : 0u;
+}
+
+// Scatter-gather transfers of pixel rows: many rows a system call, straight
+// between the file and the rows.
+constexpr int kRowBatch = std::min(256, IOV_MAX);
+
+// Runs io(iov, count, done) until the iovecs are complete, where done is the
+// number of bytes already moved; io returns what readv or writev would.
+// Resumes after partial transfers and interrupted calls; false when io fails
+// or moves nothing.
+template <typename Io>
+bool transfer_all(iovec *iov, int count, Io io) noexcept {
+  uint64_t done = 0;
+  while (count > 0) {
+    const ssize_t moved = io(iov, count, done);
+    if (moved < 0 && errno == EINTR) continue;
+    if (moved <= 0) return false;
+    done += static_cast<uint64_t>(moved);
+    auto left = static_cast<size_t>(moved);
+    while (count > 0 && left >= iov->iov_len) {
+      left -= iov->iov_len;
+      ++iov;
+      --count;
+    }
+    if (count > 0) {
+      iov->iov_base = static_cast<char *>(iov->iov_base) + left;
+      iov->iov_len -= left;
+    }
+  }
+  return true;
 }
 
 struct FileCloser {

@@ -6,11 +6,13 @@
 // error record rather than a wild seek, an out-of-bounds write or an
 // allocation far larger than the file itself.
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "core/error_internal.hpp"
 #include "image/tiff_common.hpp"
@@ -277,7 +279,10 @@ vepra_error_t *check_strip_counts(const vepra_img_t *img) noexcept {
 
 // Allocates the pixel rows of an 8- or 16-bit image, refusing dimensions
 // whose pixels the file could not hold. An image without rows or columns
-// gets no matrix.
+// gets no matrix. The matrix has the layout vepra_mem_matrix_alloc() makes
+// for rows and columns from 0 (a table of row blocks, released by
+// vepra_mem_matrix_free()), but its rows are not cleared here: the strips
+// overwrite them, and read_strips() clears what they leave.
 template <typename Sample>
 vepra_error_t *alloc_pixels(vepra_img_t *img, const Reader &r, Sample ***rows) noexcept {
   if (img->width == 0 || img->height == 0) return nullptr;
@@ -287,21 +292,28 @@ vepra_error_t *alloc_pixels(vepra_img_t *img, const Reader &r, Sample ***rows) n
     return make_error(VEPRA_E_TIFF_STRUCTURE, "Image of %u x %u pixels does not fit in the file",
                       img->width, img->height);
   }
-  void *matrix = nullptr;
-  vepra_error_t *e = vepra_mem_matrix_alloc(&matrix, sizeof(Sample), 0,
-                                            static_cast<int>(img->height - 1), 0,
-                                            static_cast<int>(img->width - 1));
-  // A partial matrix left by a failure is kept in the record, which
-  // releases it.
-  *rows = static_cast<Sample **>(matrix);
-  return e;
+  void *table = nullptr;
+  VEPRA_RETURN_IF_ERROR(vepra_mem_calloc(img->height, sizeof(Sample *), &table),
+                        "Cannot allocate matrix.");
+  // The record owns the table from here on, so a failure part way releases
+  // the rows made so far; the rows not yet made are null.
+  *rows = static_cast<Sample **>(table);
+  for (uint32_t i = 0; i < img->height; ++i) {
+    void *row = nullptr;
+    VEPRA_RETURN_IF_ERROR(vepra_mem_malloc(img->width * sizeof(Sample), &row),
+                          "Cannot allocate matrix.");
+    (*rows)[i] = static_cast<Sample *>(row);
+  }
+  return nullptr;
 }
 
 // Fills the rows strip after strip: a cursor runs over the pixels in row
 // order across strips, whatever their sizes, and stops at the last pixel.
-// Each row segment is read straight into the row.
+// Row segments are read straight into the rows, many rows a system call;
+// the pixels no strip reaches are cleared.
 template <typename Sample>
 vepra_error_t *read_strips(const vepra_img_t *img, Reader &r, Sample **rows) noexcept {
+  const int fd = fileno(r.file());
   const uint64_t width = img->width;
   const uint64_t total = rows != nullptr ? width * img->height : 0;
   uint64_t placed = 0;
@@ -311,16 +323,29 @@ vepra_error_t *read_strips(const vepra_img_t *img, Reader &r, Sample **rows) noe
     if (vepra_error_t *e = r.seek(offset)) return e;
     if (!r.holds(offset, bytes)) return make_error(VEPRA_E_TIFF_INCOMPLETE);
     uint64_t take = std::min<uint64_t>(bytes / sizeof(Sample), total - placed);
+    auto at = static_cast<off_t>(offset);
     while (take > 0) {
-      const uint64_t col = placed % width;
-      const uint64_t chunk = std::min(width - col, take);
-      Sample *dest = rows[placed / width] + col;
-      if (std::fread(dest, sizeof(Sample), chunk, r.file()) != chunk) {
-        return make_error(VEPRA_E_TIFF_INCOMPLETE);
+      iovec batch[kRowBatch];
+      int queued = 0;
+      uint64_t batch_bytes = 0;
+      for (; take > 0 && queued < kRowBatch; ++queued) {
+        const uint64_t col = placed % width;
+        const uint64_t chunk = std::min(width - col, take);
+        batch[queued] = iovec{rows[placed / width] + col, chunk * sizeof(Sample)};
+        batch_bytes += chunk * sizeof(Sample);
+        placed += chunk;
+        take -= chunk;
       }
-      placed += chunk;
-      take -= chunk;
+      const bool ok = transfer_all(batch, queued, [fd, at](const iovec *iov, int n, uint64_t done) {
+        return preadv(fd, iov, n, at + static_cast<off_t>(done));
+      });
+      if (!ok) return make_error(VEPRA_E_TIFF_INCOMPLETE);
+      at += static_cast<off_t>(batch_bytes);
     }
+  }
+  for (; placed < total; placed += width - placed % width) {
+    const uint64_t col = placed % width;
+    std::memset(rows[placed / width] + col, 0, (width - col) * sizeof(Sample));
   }
   return nullptr;
 }

@@ -4,9 +4,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -30,8 +27,6 @@ constexpr const char *kDarrContext = "Cannot convert double array to TIFF image.
 constexpr size_t kEntries = 10;
 constexpr uint32_t kSoftwareOffset = 8 + 2 + kEntries * kEntrySize + 4;  // 134
 constexpr size_t kSoftwareSize = 100;
-// Rows handed to the kernel in one gathered write.
-constexpr int kRowBatch = std::min(256, IOV_MAX);
 
 // Bytes of pixel data an image of this size and depth writes.
 uint64_t data_bytes(uint32_t width, uint32_t height, unsigned sample_bytes) noexcept {
@@ -52,26 +47,6 @@ vepra_error_t *write_all(FILE *f, const void *buf, size_t n) noexcept {
   return std::fwrite(buf, 1, n, f) == n ? nullptr : make_error(VEPRA_E_IO_WRITE);
 }
 
-// Writes the iovecs completely, resuming after partial writes.
-vepra_error_t *write_gathered(int fd, iovec *iov, int count) noexcept {
-  while (count > 0) {
-    const ssize_t written = writev(fd, iov, count);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return make_error(VEPRA_E_IO_WRITE);
-    auto left = static_cast<size_t>(written);
-    while (count > 0 && left >= iov->iov_len) {
-      left -= iov->iov_len;
-      ++iov;
-      --count;
-    }
-    if (count > 0) {
-      iov->iov_base = static_cast<char *>(iov->iov_base) + left;
-      iov->iov_len -= left;
-    }
-  }
-  return nullptr;
-}
-
 // Writes the rows straight from the matrix, many rows a system call, after
 // the stream's buffered header.
 template <typename Sample>
@@ -83,7 +58,10 @@ vepra_error_t *write_rows(FILE *f, Sample *const *rows, uint32_t height, uint32_
   for (uint32_t r = 0; r < height; ++r) {
     batch[queued++] = iovec{rows[r], size_t{width} * sizeof(Sample)};
     if (queued == kRowBatch || r + 1 == height) {
-      if (vepra_error_t *e = write_gathered(fd, batch, queued)) return e;
+      const bool ok = transfer_all(batch, queued, [fd](const iovec *iov, int n, uint64_t) {
+        return writev(fd, iov, n);
+      });
+      if (!ok) return make_error(VEPRA_E_IO_WRITE);
       queued = 0;
     }
   }
