@@ -32,7 +32,7 @@ constexpr const char *kImageContext = "Cannot read TIFF image.";
 // arrays), while a directory chain that loops back on itself would read for
 // ever.
 constexpr int64_t kRereadFactor = 16;
-constexpr int64_t kRereadSlack = 64 * 1024;
+constexpr int64_t kRereadSlack = 4096;
 
 int64_t file_size(FILE *f) noexcept {
   struct stat st {};
