@@ -358,6 +358,11 @@ vepra_error_t *seek_strips(const vepra_img_t *img, Reader &r) noexcept {
   return nullptr;
 }
 
+vepra_error_t *read_info(vepra_img_t *img, Reader &r) noexcept {
+  if (vepra_error_t *e = read_tiff_directory(img, r)) return e;
+  return check_strip_counts(img);
+}
+
 vepra_error_t *read_image(vepra_img_t *img, Reader &r) noexcept {
   if (vepra_error_t *e = read_tiff_directory(img, r)) return e;
   if (img->photometric == -1) {
@@ -375,41 +380,44 @@ vepra_error_t *read_image(vepra_img_t *img, Reader &r) noexcept {
   }
 }
 
+struct Outcome {
+  vepra_error_t *unopened;  // the file could not be opened (wrapped)
+  vepra_error_t *unread;    // the file opened but could not be read
+};
+
+// Opens path and runs read over the reset record. A record that could not
+// be read is released; one that could is typed TIFF.
+Outcome read_file(const char *path, vepra_img_t *img, const char *context,
+                  vepra_error_t *(*read)(vepra_img_t *, Reader &)) noexcept {
+  if (img == nullptr) return {null_record(context), nullptr};
+  File file;
+  if (vepra_error_t *e = open_file(path, "rb", context, &file)) return {e, nullptr};
+  reset(img);
+  Reader r(file.get());
+  vepra_error_t *e = read(img, r);
+  if (e != nullptr) {
+    vepra_img_free(img);
+  } else {
+    img->type = 1;
+  }
+  return {nullptr, e};
+}
+
 }  // namespace
 
 extern "C" {
 
 vepra_error_t *vepra_img_read_tiff_info(const char *path, vepra_img_t *img) noexcept {
-  if (img == nullptr) return null_record(kInfoContext);
-  File file;
-  if (vepra_error_t *e = open_file(path, "rb", kInfoContext, &file)) return e;
-  reset(img);
-  Reader r(file.get());
-  vepra_error_t *e = read_tiff_directory(img, r);
-  if (e == nullptr) e = check_strip_counts(img);
-  if (e != nullptr) {
-    // A file that opens but does not parse is reported by the type staying
-    // unknown, not by an error.
-    vepra_error_clear(e);
-    vepra_img_free(img);
-    return nullptr;
-  }
-  img->type = 1;
-  return nullptr;
+  const Outcome out = read_file(path, img, kInfoContext, read_info);
+  // A file that opens but does not parse is reported by the type staying
+  // unknown, not by an error.
+  vepra_error_clear(out.unread);
+  return out.unopened;
 }
 
 vepra_error_t *vepra_img_read_tiff(const char *path, vepra_img_t *img) noexcept {
-  if (img == nullptr) return null_record(kImageContext);
-  File file;
-  if (vepra_error_t *e = open_file(path, "rb", kImageContext, &file)) return e;
-  reset(img);
-  Reader r(file.get());
-  if (vepra_error_t *e = read_image(img, r)) {
-    vepra_img_free(img);
-    return wrap_error(e, "%s", kImageContext);
-  }
-  img->type = 1;
-  return nullptr;
+  const Outcome out = read_file(path, img, kImageContext, read_image);
+  return out.unread != nullptr ? wrap_error(out.unread, "%s", kImageContext) : out.unopened;
 }
 
 }  // extern "C"

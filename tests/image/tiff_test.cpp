@@ -124,6 +124,23 @@ Bytes load(const std::string &path) {
   return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
+// A record of the given size and depth with a zeroed pixel matrix, for the
+// writer.
+vepra_img_t gray_record(uint32_t width, uint32_t height, uint16_t depth, int photometric) {
+  vepra_img_t img{};
+  img.width = width;
+  img.height = height;
+  img.samples_per_pixel = 1;
+  img.bits_per_sample[0] = depth;
+  img.photometric = photometric;
+  void *m = nullptr;
+  EXPECT_EQ(vepra_mem_matrix_alloc(&m, depth / 8, 0, static_cast<int>(height) - 1, 0,
+                                   static_cast<int>(width) - 1),
+            nullptr);
+  (depth == 8 ? reinterpret_cast<void *&>(img.data8) : reinterpret_cast<void *&>(img.data16)) = m;
+  return img;
+}
+
 int root_code(vepra_error_t *e) { return vepra_error_root_cause(e)->code; }
 
 bool owns_nothing(const vepra_img_t &img) {
@@ -613,15 +630,9 @@ TEST_F(TiffTest, EmptyImagesReadWithoutMatrix) {
 // ---------------------------------------------------------------- writing
 
 TEST_F(TiffTest, WrittenLayoutIsByteExact) {
-  vepra_img_t img{};
-  img.width = 3;
-  img.height = 2;
-  img.samples_per_pixel = 1;
-  img.bits_per_sample[0] = 8;
-  img.photometric = 1;
+  vepra_img_t img = gray_record(3, 2, 8, 1);
   img.xres = 300;
   img.res_unit = 2;
-  ASSERT_EQ(vepra_mem_matrix_alloc(reinterpret_cast<void **>(&img.data8), 1, 0, 1, 0, 2), nullptr);
   for (int i = 0; i < 6; ++i) img.data8[i / 3][i % 3] = static_cast<uint8_t>(10 * i + 1);
   const std::string path = temp_path("out8.tif");
   ASSERT_EQ(vepra_img_write_tiff(path.c_str(), &img), nullptr);
@@ -654,13 +665,7 @@ TEST_F(TiffTest, WrittenLayoutIsByteExact) {
 }
 
 TEST_F(TiffTest, WritesSixteenBitAndOtherDepths) {
-  vepra_img_t img{};
-  img.width = 2;
-  img.height = 1;
-  img.samples_per_pixel = 1;
-  img.bits_per_sample[0] = 16;
-  img.photometric = 0;
-  ASSERT_EQ(vepra_mem_matrix_alloc(reinterpret_cast<void **>(&img.data16), 2, 0, 0, 0, 1), nullptr);
+  vepra_img_t img = gray_record(2, 1, 16, 0);
   img.data16[0][0] = 0x0102;
   img.data16[0][1] = 0xA0B0;
   const std::string path = temp_path("out16.tif");
@@ -845,19 +850,7 @@ TEST_F(TiffTest, ReadsFilesWrittenByLibtiff) {
 TEST_F(TiffTest, LibtiffReadsWhatWeWrite) {
   for (uint16_t bits : {8, 16}) {
     for (int photometric : {0, 1}) {
-      vepra_img_t img{};
-      img.width = 41;
-      img.height = 300;
-      img.samples_per_pixel = 1;
-      img.bits_per_sample[0] = bits;
-      img.photometric = photometric;
-      void *m = nullptr;
-      ASSERT_EQ(vepra_mem_matrix_alloc(&m, bits / 8, 0, 299, 0, 40), nullptr);
-      if (bits == 8) {
-        img.data8 = static_cast<uint8_t **>(m);
-      } else {
-        img.data16 = static_cast<uint16_t **>(m);
-      }
+      vepra_img_t img = gray_record(41, 300, bits, photometric);
       for (uint32_t r = 0; r < img.height; ++r) {
         for (uint32_t c = 0; c < img.width; ++c) {
           const uint32_t v = sample_at(r, c, bits);
