@@ -5,19 +5,17 @@
 #include <string>
 #include <vector>
 
+#include "containers/container_ids.hpp"
 #include "support/test_support.hpp"
 #include "vepra_cdl.h"
 
 namespace {
 
 using vepra_test::take_printed;
+using vepra_test::id;
+using vepra_test::id_of;
+using vepra_test::record;
 
-void *id(int k) { return reinterpret_cast<void *>(static_cast<uintptr_t>(k)); }
-int id_of(const void *p) { return static_cast<int>(reinterpret_cast<uintptr_t>(p)); }
-
-void record(uint32_t, void *data, void *user) {
-  static_cast<std::vector<int> *>(user)->push_back(id_of(data));
-}
 vepra_error_t *record_err(uint32_t, void *data, void *user) {
   record(0, data, user);
   return nullptr;

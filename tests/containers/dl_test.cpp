@@ -7,20 +7,17 @@
 #include <string>
 #include <vector>
 
+#include "containers/container_ids.hpp"
 #include "support/test_support.hpp"
 #include "vepra_dl.h"
 
 namespace {
 
 using vepra_test::take_printed;
-
-void *id(int k) { return reinterpret_cast<void *>(static_cast<uintptr_t>(k)); }
-int id_of(const void *p) { return static_cast<int>(reinterpret_cast<uintptr_t>(p)); }
-
-// A caller's error without source location, as a callback would return.
-vepra_error_t *user_error(int code, const char *message) {
-  return vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, message);
-}
+using vepra_test::id;
+using vepra_test::id_of;
+using vepra_test::record;
+using vepra_test::user_error;
 
 struct Item {
   int id;
@@ -484,7 +481,7 @@ TEST_P(DlFlavourTest, WalksStopByTheirRules) {
   EXPECT_EQ(slot, nullptr);
   vepra_error_clear(e);
   w = {};
-  vepra_dl_walk(from, [](uint32_t, void *d, void *u) { static_cast<WalkLog *>(u)->seen.push_back(id_of(d)); }, &w);
+  vepra_dl_walk(from, record, &w.seen);
   EXPECT_EQ(w.seen, (std::vector<int>{1, 2, 3, 4}));
   destroy(&from);
 }

@@ -7,24 +7,18 @@
 #include <string>
 #include <vector>
 
+#include "containers/container_ids.hpp"
 #include "support/test_support.hpp"
 #include "vepra_tree.h"
 
 namespace {
 
 using vepra_test::take_printed;
+using vepra_test::id;
+using vepra_test::id_of;
+using vepra_test::record;
+using vepra_test::user_error;
 
-void *id(int k) { return reinterpret_cast<void *>(static_cast<uintptr_t>(k)); }
-int id_of(const void *p) { return static_cast<int>(reinterpret_cast<uintptr_t>(p)); }
-
-vepra_error_t *user_error(int code, const char *message) {
-  return vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, message);
-}
-
-// Callbacks that append the id they see to a std::vector<int>.
-void record(uint32_t, void *data, void *user) {
-  static_cast<std::vector<int> *>(user)->push_back(id_of(data));
-}
 void record_deleted(uint32_t, void *data, void *user, void *links) {
   EXPECT_NE(links, nullptr);
   record(0, data, user);
