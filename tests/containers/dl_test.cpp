@@ -218,35 +218,6 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
   }
 }
 
-TEST_P(DlFlavourTest, AddingSetsTheHandleOnlyForAnEmptyList) {
-  vepra_dl_t *list = nullptr, *made = nullptr;
-  ASSERT_EQ(append(&list, 1, 1, &made), nullptr);
-  EXPECT_EQ(list, made);
-  EXPECT_EQ(made->flags, 0u);
-  ASSERT_EQ(append(&list, 2, 2), nullptr);
-  ASSERT_EQ(append(&list, 3, 3), nullptr);
-  vepra_dl_t *third = vepra_dl_get_n(list, 2);
-  list = third;
-  ASSERT_EQ(prepend(&list, 0, 0, &made), nullptr);
-  EXPECT_EQ(list, third);
-  EXPECT_EQ(vepra_dl_get_first(third), made);
-  EXPECT_EQ(vepra_dl_get_n(vepra_dl_get_last(list), 0), made);
-  destroy(&list);
-}
-
-TEST_P(DlFlavourTest, DeleteObjMovesTheHandleOffTheRemovedNode) {
-  vepra_dl_t *list = build({1, 2, 3});
-  list = vepra_dl_get_n(list, 1);
-  heap() ? vepra_dlm_delete_obj(&list, id(2)) : vepra_dl_delete_obj(&list, id(2));
-  EXPECT_EQ(id_of(list->data), 3);
-  heap() ? vepra_dlm_delete_obj(&list, id(3)) : vepra_dl_delete_obj(&list, id(3));
-  EXPECT_EQ(id_of(list->data), 1);  // no next: falls back to the previous node
-  heap() ? vepra_dlm_delete_obj(&list, nullptr) : vepra_dl_delete_obj(&list, nullptr);
-  EXPECT_EQ(vepra_dl_count(list), 1u);
-  heap() ? vepra_dlm_delete_obj(&list, id(1)) : vepra_dl_delete_obj(&list, id(1));
-  EXPECT_EQ(list, nullptr);
-}
-
 // Destruction order: the handle's predecessors backwards, then forwards
 // from the handle; the handle always names the next forward node.
 struct DestroyLog {
