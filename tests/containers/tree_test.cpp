@@ -492,6 +492,14 @@ TEST_F(TreeTest, HeapAllocationFailuresLeaveTheTreeUnchanged) {
                   "Error(120012): Unable to append child Tree node. " + inner);
         EXPECT_EQ(root->child, nullptr);
       });
+  vepra_test::for_each_allocation_failure(
+      [] {
+        vepra_tree_t *node = nullptr;
+        vepra_error_t *e = vepra_treem_create(4, id(4), &node);
+        vepra_treem_node_delete(node);
+        return e;
+      },
+      [&](vepra_error_t *e, long) { EXPECT_EQ(take_printed(vepra_error_dup(e)), inner.substr(1)); });
   EXPECT_EQ(preorder(tree), (std::vector<int>{1, 3, 2}));
   std::vector<int> order;
   vepra_treem_destroy_func(&tree, record_deleted, &order);
