@@ -26,6 +26,12 @@ static int count_lines(const char *line, FILE *stream) {
 
 int main(void) {
   vepra_error_t *err;
+  vepra_dl_t *list = NULL;
+  vepra_tree_t *tree = NULL;
+  vepra_trie_t *trie = NULL;
+  vepra_strlist_t *strings = NULL;
+  uint64_t hist[4] = {1, 0, 0, 1};
+  int payload = 42;
   void *block = NULL;
   char buf[32];
   int lines = 0;
@@ -45,6 +51,17 @@ int main(void) {
   CHECK(vepra_str_snprintf(buf, sizeof buf, "%d-%s", 7, "x") == 3 && strcmp(buf, "7-x") == 0);
   CHECK(strcmp(vepra_util_basename("/a/b.c", buf, sizeof buf), "b.c") == 0);
   CHECK(vepra_time_real() > 0.0);
+  CHECK(vepra_str_is_integer("+12") == 1);
+
+  CHECK(vepra_dl_create(1, &payload, &list, vepra_pool) == NULL);
+  CHECK(vepra_dl_count(list) == 1);
+  CHECK(vepra_tree_create(2, &payload, &tree, vepra_pool) == NULL);
+  CHECK(vepra_tree_count(tree) == 1);
+  CHECK(vepra_trie_create(&trie, vepra_pool) == NULL);
+  CHECK(vepra_trie_insert(trie, "key", 3, &payload, vepra_pool) == NULL);
+  CHECK(vepra_trie_search(trie, "key", 3) == &payload);
+  CHECK(vepra_strlist_create(&strings, vepra_pool) == NULL);
+  CHECK(vepra_img_thres_IJ(4, hist) > 0.0);
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);
