@@ -79,8 +79,8 @@ run_fuzzers() {  # BUILD_DIR; prints one line per fuzzer, returns failures
     seconds=$(fuzz_seconds "$name")
     corpus=$dir/fuzz-runs/$name-corpus
     rm -rf "$corpus" && mkdir -p "$corpus"
-    local seeds=$ROOT/fuzz/corpus/${name%_fuzzer}
-    [ -d "$seeds" ] && cp -r "$seeds"/. "$corpus"/
+    local starters=$ROOT/fuzz/corpus/${name%_fuzzer}
+    [ -d "$starters" ] && cp -r "$starters"/. "$corpus"/
     ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1 \
       "$f" -max_total_time="$seconds" -rss_limit_mb=4096 -timeout=10 -print_final_stats=1 \
       -artifact_prefix="$dir/fuzz-runs/$name-" "$corpus" > "$dir/fuzz-runs/$name.log" 2>&1 &

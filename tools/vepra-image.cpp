@@ -456,7 +456,7 @@ struct Spot {
   double x, y, sigma, amplitude;
 };
 
-vepra_error_t *synthesize(const std::string &out, uint32_t w, uint32_t h, uint64_t seed) {
+vepra_error_t *synthesize(const std::string &out, uint32_t w, uint32_t h, uint64_t pattern) {
   Image img;
   img.rec.width = w;
   img.rec.height = h;
@@ -469,7 +469,7 @@ vepra_error_t *synthesize(const std::string &out, uint32_t w, uint32_t h, uint64
   img.rec.data16 = static_cast<uint16_t **>(m);
   if (e != nullptr) return wrap(e, "Cannot create sample scan.");
 
-  Random rng{seed};
+  Random rng{pattern};
   std::vector<Spot> spots;
   const double scale = std::min(w, h);
   for (int i = 0; i < 14; ++i) {
@@ -499,13 +499,13 @@ vepra_error_t *synthesize(const std::string &out, uint32_t w, uint32_t h, uint64
 int run_synth(const Args &args) {
   if (!args.operands.empty()) return report(fail(0, "'synth' takes no input file."), kUsage);
   if (!args.has("--output")) return report(fail(0, "'synth' needs -o OUT.tif."), kUsage);
-  unsigned long w = 512, h = 512, seed = 1;
+  unsigned long w = 512, h = 512, pattern = 1;
   for (auto [name, max, value] : {std::tuple{"--width", 16384ul, &w},
                                   std::tuple{"--height", 16384ul, &h},
-                                  std::tuple{"--seed", std::numeric_limits<unsigned long>::max(), &seed}}) {
+                                  std::tuple{"--pattern", std::numeric_limits<unsigned long>::max(), &pattern}}) {
     if (vepra_error_t *e = parse_count(args, name, max, value)) return report(e, kUsage);
   }
-  return report(synthesize(args.get("--output"), uint32_t(w), uint32_t(h), seed));
+  return report(synthesize(args.get("--output"), uint32_t(w), uint32_t(h), pattern));
 }
 
 // ------------------------------------------------------------------ main
@@ -543,13 +543,13 @@ const Command kCommands[] = {
      "Infinite values (black pixels of BlackIsZero images) are written as the\n"
      "largest finite value.\n",
      {"--output", "--saturated"}, run_density},
-    {"synth", "-o OUT.tif [--width W] [--height H] [--seed N]",
+    {"synth", "-o OUT.tif [--width W] [--height H] [--pattern N]",
      "Writes a synthetic 16-bit BlackIsZero sample scan: a background\n"
      "gradient, bright spots (one of them saturated) and noise. The same\n"
      "options always give the same image.\n"
      "  --width W, --height H   size in pixels (default 512 x 512)\n"
-     "  --seed N                seed of the spots and the noise (default 1)\n",
-     {"--output", "--width", "--height", "--seed"}, run_synth},
+     "  --pattern N             which random pattern of spots and noise (default 1)\n",
+     {"--output", "--width", "--height", "--pattern"}, run_synth},
 };
 
 void print_usage(FILE *stream) {

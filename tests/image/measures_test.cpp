@@ -50,8 +50,8 @@ class Image {
     else rec_.data16[r][c] = static_cast<uint16_t>(v);
   }
   // Random samples with runs of equal values and both extremes present.
-  void randomize(uint32_t seed) {
-    std::mt19937 rng(seed);
+  void randomize(uint32_t pattern) {
+    std::mt19937 rng(pattern);
     uint32_t v = 0;
     for (uint32_t r = 0; r < rec_.height; ++r) {
       for (uint32_t c = 0; c < rec_.width; ++c) {
@@ -128,12 +128,12 @@ const Kind kKinds[] = {{8, 0}, {8, 1}, {16, 0}, {16, 1}};
 class MeasuresTest : public vepra_test::LibraryTest {};
 
 TEST_F(MeasuresTest, HistogramAndEntropyMatchIndependentCounts) {
-  uint32_t seed = 1;
+  uint32_t pattern = 1;
   for (const Kind &k : kKinds) {
     // Widths that are not multiples of four reach the tail of the 8-bit loop.
     for (auto [h, w] : {std::pair{37u, 53u}, std::pair{1u, 3u}, std::pair{300u, 250u}}) {
       Image img(h, w, k.bits, k.photometric);
-      img.randomize(seed++);
+      img.randomize(pattern++);
       std::map<uint32_t, uint64_t> counts;
       for (uint32_t r = 0; r < h; ++r)
         for (uint32_t c = 0; c < w; ++c) ++counts[img.at(r, c)];
@@ -232,10 +232,10 @@ TEST_F(MeasuresTest, ThresholdFollowsTheIterativeRule) {
 }
 
 TEST_F(MeasuresTest, MaskMarksEverythingButWhite) {
-  uint32_t seed = 100;
+  uint32_t pattern = 100;
   for (const Kind &k : kKinds) {
     Image img(23, 41, k.bits, k.photometric);
-    img.randomize(seed++);
+    img.randomize(pattern++);
     Doubles mask(23, 41);
     ASSERT_EQ(vepra_img_data_dmask(img.get(), mask.get()), nullptr);
     const uint32_t white = k.photometric == 0 ? 0 : img.full();
@@ -274,13 +274,13 @@ TEST_F(MeasuresTest, PslAndDensityAreBitIdenticalToTheFormula) {
     double px, sens, lat, saturated;
   };
   const Params params[] = {{100, 4000, 5, 9.5}, {50, 1000, 4, -1.0}, {25, 0, 5, 0.0}};
-  uint32_t seed = 200;
+  uint32_t pattern = 200;
   for (const Kind &k : kKinds) {
     for (auto [h, w] : {std::pair{5u, 7u}, std::pair{300u, 250u}}) {
       for (const Params &p : params) {
         for (bool fail_table : {false, true}) {
           Image img(h, w, k.bits, k.photometric);
-          img.randomize(seed++);
+          img.randomize(pattern++);
           Doubles psl(h, w), density(h, w);
           if (fail_table) vepra::testing::fail_allocation_at(1);
           ASSERT_EQ(vepra_img_calc_fujiri(img.get(), psl.get(), p.px, p.sens, p.lat), nullptr);

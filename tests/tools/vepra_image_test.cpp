@@ -103,17 +103,17 @@ class VepraImageTest : public ::testing::Test {
 
 TEST_F(VepraImageTest, SynthInfoStatsAndMeasures) {
   const std::string scan = temp_path("scan.tif");
-  ToolRun r = run_tool({"synth", "-o", scan, "--width", "64", "--height", "48", "--seed", "5"});
+  ToolRun r = run_tool({"synth", "-o", scan, "--width", "64", "--height", "48", "--pattern", "5"});
   ASSERT_EQ(r.status, 0) << r.err;
   const Pixels px = read_with_libtiff(scan);
   ASSERT_EQ(px.width, 64u);
   ASSERT_EQ(px.height, 48u);
   ASSERT_EQ(px.bits, 16);
   EXPECT_EQ(px.photometric, PHOTOMETRIC_MINISBLACK);
-  // Deterministic, and the seed matters; a spot saturates the scale.
+  // Deterministic, and the pattern matters; a spot saturates the scale.
   const std::string again = temp_path("again.tif"), other = temp_path("other.tif");
-  ASSERT_EQ(run_tool({"synth", "-o", again, "--width=64", "--height=48", "--seed=5"}).status, 0);
-  ASSERT_EQ(run_tool({"synth", "-o", other, "--width=64", "--height=48", "--seed=6"}).status, 0);
+  ASSERT_EQ(run_tool({"synth", "-o", again, "--width=64", "--height=48", "--pattern=5"}).status, 0);
+  ASSERT_EQ(run_tool({"synth", "-o", other, "--width=64", "--height=48", "--pattern=6"}).status, 0);
   EXPECT_EQ(slurp(scan), slurp(again));
   EXPECT_NE(slurp(scan), slurp(other));
   EXPECT_EQ(*std::max_element(px.samples.begin(), px.samples.end()), 65535u);
