@@ -1,208 +1,139 @@
-// Typed token parsing, checked against a small reference parser written
-// from the tokenizer's state table.
+// Typed token parsing, checked against the tokenizer model and the C
+// library's conversions.
 #include <cerrno>
-#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "support/test_support.hpp"
+#include "text/tokenizer_model.hpp"
 #include "vepra_prsd.h"
 
 namespace {
 
-class PrsdTest : public vepra_test::LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    vepra_prsd_clear_p(&rec_);
-  }
-  vepra_prsd_t rec_{};
-};
+class PrsdTest : public vepra_test::LibraryTest {};
 
-struct Token {
-  uint32_t kind;
-  long i;
-  double d;
-  std::string s;
-  bool operator==(const Token &o) const {
-    return kind == o.kind && (kind != 1 || i == o.i) &&
-           (kind != 2 || (d == o.d || (std::isnan(d) && std::isnan(o.d)))) && (kind != 3 || s == o.s);
-  }
-};
+using Tokens = std::vector<std::string>;
 
-std::ostream &operator<<(std::ostream &os, const Token &t) {
-  return os << "{" << t.kind << "," << t.i << "," << t.d << ",'" << t.s << "'}";
+// A token as text: its kind ('i', 'd' or 's') followed by its value.
+std::string as_text(char kind, long i, double d, const std::string &s) {
+  char num[40];
+  std::snprintf(num, sizeof num, "%.17g", d);
+  return kind + (kind == 'i' ? std::to_string(i) : kind == 'd' ? num : s);
 }
 
-// Classification by the C library: a whole-string strtol, else strtod.
-Token classify(const std::string &text) {
+// Classification by the C library: a whole-string strtol (low 32 bits
+// kept), else strtod, else a string.
+std::string classify(const std::string &text) {
   const char *s = text.c_str();
   char *end = nullptr;
   errno = 0;
   long i = std::strtol(s, &end, 10);
   if (!(errno == ERANGE || (i == 0 && errno != 0)) && end != s && *end == '\0')
-    return {1, static_cast<int32_t>(static_cast<uint32_t>(i)), 0, ""};
+    return as_text('i', static_cast<int32_t>(static_cast<uint32_t>(i)), 0, "");
   errno = 0;
   double d = std::strtod(s, &end);
-  if (!(errno == ERANGE || (d == 0 && errno != 0)) && end != s && *end == '\0') return {2, 0, d, ""};
-  return {3, 0, 0, text};
+  if (!(errno == ERANGE || (d == 0 && errno != 0)) && end != s && *end == '\0')
+    return as_text('d', 0, d, "");
+  return as_text('s', 0, 0, text);
 }
 
-// The state table, one character at a time with a token buffer.
-struct RefParser {
-  int state = 0;
-  std::vector<Token> tokens;
-  void line(const std::string &l, const std::string &seps) {
-    std::string buf;
-    auto is_sep = [&](char c) { return seps.find(c) != std::string::npos; };
-    auto end = [&] {
-      if (!buf.empty()) tokens.push_back(classify(buf));
-      buf.clear();
-      state = 0;
-    };
-    for (char c : l) {
-      if (state == 0 || state == 3) {
-        if (is_sep(c)) continue;
-        if (c == '\\') {
-          state = 3;
-        } else if (c == '"') {
-          state = 2;
-          buf.clear();
-        } else {
-          buf = std::string(1, c);
-          state = 1;
-        }
-      } else if (state == 1) {
-        if (is_sep(c)) end();
-        else buf += c;
-      } else {
-        if (c == '"') end();
-        else buf += c;
-      }
-    }
-    if (!buf.empty()) tokens.push_back(classify(buf));
-  }
-};
-
-std::vector<Token> tokens_of(const vepra_prsd_t &rec) {
-  std::vector<Token> out;
-  for (int k = 0; k < rec.n_tokens; ++k) {
-    const vepra_prsd_token_t &t = rec.tokens[k];
-    out.push_back({t.kind, t.kind == 1 ? t.value_int : 0, t.kind == 2 ? t.value_double : 0,
-                   t.kind == 3 ? t.value_string : ""});
-  }
+Tokens tokens_of(const vepra_prsd_t &rec) {
+  Tokens out;
+  for (const vepra_prsd_token_t &t : std::vector(rec.tokens, rec.tokens + rec.n_tokens))
+    out.push_back(as_text(t.kind <= 3 ? " ids"[t.kind] : '?', t.value_int, t.value_double,
+                          t.kind == VEPRA_PRSD_STRING ? t.value_string : ""));
   return out;
 }
 
-TEST_F(PrsdTest, TypesTokens) {
-  EXPECT_EQ(vepra_prsd_parse_p(&rec_, "12 3.5 abc", " ", pool_), 0);
-  ASSERT_EQ(rec_.n_tokens, 3);
-  EXPECT_EQ(rec_.n_integer, 1u);
-  EXPECT_EQ(rec_.n_double, 1u);
-  EXPECT_EQ(rec_.n_string, 1u);
-  EXPECT_EQ(rec_.tokens[0].kind, 1u);
-  EXPECT_EQ(rec_.tokens[0].value_int, 12);
-  EXPECT_EQ(rec_.tokens[1].kind, 2u);
-  EXPECT_EQ(rec_.tokens[1].value_double, 3.5);
-  EXPECT_EQ(rec_.tokens[2].kind, 3u);
-  EXPECT_STREQ(rec_.tokens[2].value_string, "abc");
-  EXPECT_EQ(rec_.state, 1u) << "a line ending in a plain token leaves state 1";
-  EXPECT_EQ(vepra_prsd_incomplete(&rec_), 0);
-
-  vepra_prsd_clear_p(&rec_);
-  vepra_prsd_parse_p(&rec_, "x \"a b\" 4294967297 1e3 \"\"", " ", pool_);
-  std::vector<Token> want = {{3, 0, 0, "x"}, {3, 0, 0, "a b"}, {1, 1, 0, ""}, {2, 0, 1000, ""}};
-  EXPECT_EQ(tokens_of(rec_), want) << "quoted blank kept, 32-bit truncation, empty quote dropped";
-  EXPECT_EQ(rec_.state, 0u);
-}
-
-TEST_F(PrsdTest, BackslashContinuesTheRecord) {
-  vepra_prsd_parse_p(&rec_, "abc \\", " ", pool_);
-  EXPECT_EQ(vepra_prsd_incomplete(&rec_), 1);
-  EXPECT_EQ(rec_.state, 3u);
-  vepra_prsd_parse_p(&rec_, "  7", " ", pool_);
-  EXPECT_EQ(vepra_prsd_incomplete(&rec_), 0);
-  ASSERT_EQ(rec_.n_tokens, 2);
-  EXPECT_EQ(rec_.tokens[1].value_int, 7);
-  // An open quote runs to the end of the line; the next line goes on in
-  // the quoted state with a new token.
-  // The line ended inside the plain token 7: a quote at the start of the
-  // next line belongs to a new plain token.
-  EXPECT_EQ(rec_.state, 1u);
-  vepra_prsd_clear_p(&rec_);
-  vepra_prsd_parse_p(&rec_, "\"open a", " ", pool_);
-  EXPECT_EQ(rec_.state, 2u);
-  vepra_prsd_parse_p(&rec_, "b\" 1", " ", pool_);
-  std::vector<Token> want = {{3, 0, 0, "open a"}, {3, 0, 0, "b"}, {1, 1, 0, ""}};
-  EXPECT_EQ(tokens_of(rec_), want);
-
-  vepra_prsd_clear_p(&rec_);
-  EXPECT_EQ(rec_.n_tokens, 0);
-  EXPECT_EQ(rec_.tokens, nullptr);
-  EXPECT_EQ(vepra_prsd_incomplete(&rec_), 0);
-  EXPECT_EQ(vepra_prsd_incomplete(nullptr), 0);
-}
-
-TEST_F(PrsdTest, TokenArrayGrowsAndCountsRoomDown) {
-  std::string line;
-  for (int k = 0; k < 10; ++k) line += std::to_string(k) + " ";
-  vepra_prsd_parse_p(&rec_, line.c_str(), " ", pool_);
-  EXPECT_EQ(rec_.n_tokens, 10);
-  EXPECT_EQ(rec_.room, 0u);
-  vepra_prsd_parse_p(&rec_, "10", " ", pool_);
-  EXPECT_EQ(rec_.n_tokens, 11);
-  EXPECT_EQ(rec_.room, 9u);
-  line.clear();
-  for (int k = 11; k < 5000; ++k) line += std::to_string(k) + (k % 3 ? "," : ".5,");
-  vepra_prsd_parse_p(&rec_, line.c_str(), ",", pool_);
-  ASSERT_EQ(rec_.n_tokens, 5000);
-  for (int k = 0; k < 5000; ++k) {
-    const vepra_prsd_token_t &t = rec_.tokens[k];
-    if (k > 10 && k % 3 == 0) {
-      ASSERT_EQ(t.kind, 2u) << k;
-      ASSERT_EQ(t.value_double, k + 0.5);
-    } else {
-      ASSERT_EQ(t.kind, 1u) << k;
-      ASSERT_EQ(t.value_int, k);
-    }
+// Parses the lines into a cleared record and checks the state after each
+// line (one digit per line) and the counters at the end.
+Tokens parse(const Tokens &lines, const char *seps, const std::string &states, apr_pool_t *pool) {
+  vepra_prsd_t rec;
+  vepra_prsd_clear_p(&rec);
+  std::string got;
+  for (const std::string &l : lines) {
+    EXPECT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), seps, pool), 0);
+    EXPECT_EQ(vepra_prsd_incomplete(&rec), rec.state == VEPRA_PRSD_CONTINUED);
+    got += std::to_string(rec.state);
   }
+  EXPECT_EQ(got, states);
+  uint32_t counts[128] = {};
+  for (const std::string &t : tokens_of(rec)) ++counts[static_cast<unsigned char>(t[0])];
+  EXPECT_EQ(std::vector({rec.n_integer, rec.n_double, rec.n_string}),
+            std::vector({counts['i'], counts['d'], counts['s']}));
+  return tokens_of(rec);
 }
 
+TEST_F(PrsdTest, TypesTokensAndCarriesStateOver) {
+  const struct {
+    Tokens lines, want;
+    std::string states;
+  } cases[] = {
+      {{"12 3.5 abc"}, {"i12", "d3.5", "sabc"}, "1"},
+      // quoted blank kept, 32-bit truncation, empty quote dropped
+      {{"x \"a b\" 4294967297 1e3 \"\""}, {"sx", "sa b", "i1", "d1000"}, "0"},
+      {{"abc \\", "  7"}, {"sabc", "i7"}, "31"},
+      // an open quote runs to the end of the line and goes on in the next
+      {{"\"open a", "b\" 1"}, {"sopen a", "sb", "i1"}, "21"},
+  };
+  for (const auto &c : cases) EXPECT_EQ(parse(c.lines, " ", c.states, pool_), c.want) << c.lines[0];
+
+  vepra_prsd_t rec{};
+  vepra_prsd_parse_p(&rec, "abc \\", " ", pool_);
+  vepra_prsd_clear_p(&rec);
+  EXPECT_EQ(rec.n_tokens + rec.state, 0u);
+  EXPECT_EQ(rec.tokens, nullptr);
+  EXPECT_EQ(vepra_prsd_incomplete(nullptr), 0);
+  EXPECT_EQ(vepra_prsd_parse_p(&rec, nullptr, " ", pool_), 0);
+  EXPECT_EQ(vepra_prsd_parse_p(&rec, "1", " ", nullptr), 0);
+  EXPECT_EQ(vepra_prsd_parse_p(nullptr, "1", " ", pool_), 0);
+  EXPECT_EQ(rec.n_tokens, 0) << "a null argument does nothing";
+}
+
+// The model comparison below fills records of many tokens; here the
+// count of free entries after the first growth.
+TEST_F(PrsdTest, TokenArrayCountsRoomDown) {
+  vepra_prsd_t rec{};
+  vepra_prsd_parse_p(&rec, "0 1 2 3 4 5 6 7 8 9", " ", pool_);
+  EXPECT_EQ(rec.room, 0u);
+  vepra_prsd_parse_p(&rec, "10", " ", pool_);
+  EXPECT_EQ(rec.room, 9u);
+  EXPECT_EQ(tokens_of(rec).back(), "i10");
+}
+
+// Tokens of up to 1 MiB, and of every length around 64 bytes, where
+// the parser switches from a stack copy to a pool copy.
 TEST_F(PrsdTest, LongTokensAreWhole) {
-  std::string big(1 << 20, 'x');
-  vepra_prsd_parse_p(&rec_, ("a " + big + " \"" + big + "\"").c_str(), " ", pool_);
-  ASSERT_EQ(rec_.n_tokens, 3);
-  EXPECT_EQ(rec_.tokens[1].value_string, big);
-  EXPECT_EQ(rec_.tokens[2].value_string, big);
-  std::string digits(1 << 20, '7');
-  vepra_prsd_parse_p(&rec_, digits.c_str(), "", pool_);
-  ASSERT_EQ(rec_.n_tokens, 4);
-  EXPECT_EQ(rec_.tokens[3].kind, 3u) << "too large even for a double";
+  std::string big(1 << 20, 'x'), digits(1 << 20, '7'), line = "\"" + big + "\" ";
+  Tokens want{"s" + big};
+  for (size_t n = 60; n < 70; ++n) {
+    line += std::string(n, 'y') + " " + std::string(n, '7') + " ";
+    want.push_back("s" + std::string(n, 'y'));
+    want.push_back(classify(std::string(n, '7')));
+  }
+  want.push_back("s" + digits);  // too large even for a double
+  EXPECT_EQ(parse({line, digits}, " ", "01", pool_), want);
 }
 
-TEST_F(PrsdTest, MatchesReferenceParser) {
+TEST_F(PrsdTest, MatchesModel) {
   std::mt19937 rng(17);
   const char alphabet[] = "0123456789.e-+ ,x\"\\";
   std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), len(0, 30), lines(1, 4);
   for (int round = 0; round < 3000; ++round) {
-    std::string seps = round % 4 == 0 ? "" : round % 4 == 1 ? " " : " ,";
-    vepra_prsd_t rec{};
-    RefParser ref;
-    for (int n = lines(rng); n > 0; --n) {
-      std::string l;
+    TokenizerModel model{round % 4 == 0 ? "" : round % 4 == 1 ? " " : " ,", true};
+    Tokens text(static_cast<size_t>(lines(rng)));
+    std::string states;
+    for (std::string &l : text) {
       for (int k = len(rng); k > 0; --k) l += alphabet[ch(rng)];
-      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), seps.c_str(), pool_), 0);
-      ref.line(l, seps);
-      ASSERT_EQ(tokens_of(rec), ref.tokens) << "line '" << l << "' seps '" << seps << "'";
-      ASSERT_EQ(rec.state, static_cast<uint32_t>(ref.state));
+      model.feed(l);
+      model.flush();  // a token is always a run of one line
+      states += std::to_string(model.state);
     }
-    uint32_t ints = 0, doubles = 0, strings = 0;
-    for (const Token &t : ref.tokens) (t.kind == 1 ? ints : t.kind == 2 ? doubles : strings)++;
-    EXPECT_EQ(rec.n_integer, ints);
-    EXPECT_EQ(rec.n_double, doubles);
-    EXPECT_EQ(rec.n_string, strings);
+    Tokens want;
+    for (const std::string &t : model.tokens) want.push_back(classify(t));
+    ASSERT_EQ(parse(text, model.seps.c_str(), states, pool_), want)
+        << "seps '" << model.seps << "' lines " << testing::PrintToString(text);
   }
 }
 
