@@ -1,5 +1,6 @@
 // Typed token parsing, checked against the tokenizer model and the C
 // library's conversions.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -58,11 +59,14 @@ Tokens parse(const Tokens &lines, const char *seps, const std::string &states, a
     got += std::to_string(rec.state);
   }
   EXPECT_EQ(got, states);
-  uint32_t counts[128] = {};
-  for (const std::string &t : tokens_of(rec)) ++counts[static_cast<unsigned char>(t[0])];
+  Tokens tokens = tokens_of(rec);
+  auto count = [&](char kind) {
+    return static_cast<uint32_t>(std::count_if(tokens.begin(), tokens.end(),
+                                               [&](const std::string &t) { return t[0] == kind; }));
+  };
   EXPECT_EQ(std::vector({rec.n_integer, rec.n_double, rec.n_string}),
-            std::vector({counts['i'], counts['d'], counts['s']}));
-  return tokens_of(rec);
+            std::vector({count('i'), count('d'), count('s')}));
+  return tokens;
 }
 
 TEST_F(PrsdTest, TypesTokensAndCarriesStateOver) {
