@@ -3,6 +3,8 @@
 // formulas evaluated with pow/log10 at every pixel.
 #include <benchmark/benchmark.h>
 
+#include "bench_main.hpp"
+
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -187,12 +189,6 @@ BENCHMARK(BM_DensityPerPixel16)->Unit(benchmark::kMillisecond)->Iterations(2);
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (vepra_initialize() != 0) return 1;
-  output();  // allocate and touch the 512 MiB of results before timing
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  vepra_terminate();
-  return 0;
+  // Allocate and touch the 512 MiB of results before timing.
+  return vepra_bench::run(argc, argv, [] { output(); });
 }

@@ -9,6 +9,8 @@
 //   Write:       our writer, libtiff's scanline writer, and one write() of
 //                the same bytes (the limit).
 #include <benchmark/benchmark.h>
+
+#include "bench_main.hpp"
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <tiffio.h>
@@ -288,14 +290,11 @@ BENCHMARK(BM_WriteOnce)->Arg(8)->Arg(16)->ArgName("bits")->Unit(benchmark::kMill
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (vepra_initialize() != 0) return 1;
-  TIFFSetWarningHandler(nullptr);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  vepra_terminate();
-  for (const char *name : {"in8_8192", "in8_64", "in16_8192", "in16_64", "small", "out"}) {
-    std::remove(temp_file(name).c_str());
-  }
-  return 0;
+  return vepra_bench::run(
+      argc, argv, [] { TIFFSetWarningHandler(nullptr); },
+      [] {
+        for (const char *name : {"in8_8192", "in8_64", "in16_8192", "in16_64", "small", "out"}) {
+          std::remove(temp_file(name).c_str());
+        }
+      });
 }

@@ -6,6 +6,8 @@
 // the tries, what their records strictly need ("layout/key": inner nodes,
 // leaves and key copies) and the number of inner nodes a key.
 #include <benchmark/benchmark.h>
+
+#include "bench_main.hpp"
 #include <malloc.h>
 
 #include <algorithm>
@@ -198,12 +200,4 @@ VEPRA_TRIE_BENCH(Delete)
 
 }  // namespace
 
-int main(int argc, char **argv) {
-  if (vepra_initialize() != 0) return 1;
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  vepra_terminate();
-  return 0;
-}
+int main(int argc, char **argv) { return vepra_bench::run(argc, argv); }
