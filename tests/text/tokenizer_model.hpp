@@ -1,20 +1,16 @@
-// Reference model of the tokenizer state table shared by the string-list
-// tokenizer and the typed parser, one character at a time: between tokens
-// separators are skipped and a double quote opens a quoted token; a plain
-// token ends at a separator, a quoted one at the next double quote. With
-// continuation set, a backslash between tokens is dropped and leaves the
-// typed parser's continued state.
+// Reference tokenizer of the string-list and typed-parser tests, one
+// character at a time. With continuation set, a backslash between tokens
+// is dropped and leaves the continued state.
 #ifndef VEPRA_TESTS_TEXT_TOKENIZER_MODEL_HPP
 #define VEPRA_TESTS_TEXT_TOKENIZER_MODEL_HPP
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
 struct TokenizerModel {
   std::string seps;
   bool continuation = false;
-  uint32_t state = 0;  // 0 between, 1 plain, 2 quoted, 3 continued
+  int state = 0;  // 0 between, 1 plain, 2 quoted, 3 continued
   std::string buf{};
   std::vector<std::string> tokens{};
 
