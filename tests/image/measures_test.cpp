@@ -1,6 +1,5 @@
 // Histogram, entropy, IsoData threshold, data mask, PSL and optical density,
-// checked against counts in a std::map and the formulas evaluated here per
-// pixel.
+// checked against counts in a std::map and the formulas evaluated per pixel.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -9,6 +8,8 @@
 #include <map>
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "support/test_support.hpp"
@@ -19,51 +20,41 @@ namespace {
 
 using vepra_test::take_printed;
 
-// An image record with its own pixel matrix (rows 0..h-1, columns 0..w-1).
-class Image {
- public:
-  Image(uint32_t height, uint32_t width, uint32_t bits, int32_t photometric) {
-    rec_.height = height;
-    rec_.width = width;
-    rec_.samples_per_pixel = 1;
-    rec_.bits_per_sample[0] = bits;
-    rec_.photometric = photometric;
-    if (height == 0 || width == 0) return;
+// An image record with its own pixel matrix, filled with random samples
+// (runs of equal values, both extremes present), and a row-major copy of them.
+struct Image {
+  Image(uint32_t height, uint32_t width, uint32_t bits, int32_t photometric, uint32_t pattern = 0)
+      : full(bits == 8 ? 255 : 65535), samples(size_t{height} * width) {
+    rec.height = height, rec.width = width, rec.samples_per_pixel = 1;
+    rec.bits_per_sample[0] = bits, rec.photometric = photometric;
     void *m = nullptr;
-    EXPECT_EQ(vepra_mem_matrix_alloc(&m, bits / 8, 0, int(height) - 1, 0, int(width) - 1), nullptr);
-    (bits == 8 ? reinterpret_cast<void *&>(rec_.data8) : reinterpret_cast<void *&>(rec_.data16)) = m;
-  }
-  Image(const Image &) = delete;
-  ~Image() {
-    void *m = rec_.data8 != nullptr ? static_cast<void *>(rec_.data8) : rec_.data16;
-    vepra_mem_matrix_free(m, rec_.bits_per_sample[0] / 8, 0, int(rec_.height) - 1, 0);
-  }
-  vepra_img_t *get() { return &rec_; }
-  uint32_t full() const { return rec_.bits_per_sample[0] == 8 ? 255 : 65535; }
-  uint32_t at(uint32_t i) const {
-    const uint32_t r = i / rec_.width, c = i % rec_.width;
-    return rec_.data8 != nullptr ? rec_.data8[r][c] : rec_.data16[r][c];
-  }
-  uint32_t size() const { return rec_.height * rec_.width; }
-  void set(uint32_t i, uint32_t v) {
-    const uint32_t r = i / rec_.width, c = i % rec_.width;
-    if (rec_.data8 != nullptr) rec_.data8[r][c] = static_cast<uint8_t>(v);
-    else rec_.data16[r][c] = static_cast<uint16_t>(v);
-  }
-  // Random samples with runs of equal values and both extremes present.
-  Image &randomize(uint32_t pattern) {
+    if (!samples.empty()) {
+      EXPECT_EQ(vepra_mem_matrix_alloc(&m, bits / 8, 0, int(height) - 1, 0, int(width) - 1),
+                nullptr);
+    }
+    (bits == 8 ? reinterpret_cast<void *&>(rec.data8) : reinterpret_cast<void *&>(rec.data16)) = m;
     std::mt19937 rng(pattern);
     uint32_t v = 0;
-    for (uint32_t i = 0; i < size(); ++i) {
-      if (rng() % 4 != 0) v = rng() % (full() + 1);
-      if (rng() % 50 == 0) v = rng() % 2 == 0 ? 0 : full();
+    for (uint32_t i = 0; i < samples.size(); ++i) {
+      if (rng() % 4 != 0) v = rng() % (full + 1);
+      if (rng() % 50 == 0) v = rng() % 2 == 0 ? 0 : full;
       set(i, v);
     }
-    return *this;
+  }
+  Image(const Image &) = delete;
+  ~Image() { vepra_img_free(&rec); }
+  void set(uint32_t i, uint32_t v) {
+    const uint32_t r = i / rec.width, c = i % rec.width;
+    samples[i] = v;
+    if (rec.data8 != nullptr)
+      rec.data8[r][c] = static_cast<uint8_t>(v);
+    else
+      rec.data16[r][c] = static_cast<uint16_t>(v);
   }
 
- private:
-  vepra_img_t rec_{};
+  vepra_img_t rec{};
+  uint32_t full;
+  std::vector<uint32_t> samples;
 };
 
 // A matrix of doubles, pre-filled with a marker to see what was written.
@@ -72,7 +63,7 @@ struct Doubles {
   Doubles(uint32_t rows, uint32_t cols) : data(size_t{rows} * cols, kMarker) {
     for (uint32_t r = 0; r < rows; ++r) ptrs.push_back(data.data() + size_t{r} * cols);
   }
-  double at(uint32_t i) const { return data[i]; }
+  Doubles(const Doubles &) = delete;  // the row pointers would still point at the original
   bool untouched() const { return data == std::vector<double>(data.size(), kMarker); }
   std::vector<double> data;
   std::vector<double *> ptrs;
@@ -88,72 +79,59 @@ uint64_t bits_of(double v) {
 // step, products in 64-bit integers, sums in double.
 double reference_threshold(const std::vector<uint64_t> &h) {
   const size_t n = h.size();
-  size_t min = n - 1, max = 0;
-  for (size_t i = 0; i + 1 < n; ++i) {
-    if (h[i] != 0) { min = i; break; }
-  }
-  for (size_t i = n - 1; i >= 1; --i) {
-    if (h[i] != 0) { max = i; break; }
-  }
+  size_t min = 0, max = n - 1;
+  while (min + 1 < n && h[min] == 0) ++min;  // n - 1 when bins 0..n-2 are empty
+  while (max >= 1 && h[max] == 0) --max;     // 0 when bins 1..n-1 are empty
   if (max <= min) return double(n) * 0.5;
   for (size_t m = min;; ++m) {
     double s1 = 0, s2 = 0, s3 = 0, s4 = 0;
-    for (size_t i = min; i <= m; ++i) { s1 += double(uint64_t(i) * h[i]); s2 += double(h[i]); }
-    for (size_t i = m + 1; i <= max; ++i) { s3 += double(uint64_t(i) * h[i]); s4 += double(h[i]); }
+    for (size_t i = min; i <= m; ++i) s1 += double(uint64_t(i) * h[i]), s2 += double(h[i]);
+    for (size_t i = m + 1; i <= max; ++i) s3 += double(uint64_t(i) * h[i]), s4 += double(h[i]);
     const double result = (s1 / s2 + s3 / s4) * 0.5;
     if (!(m + 1 < max - 1 && double(m + 2) <= result)) return result;
   }
 }
 
-struct Kind {
-  uint32_t bits;
-  int32_t photometric;
-};
-const Kind kKinds[] = {{8, 0}, {8, 1}, {16, 0}, {16, 1}};
+// 8 and 16 bits, WhiteIsZero and BlackIsZero.
+const std::pair<uint32_t, int32_t> kKinds[] = {{8, 0}, {8, 1}, {16, 0}, {16, 1}};
 
 class MeasuresTest : public vepra_test::LibraryTest {};
 
 TEST_F(MeasuresTest, HistogramEntropyAndThresholdMatchIndependentCounts) {
   uint32_t pattern = 1;
-  for (const Kind &k : kKinds) {
+  for (auto [bits, photometric] : kKinds) {
     // Widths that are not multiples of four reach the tail of the 8-bit loop.
-    for (auto [h, w] : {std::pair{37u, 53u}, std::pair{1u, 3u}, std::pair{300u, 250u}, std::pair{0u, 7u}}) {
-      Image img(h, w, k.bits, k.photometric);
-      img.randomize(pattern++);
+    for (auto [h, w] :
+         {std::pair{37u, 53u}, std::pair{1u, 3u}, std::pair{300u, 250u}, std::pair{0u, 7u}}) {
+      SCOPED_TRACE(std::to_string(h) + "x" + std::to_string(w) + " bits " + std::to_string(bits));
+      Image img(h, w, bits, photometric, pattern++);
       std::map<uint32_t, uint64_t> counts;
-      for (uint32_t i = 0; i < img.size(); ++i) ++counts[img.at(i)];
+      for (uint32_t s : img.samples) ++counts[s];
       size_t nbins = 0;
       uint64_t *hist = nullptr;
-      ASSERT_EQ(vepra_img_histogram(img.get(), &nbins, &hist), nullptr);
-      ASSERT_EQ(nbins, size_t{img.full()} + 1);
+      ASSERT_EQ(vepra_img_histogram(&img.rec, &nbins, &hist), nullptr);
+      ASSERT_EQ(nbins, size_t{img.full} + 1);
       for (size_t v = 0; v < nbins; ++v) ASSERT_EQ(hist[v], counts[uint32_t(v)]) << "bin " << v;
-      if (k.bits == 8) {  // the literal rule is quadratic in the bins
+      if (bits == 8) {  // the literal rule is quadratic in the bins
         EXPECT_EQ(bits_of(vepra_img_thres_IJ(nbins, hist)),
                   bits_of(reference_threshold(std::vector<uint64_t>(hist, hist + nbins))));
       }
       vepra_mem_free(hist);
       double expected = 0.0, entropy = -1.0;
       for (auto [v, n] : counts) {
-        const double p = double(n) / img.size();
+        const double p = double(n) / double(img.samples.size());
         if (n != 0) expected -= p * std::log2(p);
       }
-      ASSERT_EQ(vepra_img_entropy(img.get(), &entropy), nullptr);
-      EXPECT_NEAR(entropy, expected, 1e-12) << h << "x" << w << " bits " << k.bits;
+      ASSERT_EQ(vepra_img_entropy(&img.rec, &entropy), nullptr);
+      EXPECT_NEAR(entropy, expected, 1e-12);
     }
   }
-}
-
-TEST_F(MeasuresTest, TwoValuedImage) {
-  Image img(4, 5, 8, 0);
-  for (uint32_t i = 0; i < img.size(); ++i) img.set(i, i < 10 ? 0 : 255);
-  size_t nbins = 0;
-  uint64_t *hist = nullptr;
+  // Half the pixels 0, half 255: one bit exactly.
+  Image two(4, 5, 8, 0);
+  for (uint32_t i = 0; i < 20; ++i) two.set(i, i < 10 ? 0 : 255);
   double entropy = -1.0;
-  ASSERT_EQ(vepra_img_entropy(img.get(), &entropy), nullptr);
+  ASSERT_EQ(vepra_img_entropy(&two.rec, &entropy), nullptr);
   EXPECT_EQ(entropy, 1.0);
-  ASSERT_EQ(vepra_img_histogram(img.get(), &nbins, &hist), nullptr);
-  EXPECT_EQ(vepra_img_thres_IJ(nbins, hist), 127.5);  // both end bins take part, unrounded
-  vepra_mem_free(hist);
 }
 
 TEST_F(MeasuresTest, ThresholdFollowsTheIterativeRule) {
@@ -162,6 +140,9 @@ TEST_F(MeasuresTest, ThresholdFollowsTheIterativeRule) {
   EXPECT_EQ(vepra_img_thres_IJ(h.size(), h.data()), 5.0);
   EXPECT_EQ(vepra_img_thres_IJ(1, h.data()), 0.5);
   EXPECT_EQ(vepra_img_thres_IJ(0, nullptr), 0.0);
+  std::vector<uint64_t> ends(256, 0);
+  ends[0] = ends[255] = 10;  // both end bins take part, unrounded
+  EXPECT_EQ(vepra_img_thres_IJ(ends.size(), ends.data()), 127.5);
   // Random sparse and dense histograms, and counts far beyond 2^53 where
   // the sums are no longer exact: all bit-identical to the literal rule.
   std::mt19937_64 rng(7);
@@ -170,9 +151,7 @@ TEST_F(MeasuresTest, ThresholdFollowsTheIterativeRule) {
     std::vector<uint64_t> r(n, 0);
     const size_t lo = rng() % (n / 2), span = 1 + rng() % (n == 256 ? n / 2 : 3000);
     const uint64_t scale = round % 4 == 3 ? (uint64_t{1} << 50) : 1000;
-    for (size_t i = lo; i < lo + span && i < n; ++i) {
-      if (rng() % 3 != 0) r[i] = rng() % scale;
-    }
+    for (size_t i = lo; i < lo + span && i < n; ++i) r[i] = rng() % 3 != 0 ? rng() % scale : 0;
     EXPECT_EQ(bits_of(vepra_img_thres_IJ(n, r.data())), bits_of(reference_threshold(r))) << round;
   }
 }
@@ -184,26 +163,27 @@ struct Params {
 // Runs mask, PSL and density over img and compares every pixel bit for bit
 // with the formulas. fail_table makes their one allocation fail.
 void expect_formulas(Image &img, const Params &p, bool fail_table) {
-  const uint32_t h = img.get()->height, w = img.get()->width;
+  const uint32_t h = img.rec.height, w = img.rec.width;
   Doubles mask(h, w), psl(h, w), density(h, w);
-  ASSERT_EQ(vepra_img_data_dmask(img.get(), mask.ptrs.data()), nullptr);
-  if (fail_table) vepra::testing::fail_allocation_at(1);
-  ASSERT_EQ(vepra_img_calc_fujiri(img.get(), psl.ptrs.data(), p.px, p.sens, p.lat), nullptr);
-  if (fail_table) vepra::testing::fail_allocation_at(1);
-  ASSERT_EQ(vepra_img_calc_density(img.get(), density.ptrs.data(), p.saturated), nullptr);
+  ASSERT_EQ(vepra_img_data_dmask(&img.rec, mask.ptrs.data()), nullptr);
+  vepra::testing::fail_allocation_at(fail_table ? 1 : 0);
+  ASSERT_EQ(vepra_img_calc_fujiri(&img.rec, psl.ptrs.data(), p.px, p.sens, p.lat), nullptr);
+  vepra::testing::fail_allocation_at(fail_table ? 1 : 0);
+  ASSERT_EQ(vepra_img_calc_density(&img.rec, density.ptrs.data(), p.saturated), nullptr);
   vepra::testing::fail_allocation_at(0);
-  const double G = img.full(), F = (4000.0 / p.sens) * (p.px * p.px / 10000.0);
-  const bool wiz = img.get()->photometric == 0;
-  for (uint32_t i = 0; i < img.size(); ++i) {
-    const uint32_t s = img.at(i);
-    const double q = wiz ? s : G - s;
-    const double d = s == G ? p.saturated
-                     : wiz  ? std::log10(G / (G - s))
+  const double G = img.full, F = (4000.0 / p.sens) * (p.px * p.px / 10000.0);
+  const bool wiz = img.rec.photometric == 0;
+  for (size_t i = 0; i < img.samples.size(); ++i) {
+    const uint32_t s = img.samples[i];
+    const double d = s == G   ? p.saturated
+                     : wiz    ? std::log10(G / (G - s))
                      : s == 0 ? HUGE_VAL
                               : std::log10(G / s);
-    ASSERT_EQ(mask.at(i), s == (wiz ? 0 : G) ? 0.0 : 1.0) << "mask s=" << s;
-    ASSERT_EQ(bits_of(psl.at(i)), bits_of(F * std::pow(10.0, (q / G - 0.5) * p.lat))) << "psl s=" << s;
-    ASSERT_EQ(bits_of(density.at(i)), bits_of(d)) << "density s=" << s;
+    ASSERT_EQ(mask.data[i], s == (wiz ? 0 : G) ? 0.0 : 1.0) << "mask s=" << s;
+    ASSERT_EQ(bits_of(psl.data[i]),
+              bits_of(F * std::pow(10.0, ((wiz ? s : G - s) / G - 0.5) * p.lat)))
+        << "psl s=" << s;
+    ASSERT_EQ(bits_of(density.data[i]), bits_of(d)) << "density s=" << s;
   }
 }
 
@@ -212,49 +192,40 @@ void expect_formulas(Image &img, const Params &p, bool fail_table) {
 TEST_F(MeasuresTest, MeasuresAreBitIdenticalToTheFormulas) {
   const Params params[] = {{100, 4000, 5, 9.5}, {50, 1000, 4, -1.0}, {25, 0, 5, 0.0}};
   uint32_t pattern = 200;
-  for (const Kind &k : kKinds) {
+  for (auto [bits, photometric] : kKinds) {
     for (auto [h, w] : {std::pair{5u, 7u}, std::pair{300u, 250u}}) {
       for (const Params &p : params) {
         for (bool fail_table : {false, true}) {
-          SCOPED_TRACE(std::to_string(k.bits) + "-bit " + std::to_string(h) + "x" + std::to_string(w));
-          Image img(h, w, k.bits, k.photometric);
-          expect_formulas(img.randomize(pattern++), p, fail_table);
+          SCOPED_TRACE(std::to_string(bits) + "-bit " + std::to_string(h) + "x" +
+                       std::to_string(w));
+          Image img(h, w, bits, photometric, pattern++);
+          expect_formulas(img, p, fail_table);
         }
       }
     }
   }
   // Results too large for the caches take another store path; rows of odd
   // length alternate between 16-byte aligned and unaligned starts.
-  Image large(2048, 2049, 16, 0);
-  expect_formulas(large.randomize(300), {100, 4000, 5, 3.25}, false);
+  Image large(2048, 2049, 16, 0, 300);
+  expect_formulas(large, {100, 4000, 5, 3.25}, false);
 }
 
 TEST_F(MeasuresTest, PslAndDensityEdgeValues) {
+  // BlackIsZero: the white pixel is saturated (not 0) and the black one infinite.
   Image img(1, 2, 16, 1);
-  img.set(0, 65535);
-  img.set(1, 0);
-  Doubles psl(1, 2);
-  ASSERT_EQ(vepra_img_calc_fujiri(img.get(), psl.ptrs.data(), 100, 4000, 5), nullptr);
-  EXPECT_NEAR(psl.at(0), 0.0031623, 1e-7);
-  EXPECT_NEAR(psl.at(1), 316.23, 1e-2);
-  // Under BlackIsZero the white pixel is saturated and the black one infinite.
-  const double inf = std::numeric_limits<double>::infinity();
-  for (auto [phot, want] : {std::pair{0, std::vector<double>{0.0, 2.4065, 7.0}},
-                            std::pair{1, std::vector<double>{inf, std::log10(255.0 / 254), 7.0}}}) {
-    Image img8(1, 3, 8, phot);
-    img8.set(0, 0), img8.set(1, 254), img8.set(2, 255);
-    Doubles d(1, 3);
-    ASSERT_EQ(vepra_img_calc_density(img8.get(), d.ptrs.data(), 7.0), nullptr);
-    for (uint32_t i = 0; i < 3; ++i) {
-      EXPECT_TRUE(d.at(i) == want[i] || std::fabs(d.at(i) - want[i]) < 1e-4) << phot << " " << i;
-    }
-  }
+  img.set(0, 65535), img.set(1, 0);
+  Doubles psl(1, 2), density(1, 2);
+  ASSERT_EQ(vepra_img_calc_fujiri(&img.rec, psl.ptrs.data(), 100, 4000, 5), nullptr);
+  ASSERT_EQ(vepra_img_calc_density(&img.rec, density.ptrs.data(), 7.0), nullptr);
+  EXPECT_NEAR(psl.data[0], 0.0031623, 1e-7);
+  EXPECT_NEAR(psl.data[1], 316.23, 1e-2);
+  EXPECT_EQ(density.data, (std::vector<double>{7.0, std::numeric_limits<double>::infinity()}));
   // No rows or no columns: success, nothing written.
   Image empty(3, 0, 16, 0);
   Doubles none(3, 1);
-  EXPECT_EQ(vepra_img_data_dmask(empty.get(), none.ptrs.data()), nullptr);
-  EXPECT_EQ(vepra_img_calc_fujiri(empty.get(), none.ptrs.data(), 1, 1, 1), nullptr);
-  EXPECT_EQ(vepra_img_calc_density(empty.get(), none.ptrs.data(), 1), nullptr);
+  EXPECT_EQ(vepra_img_data_dmask(&empty.rec, none.ptrs.data()), nullptr);
+  EXPECT_EQ(vepra_img_calc_fujiri(&empty.rec, none.ptrs.data(), 1, 1, 1), nullptr);
+  EXPECT_EQ(vepra_img_calc_density(&empty.rec, none.ptrs.data(), 1), nullptr);
   EXPECT_TRUE(none.untouched());
 }
 
@@ -264,9 +235,12 @@ TEST_F(MeasuresTest, RejectsWhatIsNotGrayscale) {
   size_t nbins = 77;
   uint64_t *hist = nullptr;
   double entropy = -3.0;
-  const std::pair<const char *, std::function<vepra_error_t *(vepra_img_t *, double **)>> ops[] = {
+  using Op = std::function<vepra_error_t *(vepra_img_t *, double **)>;
+  const std::pair<const char *, Op> ops[] = {
       {"Cannot create histogram of an image.",
-       [&](vepra_img_t *i, double **o) { return vepra_img_histogram(i, &nbins, o ? &hist : nullptr); }},
+       [&](vepra_img_t *i, double **o) {
+         return vepra_img_histogram(i, &nbins, o ? &hist : nullptr);
+       }},
       {"Can't calculate entropy for an image.",
        [&](vepra_img_t *i, double **o) { return vepra_img_entropy(i, o ? &entropy : nullptr); }},
       {"Cannot provide image data mask.", vepra_img_data_dmask},
@@ -275,36 +249,27 @@ TEST_F(MeasuresTest, RejectsWhatIsNotGrayscale) {
       {"Can't calculate optical intensity.",
        [](vepra_img_t *i, double **o) { return vepra_img_calc_density(i, o, 1); }},
   };
-  struct Bad {
-    uint32_t spp, bits;
-    int32_t photometric;
-    const char *message;
-  };
-  const Bad bads[] = {
+  const std::tuple<uint32_t, uint32_t, int32_t, const char *> bads[] = {
       {3, 8, 2, "The image is not grayscale."},
       {1, 8, 2, "The photointerpretation is not sutable: 2"},
       {1, 16, -1, "The photointerpretation is not sutable: -1"},
       {1, 12, 1, "The image is neither 16-bit nor 8-bit grayscale."},
       {1, 16, 0, "The image has no pixel data."},  // 16 bits, but only 8-bit rows
   };
+  Image img(2, 3, 8, 0, 5);
+  Doubles out(2, 3);
   for (auto &[context, run] : ops) {
     const std::string head = std::string("Error: ") + context + " \nError: ";
-    Image img(2, 3, 8, 0);
-    Doubles out(2, 3);
-    for (const Bad &b : bads) {
-      vepra_img_t rec = *img.randomize(5).get();
-      rec.samples_per_pixel = b.spp;
-      rec.bits_per_sample[0] = b.bits;
-      rec.photometric = b.photometric;
-      EXPECT_EQ(take_printed(run(&rec, out.ptrs.data())), head + b.message + " ");
+    for (auto [spp, bits, photometric, message] : bads) {
+      vepra_img_t rec = img.rec;
+      rec.samples_per_pixel = spp, rec.bits_per_sample[0] = bits, rec.photometric = photometric;
+      EXPECT_EQ(take_printed(run(&rec, out.ptrs.data())), head + message + " ");
     }
     EXPECT_EQ(take_printed(run(nullptr, out.ptrs.data())), head + "No image was given. ");
-    EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(take_printed(run(img.get(), nullptr)), head + "No output was given. ");
+    EXPECT_EQ(take_printed(run(&img.rec, nullptr)), head + "No output was given. ");
   }
-  EXPECT_EQ(nbins, 77u);
-  EXPECT_EQ(hist, nullptr);
-  EXPECT_EQ(entropy, -3.0);
+  EXPECT_TRUE(out.untouched());
+  EXPECT_EQ(std::tuple(nbins, hist, entropy), std::tuple(77u, nullptr, -3.0));
 }
 
 TEST_F(MeasuresTest, HistogramAllocationFailureIsReported) {
@@ -314,13 +279,13 @@ TEST_F(MeasuresTest, HistogramAllocationFailureIsReported) {
   const long made = vepra_test::for_each_allocation_failure(
       [&] {
         nbins = 0;
-        vepra_error_t *e = vepra_img_histogram(img.get(), &nbins, &hist);
+        vepra_error_t *e = vepra_img_histogram(&img.rec, &nbins, &hist);
         if (e == nullptr) vepra_mem_free(hist);
         return e;
       },
       [&](vepra_error_t *e, long) {
-        EXPECT_EQ(nbins, 65536u);
-        EXPECT_EQ(hist, nullptr);
+        EXPECT_EQ(std::pair(nbins, hist),
+                  std::pair(size_t{65536}, static_cast<uint64_t *>(nullptr)));
         EXPECT_EQ(vepra_test::printed_lines(e).front(),
                   "Error(120012): Cannot create histogram of an image. ");
       });
