@@ -1,11 +1,14 @@
 // Helpers of the container tests: small integers carried as data pointers,
-// a recording walk callback and a callback's own error record.
+// recording and failing callbacks, and the checks every container shares.
 #ifndef VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 #define VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 
 #include <cstdint>
+#include <string>
+#include <type_traits>
 #include <vector>
 
+#include "support/test_support.hpp"
 #include "vepra_error.h"
 
 namespace vepra_test {
@@ -21,6 +24,53 @@ inline void record(uint32_t, void *data, void *user) {
 // A caller's error without source location, as a callback would return.
 inline vepra_error_t *user_error(int code, const char *message) {
   return vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, message);
+}
+
+// Error callback recording the ids it sees and returning error on fail_id.
+struct FailOn {
+  FailOn(int fail_id = 0, vepra_error_t *e = nullptr) : id(fail_id), error(e) {}
+  int id;
+  vepra_error_t *error;
+  std::vector<int> seen;
+};
+inline bool hit(void *data, void *user) {
+  static_cast<FailOn *>(user)->seen.push_back(id_of(data));
+  return id_of(data) == static_cast<FailOn *>(user)->id;
+}
+template <class... Extra>
+vepra_error_t *fail_on(uint32_t, void *data, void *user, Extra...) {
+  return hit(data, user) ? static_cast<FailOn *>(user)->error : nullptr;
+}
+
+template <class P, class R, class A0, class... A>
+void quiet_call(P first, R (*fn)(A0, A...)) {
+  if constexpr (std::is_void_v<R>)
+    fn(static_cast<A0>(first), A{}...);
+  else
+    EXPECT_EQ(fn(static_cast<A0>(first), A{}...), R{});
+}
+// Calls each function with first and all other arguments zero: each must
+// return zero (or nothing) without touching anything.
+template <class P, class... F>
+void expect_quiet_with(P first, F... fns) {
+  (quiet_call(first, fns), ...);
+}
+
+// The chain a failed node allocation prints, under an optional context.
+inline std::string node_alloc_failure(const std::string &context, const char *kind, size_t bytes) {
+  return (context.empty() ? "" : "Error(120012): " + context + " \n") +
+         "Error(120012): Can't allocate memory for " + kind +
+         " node. \nError(120012): Failed to allocate " + std::to_string(bytes) +
+         " bytes of memory. ";
+}
+// Fails each allocation of op in turn: every failure must print expect and
+// pass unchanged(). Returns the number of allocations op makes.
+template <class Op, class Check>
+long expect_alloc_failures(Op op, const std::string &expect, Check unchanged) {
+  return for_each_allocation_failure(op, [&](vepra_error_t *e, long n) {
+    EXPECT_EQ(take_printed(vepra_error_dup(e)), expect) << "allocation " << n;
+    unchanged();
+  });
 }
 
 }  // namespace vepra_test

@@ -1,14 +1,12 @@
-// Trees: a randomized comparison against a model of children vectors in
-// both flavours, then the orders, stops and failures the model leaves out.
+// Trees: both flavours against a model of children vectors, then the walk
+// orders, stops and failures the model leaves out.
 #include <algorithm>
-#include <cstdint>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "containers/container_ids.hpp"
-#include "support/test_support.hpp"
 #include "vepra_tree.h"
 
 namespace {
@@ -38,8 +36,7 @@ struct Model {
 
   Ids &siblings(int k) { return nodes[nodes[k].parent].kids; }
   void insert(int parent, size_t at, int k) {
-    auto &kids = nodes[parent].kids;
-    kids.insert(kids.begin() + static_cast<long>(at), k);
+    nodes[parent].kids.insert(nodes[parent].kids.begin() + static_cast<long>(at), k);
     nodes[k].parent = parent;
     if (parent != 0 && nodes[parent].child == 0) nodes[parent].child = k;
   }
@@ -48,29 +45,23 @@ struct Model {
     for (int kid : nodes[k].kids) add_order(kid, pre, out);
     if (!pre) out.push_back(k);
   }
-  Ids order(bool pre) {
+  Ids order(bool pre, Ids tops) {
     Ids out;
-    for (int top : nodes[0].kids) add_order(top, pre, out);
+    for (int top : tops) add_order(top, pre, out);
     return out;
   }
   // Removes k with its subtree, moving the parent's child handle to the
   // previous sibling, else the next, else none; returns the post-order.
   Ids remove(int k) {
-    Ids order;
-    add_order(k, false, order);
+    Ids gone = order(false, {k});
     int p = nodes[k].parent;
     auto &kids = nodes[p].kids;
     auto at = std::find(kids.begin(), kids.end(), k);
     if (p != 0 && nodes[p].child == k)
       nodes[p].child = at != kids.begin() ? *(at - 1) : at + 1 != kids.end() ? *(at + 1) : 0;
     kids.erase(at);
-    for (int d : order) nodes.erase(d);
-    return order;
-  }
-  size_t subtree_size(int k) {
-    Ids v;
-    add_order(k, false, v);
-    return v.size();
+    for (int d : gone) nodes.erase(d);
+    return gone;
   }
 };
 
@@ -135,7 +126,7 @@ TEST_P(TreeFlavourTest, RandomOperationsMatchChildrenModel) {
       // Keeps the caller's handle off a top-level node about to go away.
       if (op >= 6 && tree != nullptr && id_of(tree->data) == target)
         tree = tree->prev != nullptr ? tree->prev : tree->next;
-      std::vector<int> order, expect;
+      Ids order, expect;
       if (op < 2) {  // append at the top level
         ASSERT_EQ(append(&tree, k, &made), nullptr);
         m.insert(0, m.nodes[0].kids.size(), k);
@@ -169,27 +160,25 @@ TEST_P(TreeFlavourTest, RandomOperationsMatchChildrenModel) {
         size_t pos = static_cast<size_t>(std::find(sib.begin(), sib.end(), target) - sib.begin());
         m.insert(m.nodes[target].parent, pos + after, k);
       } else if (op < 8) {  // delete a node with its subtree
-        if (heap()) {
+        if (heap())
           vepra_treem_node_delete(at);
-          order = expect = m.remove(target);
-        } else {
+        else if (op == 6)
           vepra_tree_node_delete_func(at, record_deleted, &order);
-          expect = m.remove(target);
-        }
+        else  // searched for from the top
+          vepra_tree_delete_obj_func(vepra_tree_get_top(at), id(target), record_deleted, &order);
+        expect = m.remove(target);
+        if (heap()) order = expect;
       } else if (op == 8) {  // extract a subtree, check it stands alone, delete it
-        size_t size = m.subtree_size(target);
+        size_t size = m.order(false, {target}).size();
         ASSERT_EQ(vepra_tree_extract(at), at);
-        EXPECT_EQ(at->parent, nullptr);
-        EXPECT_EQ(at->prev, nullptr);
-        EXPECT_EQ(at->next, nullptr);
+        EXPECT_TRUE(at->parent == nullptr && at->prev == nullptr && at->next == nullptr);
         EXPECT_EQ(vepra_tree_count(at), size);
         delete_siblings(at, &order);
         expect = m.remove(target);
-      } else if (m.nodes[target].parent != 0 ||
-                 rng() % 4 == 0) {  // a whole sibling list, rarely the top
+      } else if (m.nodes[target].parent != 0 || rng() % 4 == 0) {  // a sibling list, rarely the top
         int parent = m.nodes[target].parent;
         for (int kid : Ids(m.nodes[parent].kids)) {
-          auto part = m.remove(kid);
+          Ids part = m.remove(kid);
           expect.insert(expect.end(), part.begin(), part.end());
         }
         delete_siblings(at, &order);
@@ -202,17 +191,14 @@ TEST_P(TreeFlavourTest, RandomOperationsMatchChildrenModel) {
       if (tree == nullptr && !m.nodes[0].kids.empty()) tree = real[m.nodes[0].kids.front()];
       SCOPED_TRACE("round " + std::to_string(round) + " step " + std::to_string(step));
       ASSERT_NO_FATAL_FAILURE(expect_links(vepra_tree_get_first(tree), m, 0, nullptr, real));
-      ASSERT_EQ(walked(tree, true), m.order(true));
-      ASSERT_EQ(walked(tree, false), m.order(false));
+      for (bool pre : {true, false}) ASSERT_EQ(walked(tree, pre), m.order(pre, m.nodes[0].kids));
       ASSERT_EQ(vepra_tree_count(tree), m.nodes.size() - 1);
       if (m.nodes.size() > 1) {
-        int probe = random_node();
+        int probe = random_node(), top = probe;
         vepra_tree_t *found = vepra_tree_search_obj(tree, id(probe));
         EXPECT_EQ(found, real[probe]);
-        size_t in_list = 0;  // count: the node's siblings with their subtrees
-        for (int sib : m.siblings(probe)) in_list += m.subtree_size(sib);
-        EXPECT_EQ(vepra_tree_count(found), in_list);
-        int top = probe;
+        // count: the node's siblings with their subtrees
+        EXPECT_EQ(vepra_tree_count(found), m.order(false, m.siblings(probe)).size());
         while (m.nodes[top].parent != 0) top = m.nodes[top].parent;
         EXPECT_EQ(vepra_tree_get_top(found), real[top]);
       }
@@ -237,29 +223,21 @@ Forest small_forest(apr_pool_t *pool) {
   return f;
 }
 
+int stop_on(uint32_t, void *data, void *user) {
+  return hit(data, user) ? static_cast<FailOn *>(user)->id : 0;
+}
+
 TEST_F(TreeTest, WalksStopOnEitherCallbackAndSearchLooksBelow) {
   Forest f = small_forest(pool_);
-  auto stop_on_one = [](uint32_t, void *data, void *user) {
-    record(0, data, user);
-    return int(id_of(data) == 1);
-  };
-  Ids seen;
-  EXPECT_EQ(vepra_tree_walk_int_first(f.n[6], stop_on_one, stop_on_one, &seen), 1);
-  EXPECT_EQ(seen, Ids{1});  // neither the children nor post
-  seen.clear();
-  auto stop_on_five = [](uint32_t, void *data, void *user) {
-    record(0, data, user);
-    return id_of(data) == 5 ? 5 : 0;
-  };
-  EXPECT_EQ(vepra_tree_walk_int_first(f.top, nullptr, stop_on_five, &seen), 5);
-  EXPECT_EQ(seen, (Ids{4, 5}));
-  seen.clear();
-  auto stop_on_four = [](uint32_t, void *data, void *user) {
-    record(0, data, user);
-    return id_of(data) == 4 ? VepraDLlistStopWalking : nullptr;
-  };
-  EXPECT_EQ(vepra_tree_walk_err_first(f.top, stop_on_four, nullptr, &seen), VepraDLlistStopWalking);
-  EXPECT_EQ(seen, (Ids{1, 2, 4}));
+  // Stopping in pre skips the children and post; in post, the rest.
+  for (auto [pre, fail, seen] : {std::tuple{true, 1, Ids{1}}, {false, 5, Ids{4, 5}}}) {
+    FailOn w{fail};
+    EXPECT_EQ(vepra_tree_walk_int_first(f.n[6], pre ? stop_on : nullptr, stop_on, &w), fail);
+    EXPECT_EQ(w.seen, seen);
+  }
+  FailOn w{4, VepraDLlistStopWalking};
+  EXPECT_EQ(vepra_tree_walk_err_first(f.top, fail_on, nullptr, &w), VepraDLlistStopWalking);
+  EXPECT_EQ(w.seen, (Ids{1, 2, 4}));
   Ids both;
   vepra_tree_walk(f.n[2]->child, record, record, &both);  // a subtree's list only
   EXPECT_EQ(both, (Ids{4, 4, 5, 5}));
@@ -270,40 +248,23 @@ TEST_F(TreeTest, WalksStopOnEitherCallbackAndSearchLooksBelow) {
   EXPECT_EQ(vepra_tree_get_parent(f.n[4]), f.n[2]);
 }
 
-struct FailOn {
-  int id;
-  vepra_error_t *error;
-  Ids seen;
-};
-vepra_error_t *fail_on(uint32_t, void *data, void *user, void *) {
-  auto *f = static_cast<FailOn *>(user);
-  f->seen.push_back(id_of(data));
-  return id_of(data) == f->id ? f->error : nullptr;
-}
-
 TEST_F(TreeTest, DeletionsByObjectAndErrfuncStopAtTheFirstError) {
   Forest f = small_forest(pool_);
-  FailOn fail{4, user_error(125990, "keep"), {}};
-  EXPECT_EQ(vepra_tree_delete_errfunc(f.n[1], fail_on, &fail), fail.error);
+  FailOn fail{4, user_error(125990, "keep")};
+  EXPECT_EQ(vepra_tree_delete_errfunc(f.n[1], fail_on<void *>, &fail), fail.error);
   EXPECT_EQ(fail.seen, Ids{4});
   EXPECT_EQ(f.n[4]->parent, nullptr);  // the failing node was unlinked first
   EXPECT_EQ(walked(f.top, true), (Ids{1, 2, 5, 3, 6, 7}));
-  fail = {3, fail.error, {}};
-  EXPECT_EQ(vepra_tree_node_delete_errfunc(f.n[1], fail_on, &fail), fail.error);
+  fail = {3, fail.error};
+  EXPECT_EQ(vepra_tree_node_delete_errfunc(f.n[1], fail_on<void *>, &fail), fail.error);
   EXPECT_EQ(fail.seen, (Ids{5, 2, 3}));
   EXPECT_EQ(walked(f.top, true), (Ids{1, 6, 7}));
   EXPECT_EQ(f.n[1]->child, nullptr);
   vepra_error_clear(fail.error);
-  fail = {0, nullptr, {}};
-  EXPECT_EQ(vepra_tree_delete_obj_errfunc(f.top, id(99), fail_on, &fail), nullptr);
-  EXPECT_EQ(vepra_tree_delete_obj_errfunc(f.top, id(6), fail_on, &fail), nullptr);
+  fail = {};
+  EXPECT_EQ(vepra_tree_delete_obj_errfunc(f.top, id(99), fail_on<void *>, &fail), nullptr);
+  EXPECT_EQ(vepra_tree_delete_obj_errfunc(f.top, id(6), fail_on<void *>, &fail), nullptr);
   EXPECT_EQ(fail.seen, (Ids{7, 6}));
-  Forest g = small_forest(pool_);
-  Ids order;
-  vepra_tree_delete_obj_func(g.n[6], id(2), record_deleted, &order);
-  vepra_tree_delete_obj_func(g.n[6], id(99), record_deleted, &order);
-  EXPECT_EQ(order, (Ids{4, 5, 2}));
-  EXPECT_EQ(g.n[1]->child, g.n[3]);
 }
 
 TEST_F(TreeTest, InsertionRejectsBadNodes) {
@@ -311,16 +272,19 @@ TEST_F(TreeTest, InsertionRejectsBadNodes) {
   const std::string invalid = "Error(120120): Tree insertion error: invalid pointer. ";
   vepra_tree_t *lone = nullptr;
   ASSERT_EQ(vepra_tree_create(9, id(9), &lone, pool_), nullptr);
-  EXPECT_EQ(take_printed(vepra_tree_insert_before(nullptr, lone)), invalid);
-  EXPECT_EQ(take_printed(vepra_tree_insert_after(f.n[1], nullptr)), invalid);
-  EXPECT_EQ(take_printed(vepra_tree_insert_after(f.n[4], f.n[6])), invalid);  // still linked
+  vepra_tree_extract(f.n[2]);  // cannot hang below one of its own nodes
+  for (auto [at, node] : {std::pair{(vepra_tree_t *)nullptr, lone},
+                          {f.n[1], nullptr},
+                          {f.n[4], f.n[6]},
+                          {f.n[4], f.n[2]},
+                          {lone, lone}}) {
+    EXPECT_EQ(take_printed(vepra_tree_insert_after(at, node)), invalid);
+    EXPECT_EQ(take_printed(vepra_tree_insert_before(at, node)), invalid);
+  }
   EXPECT_EQ(take_printed(vepra_tree_prepend_child(nullptr, 0, nullptr, nullptr, pool_)), invalid);
   EXPECT_EQ(take_printed(vepra_treem_append_child(nullptr, 0, nullptr, nullptr)), invalid);
   EXPECT_EQ(take_printed(vepra_tree_prepend(nullptr, 0, nullptr, nullptr, pool_)),
             "Error(120120): Unable to prepend Tree node. \n" + invalid);
-  // An extracted subtree cannot be hung below one of its own nodes.
-  vepra_tree_extract(f.n[2]);
-  EXPECT_EQ(take_printed(vepra_tree_insert_after(f.n[4], f.n[2])), invalid);
   ASSERT_EQ(vepra_tree_insert_after(f.n[1], lone), nullptr);
   ASSERT_EQ(vepra_tree_insert_before(f.n[7], f.n[2]), nullptr);
   EXPECT_EQ(f.n[2]->parent, f.n[6]);
@@ -331,59 +295,29 @@ TEST_F(TreeTest, NullIsQuietForAccessorsAndDeletions) {
   uint32_t tag = 5;
   EXPECT_EQ(vepra_tree_get_data_tag(nullptr, &tag), nullptr);
   EXPECT_EQ(tag, 5u);
-  for (auto get : {vepra_tree_get_prev, vepra_tree_get_next, vepra_tree_get_parent,
-                   vepra_tree_get_child, vepra_tree_get_top, vepra_tree_extract})
-    EXPECT_EQ(get(nullptr), nullptr);
-  EXPECT_EQ(vepra_tree_get_data(nullptr), nullptr);
-  EXPECT_EQ(vepra_tree_count(nullptr), 0u);
-  EXPECT_EQ(vepra_tree_search_obj(nullptr, nullptr), nullptr);
-  vepra_tree_update(nullptr, 0, nullptr);
-  for (auto del :
-       {vepra_tree_delete, vepra_treem_delete, vepra_tree_node_delete, vepra_treem_node_delete})
-    del(nullptr);
-  vepra_tree_delete_func(nullptr, record_deleted, nullptr);
-  vepra_tree_node_delete_func(nullptr, record_deleted, nullptr);
-  EXPECT_EQ(vepra_tree_delete_errfunc(nullptr, fail_on, nullptr), nullptr);
-  vepra_tree_destroy(nullptr);
-  vepra_treem_destroy(nullptr);
+  expect_quiet_with(nullptr, vepra_tree_get_prev, vepra_tree_get_next, vepra_tree_get_parent,
+                    vepra_tree_get_child, vepra_tree_get_top, vepra_tree_extract,
+                    vepra_tree_get_data, vepra_tree_count, vepra_tree_search_obj, vepra_tree_update,
+                    vepra_tree_delete, vepra_treem_delete, vepra_tree_node_delete,
+                    vepra_treem_node_delete, vepra_tree_delete_func, vepra_tree_node_delete_func,
+                    vepra_tree_delete_errfunc, vepra_tree_destroy, vepra_treem_destroy,
+                    vepra_tree_walk, vepra_tree_walk_int_first);
   vepra_tree_t *empty = nullptr;
-  vepra_treem_destroy_func(&empty, record_deleted, nullptr);
-  vepra_tree_walk(nullptr, record, record, nullptr);
-  EXPECT_EQ(vepra_tree_walk_int_first(
-                nullptr, [](uint32_t, void *, void *) { return 1; }, nullptr, nullptr),
-            0);
+  expect_quiet_with(&empty, vepra_treem_destroy_func);
 }
 
 TEST_F(TreeTest, HeapAllocationFailuresLeaveTheTreeUnchanged) {
   vepra_tree_t *tree = nullptr, *root = nullptr;
   ASSERT_EQ(vepra_treem_append(&tree, 1, id(1), &root), nullptr);
-  const std::string inner =
-      "\nError(120012): Can't allocate memory for treem node. "
-      "\nError(120012): Failed to allocate " +
-      std::to_string(sizeof(vepra_tree_t)) + " bytes of memory. ";
-  for_each_allocation_failure([&] { return vepra_treem_append(&tree, 2, id(2), nullptr); },
-                              [&](vepra_error_t *e, long) {
-                                EXPECT_EQ(take_printed(vepra_error_dup(e)),
-                                          "Error(120012): Unable to append Tree node. " + inner);
-                                EXPECT_EQ(vepra_tree_count(tree), 1u);
-                              });
-  for_each_allocation_failure([&] { return vepra_treem_append_child(root, 3, id(3), nullptr); },
-                              [&](vepra_error_t *e, long) {
-                                EXPECT_EQ(
-                                    take_printed(vepra_error_dup(e)),
-                                    "Error(120012): Unable to append child Tree node. " + inner);
-                                EXPECT_EQ(root->child, nullptr);
-                              });
-  for_each_allocation_failure(
-      [] {
-        vepra_tree_t *node = nullptr;
-        vepra_error_t *e = vepra_treem_create(4, id(4), &node);
-        vepra_treem_node_delete(node);
-        return e;
-      },
-      [&](vepra_error_t *e, long) {
-        EXPECT_EQ(take_printed(vepra_error_dup(e)), inner.substr(1));
-      });
+  auto failure = [](const char *context) {
+    return node_alloc_failure(context, "treem", sizeof(vepra_tree_t));
+  };
+  expect_alloc_failures([&] { return vepra_treem_append(&tree, 2, id(2), nullptr); },
+                        failure("Unable to append Tree node."),
+                        [&] { EXPECT_EQ(vepra_tree_count(tree), 1u); });
+  expect_alloc_failures([&] { return vepra_treem_append_child(root, 3, id(3), nullptr); },
+                        failure("Unable to append child Tree node."),
+                        [&] { EXPECT_EQ(root->child, nullptr); });
   Ids order;
   vepra_treem_destroy_func(&tree, record_deleted, &order);
   EXPECT_EQ(order, (Ids{3, 1, 2}));
@@ -398,10 +332,9 @@ TEST_P(TreeFlavourTest, VeryDeepTreesDoNotExhaustTheStack) {
   EXPECT_EQ(vepra_tree_count(tree), static_cast<size_t>(kDepth));
   EXPECT_EQ(vepra_tree_search_obj(tree, id(kDepth)), last);
   EXPECT_EQ(vepra_tree_get_top(last), tree);
-  Ids post = walked(tree, false);
+  Ids post = walked(tree, false), order;
   ASSERT_EQ(post.size(), static_cast<size_t>(kDepth));
   EXPECT_EQ(post.front(), kDepth);
-  Ids order;
   delete_siblings(tree, &order);
   EXPECT_EQ(order, post);
 }
