@@ -28,10 +28,9 @@ inline vepra_error_t *user_error(int code, const char *message) {
 
 // Error callback recording the ids it sees and returning error on fail_id.
 struct FailOn {
-  FailOn(int fail_id = 0, vepra_error_t *e = nullptr) : id(fail_id), error(e) {}
-  int id;
-  vepra_error_t *error;
-  std::vector<int> seen;
+  int id = 0;
+  vepra_error_t *error = nullptr;
+  std::vector<int> seen = {};
 };
 inline bool hit(void *data, void *user) {
   static_cast<FailOn *>(user)->seen.push_back(id_of(data));

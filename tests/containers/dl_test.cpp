@@ -1,6 +1,7 @@
 // Doubly linked lists: both flavours against a vector model, then what the
 // model leaves out (walk stops, sorting against std::sort, failures, bad input).
 #include <algorithm>
+#include <array>
 #include <random>
 #include <string>
 #include <vector>
@@ -46,15 +47,11 @@ class DlFlavourTest : public DlTest, public ::testing::WithParamInterface<bool> 
  protected:
   bool heap() const { return GetParam(); }
   vepra_error_t *add(Where w, vepra_dl_t **l, uint32_t tag, int k) {
-    using PoolAdd =
-        vepra_error_t *(*)(vepra_dl_t **, uint32_t, void *, vepra_dl_t **, apr_pool_t *);
-    using HeapAdd = vepra_error_t *(*)(vepra_dl_t **, uint32_t, void *, vepra_dl_t **);
-    static constexpr PoolAdd pool_adds[] = {vepra_dl_prepend, vepra_dl_append, vepra_dl_add_after,
-                                            vepra_dl_add_before};
-    static constexpr HeapAdd heap_adds[] = {vepra_dlm_prepend, vepra_dlm_append,
-                                            vepra_dlm_add_after, vepra_dlm_add_before};
-    return heap() ? heap_adds[w](l, tag, id(k), nullptr)
-                  : pool_adds[w](l, tag, id(k), nullptr, pool_);
+    if (heap())
+      return std::array{vepra_dlm_prepend, vepra_dlm_append, vepra_dlm_add_after,
+                        vepra_dlm_add_before}[w](l, tag, id(k), nullptr);
+    return std::array{vepra_dl_prepend, vepra_dl_append, vepra_dl_add_after,
+                      vepra_dl_add_before}[w](l, tag, id(k), nullptr, pool_);
   }
   // Frees nodes already unlinked from their list.
   void release(const std::vector<vepra_dl_t *> &loose) {
@@ -337,28 +334,20 @@ TEST_P(DlFlavourTest, MwalkGoesInStepAndDropsShortLists) {
   for (vepra_dl_t *&h : handles) heap() ? vepra_dlm_destroy(&h) : vepra_dl_destroy(&h);
 }
 
-TEST_F(DlTest, HeapAllocationFailuresLeaveTheListUnchanged) {
-  using Add = vepra_error_t *(*)(vepra_dl_t **, uint32_t, void *, vepra_dl_t **);
-  const std::pair<Add, const char *> adds[] = {
-      {vepra_dlm_prepend, "Unable to prepend DL object."},
-      {vepra_dlm_append, "Unable to append DL object."},
-      {vepra_dlm_add_after, "Unable to add DL node."},
-      {vepra_dlm_add_before, "Unable to add DL node."},
-  };
-  for (const auto &entry : adds) {
-    Add add = entry.first;
-    vepra_dl_t *list = nullptr;
-    ASSERT_EQ(vepra_dlm_append(&list, 1, id(1), nullptr), nullptr);
-    vepra_dl_t *before = list;
-    EXPECT_EQ(expect_alloc_failures([&] { return add(&list, 2, id(2), nullptr); },
-                                    node_alloc_failure(entry.second, "dlm", sizeof(vepra_dl_t)),
+// Heap nodes make one checked allocation, pool nodes none.
+TEST_P(DlFlavourTest, AllocationFailuresLeaveTheListUnchanged) {
+  const char *contexts[] = {"Unable to prepend DL object.", "Unable to append DL object.",
+                            "Unable to add DL node.", "Unable to add DL node."};
+  for (Where w : {kPrepend, kAppend, kAfter, kBefore}) {
+    vepra_dl_t *list = build({1});
+    EXPECT_EQ(expect_alloc_failures([&] { return add(w, &list, 20, 2); },
+                                    node_alloc_failure(contexts[w], "dlm", sizeof(vepra_dl_t)),
                                     [&] {
-                                      EXPECT_EQ(read_chain(list), (Items{{1, 1}}));
+                                      EXPECT_EQ(read_chain(list), (Items{{1, 10}}));
                                     }),
-              1);
-    EXPECT_EQ(list, before);
+              heap() ? 1 : 0);
     EXPECT_EQ(vepra_dl_count(list), 2u);
-    vepra_dlm_destroy(&list);
+    heap() ? vepra_dlm_destroy(&list) : vepra_dl_destroy(&list);
   }
 }
 

@@ -45,7 +45,7 @@ struct Model {
     for (int kid : nodes[k].kids) add_order(kid, pre, out);
     if (!pre) out.push_back(k);
   }
-  Ids order(bool pre, Ids tops) {
+  Ids order(bool pre, const Ids &tops) {
     Ids out;
     for (int top : tops) add_order(top, pre, out);
     return out;
