@@ -1,0 +1,216 @@
+// Singly linked lists against std::forward_list and stacks against
+// std::vector: random operations, every walk form checked after each step,
+// and node allocation failing at every point.
+#include <algorithm>
+#include <forward_list>
+#include <iterator>
+#include <random>
+#include <vector>
+
+#include "containers/container_ids.hpp"
+#include "vepra_sl.h"
+
+namespace {
+
+using namespace vepra_test;
+using Ids = std::vector<int>;
+
+Ids listed(vepra_sl_t *node) {
+  Ids seen;
+  vepra_sl_walk(node, record, &seen);
+  return seen;
+}
+
+void *first_multiple(uint32_t, void *data, void *user) {
+  return id_of(data) % *static_cast<int *>(user) == 0 ? data : nullptr;
+}
+int tag_above(uint32_t tag, void *, void *user) {
+  return tag > *static_cast<uint32_t *>(user) ? static_cast<int>(tag) : 0;
+}
+
+// Every walk form from node must agree with the ids (tags are ids + 1000).
+void expect_walks(vepra_sl_t *node, const Ids &ids, int divisor) {
+  ASSERT_EQ(listed(node), ids);
+  auto hit = std::find_if(ids.begin(), ids.end(), [&](int v) { return v % divisor == 0; });
+  EXPECT_EQ(vepra_sl_walk_ptr_first(node, first_multiple, &divisor),
+            hit == ids.end() ? nullptr : id(*hit));
+  uint32_t limit = 1000 + static_cast<uint32_t>(divisor) * 7;
+  auto big = std::find_if(ids.begin(), ids.end(), [&](int v) { return 1000u + v > limit; });
+  EXPECT_EQ(vepra_sl_walk_int_first(node, tag_above, &limit), big == ids.end() ? 0 : 1000 + *big);
+  FailOn stop{ids.empty() ? -1 : ids[ids.size() / 2], VepraDLlistStopWalking};
+  EXPECT_EQ(vepra_sl_walk_err_first(node, fail_on<>, &stop), ids.empty() ? nullptr : stop.error);
+  EXPECT_EQ(stop.seen.size(), ids.empty() ? 0 : ids.size() / 2 + 1);
+}
+
+class SlTest : public LibraryTest {};
+
+TEST_F(SlTest, RandomOperationsMatchForwardList) {
+  std::mt19937 rng(4242);
+  for (int round = 0; round < 30; ++round) {
+    std::forward_list<int> model;
+    vepra_sl_t *list = nullptr;
+    for (int k = 1; k <= 80; ++k) {
+      const auto size = static_cast<size_t>(std::distance(model.begin(), model.end()));
+      const size_t at = size == 0 ? 0 : rng() % size;
+      switch (rng() % 6) {
+        case 0:
+          ASSERT_EQ(vepra_sl_front(&list, 1000u + k, id(k), pool_), nullptr);
+          model.push_front(k);
+          break;
+        case 1:
+          ASSERT_EQ(vepra_sl_append(&list, 1000u + k, id(k), pool_), nullptr);
+          model.insert_after(size == 0 ? model.before_begin() : std::next(model.begin(), size - 1), k);
+          break;
+        case 2:
+          ASSERT_EQ(vepra_sl_add(&list, 1000u + k, id(k), pool_), nullptr);
+          size == 0 ? model.push_front(k) : void(model.insert_after(model.begin(), k));
+          break;
+        case 3:  // unlink the node after position at (nothing at the end)
+          vepra_sl_delete_next(vepra_sl_get_n(list, at));
+          if (at + 1 < size) model.erase_after(std::next(model.begin(), at));
+          break;
+        case 4: {  // overwrite the node at position at
+          vepra_sl_t *node = vepra_sl_get_n(list, at);
+          if (size == 0) {
+            EXPECT_EQ(node, nullptr);
+            break;
+          }
+          vepra_sl_update(node, 1000u + 500 + k, id(500 + k));
+          *std::next(model.begin(), at) = 500 + k;
+          break;
+        }
+        default: {  // read from a node in the middle: the walks see its tail only
+          Ids tail(std::next(model.begin(), std::min(at, size)), model.end());
+          expect_walks(vepra_sl_get_n(list, at), tail, 2 + k % 5);
+        }
+      }
+      const Ids all(model.begin(), model.end());
+      ASSERT_NO_FATAL_FAILURE(expect_walks(list, all, 3));
+      EXPECT_EQ(vepra_sl_get_n(list, all.size()), nullptr);
+      for (size_t i = 0; i < all.size(); i += 7) {
+        uint32_t tag = 0;
+        EXPECT_EQ(vepra_sl_get_data_tag(vepra_sl_get_n(list, i), &tag), id(all[i]));
+        EXPECT_EQ(tag, 1000u + all[i]);
+      }
+    }
+    vepra_sl_destroy(&list);
+    EXPECT_EQ(list, nullptr);
+  }
+}
+
+TEST_F(SlTest, AddKeepsTheHeadAndReversesBehindIt) {
+  vepra_sl_t *list = nullptr;
+  for (int k : {1, 2, 3, 4}) ASSERT_EQ(vepra_sl_add(&list, 0, id(k), pool_), nullptr);
+  EXPECT_EQ(listed(list), (Ids{1, 4, 3, 2}));
+  EXPECT_EQ(vepra_sl_get_n(list, 0), list);
+}
+
+TEST_F(SlTest, RandomStackOperationsMatchVector) {
+  std::mt19937 rng(77);
+  vepra_stk_t *stack = nullptr;
+  ASSERT_EQ(vepra_stk_create(&stack, pool_), nullptr);
+  std::vector<int> model;  // back is the top
+  for (int k = 1; k <= 600; ++k) {
+    switch (rng() % 5) {
+      case 0:
+      case 1:
+        ASSERT_EQ(vepra_stk_push(stack, 1000u + k, id(k), pool_), nullptr);
+        model.push_back(k);
+        break;
+      case 2:
+        EXPECT_EQ(vepra_stk_pop(stack), model.empty() ? nullptr : id(model.back()));
+        if (!model.empty()) model.pop_back();
+        break;
+      case 3: {
+        vepra_stk_t *copy = nullptr;
+        ASSERT_EQ(vepra_stk_copy(stack, &copy, pool_), nullptr);
+        ASSERT_EQ(vepra_stk_count(copy), model.size());
+        for (auto it = model.rbegin(); it != model.rend(); ++it) EXPECT_EQ(vepra_stk_pop(copy), id(*it));
+        EXPECT_EQ(vepra_stk_pop(copy), nullptr);
+        break;
+      }
+      default:
+        if (rng() % 20 == 0) {
+          vepra_stk_destroy(stack);
+          model.clear();
+        }
+    }
+    ASSERT_EQ(vepra_stk_count(stack), model.size());
+    uint32_t tag = 7;
+    EXPECT_EQ(vepra_stk_get_data(stack, &tag), model.empty() ? nullptr : id(model.back()));
+    EXPECT_EQ(tag, model.empty() ? 7u : 1000u + model.back());
+    const Ids top_down(model.rbegin(), model.rend());
+    Ids seen;
+    vepra_stk_walk(stack, record, &seen);
+    ASSERT_EQ(seen, top_down);
+    int divisor = 4;
+    auto hit = std::find_if(top_down.begin(), top_down.end(), [](int v) { return v % 4 == 0; });
+    EXPECT_EQ(vepra_stk_walk_ptr_first(stack, first_multiple, &divisor),
+              hit == top_down.end() ? nullptr : id(*hit));
+    FailOn stop{top_down.empty() ? -1 : top_down.back(), VepraDLlistStopWalking};
+    EXPECT_EQ(vepra_stk_walk_err_first(stack, fail_on<>, &stop),
+              top_down.empty() ? nullptr : stop.error);
+    EXPECT_EQ(stop.seen, top_down);
+  }
+}
+
+TEST_F(SlTest, NullsAreQuietAndACopyOfNothingIsEmpty) {
+  expect_quiet_with(nullptr, vepra_sl_get_data, vepra_sl_get_data_tag, vepra_sl_get_n,
+                    vepra_sl_delete_next, vepra_sl_destroy, vepra_sl_walk, vepra_sl_walk_int_first,
+                    vepra_sl_walk_ptr_first, vepra_sl_walk_err_first, vepra_stk_pop,
+                    vepra_stk_get_data, vepra_stk_count, vepra_stk_destroy, vepra_stk_walk,
+                    vepra_stk_walk_ptr_first, vepra_stk_walk_err_first);
+  vepra_stk_t *copy = nullptr;
+  ASSERT_EQ(vepra_stk_copy(nullptr, &copy, pool_), nullptr);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(vepra_stk_count(copy), 0u);
+  EXPECT_EQ(vepra_stk_pop(copy), nullptr);
+  EXPECT_EQ(vepra_stk_count(copy), 0u);
+  EXPECT_EQ(take_printed(vepra_sl_front(nullptr, 0, id(1), pool_)),
+            "Error(120140): Can't allocate memory for sllist node. ");
+  EXPECT_EQ(take_printed(vepra_stk_push(nullptr, 0, id(1), pool_)),
+            "Error(120140): Can't push object to stack. \n"
+            "Error(120140): Can't allocate memory for sllist node. ");
+}
+
+// A pool that runs dry at every node in turn: adding fails with 120140 and
+// leaves the list as it was; a copy keeps the elements made so far.
+TEST_F(SlTest, PoolFailuresLeaveListsAndStacksConsistent) {
+  using Add = vepra_error_t *(*)(vepra_sl_t **, uint32_t, void *, apr_pool_t *);
+  for (Add add : {vepra_sl_front, vepra_sl_append, vepra_sl_add}) {
+    vepra_sl_t *list = nullptr;
+    for (int k = 1; k <= 3; ++k) ASSERT_EQ(vepra_sl_append(&list, 0, id(k), pool_), nullptr);
+    EXPECT_EQ(expect_alloc_failures([&] { return add(&list, 0, id(9), pool_); },
+                                    "Error(120140): Can't allocate memory for sllist node. ",
+                                    [&] { EXPECT_EQ(listed(list), (Ids{1, 2, 3})); }),
+              1);
+  }
+  vepra_stk_t *stack = nullptr;
+  ASSERT_EQ(vepra_stk_create(&stack, pool_), nullptr);
+  for (int k = 1; k <= 3; ++k) ASSERT_EQ(vepra_stk_push(stack, 0, id(k), pool_), nullptr);
+  EXPECT_EQ(expect_alloc_failures([&] { return vepra_stk_push(stack, 0, id(9), pool_); },
+                                  "Error(120140): Can't push object to stack. \n"
+                                  "Error(120140): Can't allocate memory for sllist node. ",
+                                  [&] { EXPECT_EQ(vepra_stk_count(stack), 3u); }),
+            1);
+  ASSERT_EQ(vepra_stk_pop(stack), id(9));  // pushed by the clean run
+  long made = for_each_allocation_failure(
+      [&] {
+        vepra_stk_t *copy = nullptr;
+        vepra_error_t *e = vepra_stk_copy(stack, &copy, pool_);
+        // The copy holds exactly the elements made before the failure.
+        Ids seen;
+        vepra_stk_walk(copy, record, &seen);
+        EXPECT_EQ(vepra_stk_count(copy), seen.size());
+        const Ids order{3, 2, 1};
+        EXPECT_TRUE(seen.size() <= 3 && std::equal(seen.begin(), seen.end(), order.begin()));
+        return e;
+      },
+      [](vepra_error_t *e, long n) {
+        EXPECT_EQ(e->code, n == 1 ? VEPRA_E_ALLOC : VEPRA_E_SL_ALLOC);
+        EXPECT_STREQ(e->message, "Can't copy stack.");
+      });
+  EXPECT_EQ(made, 4);
+}
+
+}  // namespace
