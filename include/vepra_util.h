@@ -6,6 +6,7 @@
 #define VEPRA_UTIL_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "vepra_export.h"
 
@@ -20,6 +21,9 @@ VEPRA_API char *vepra_util_basename(const char *path, char *buf, size_t size)
  *  without a slash (and for ""). Returns buf. */
 VEPRA_API char *vepra_util_dirname(const char *path, char *buf, size_t size)
     VEPRA_NOTHROW;
+
+/** Number of bits set in value (population count), 0 to 64. */
+VEPRA_API unsigned vepra_util_nsb64(uint64_t value) VEPRA_NOTHROW;
 
 VEPRA_END_DECL
 

@@ -1,0 +1,256 @@
+// Bit arrays against std::vector<bool>: random sequences of resizes, bit
+// writes, whole-array changes, OR, AND, clones and text output, with the
+// record's invariants checked after every step; allocation failing at
+// every point.
+#include <bit>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/test_support.hpp"
+#include "sys/cpu_dispatch.hpp"
+#include "vepra_bitarr.h"
+#include "vepra_util.h"
+
+namespace {
+
+using namespace vepra_test;
+using Bits = std::vector<bool>;
+
+struct ArrayDeleter {
+  void operator()(vepra_bitarr_t *a) const noexcept { vepra_bitarr_free(a); }
+};
+
+void set_bit(vepra_bitarr_t *a, uint64_t i, bool on) {
+  const uint64_t mask = uint64_t{1} << (i % 64);
+  a->words[i / 64] = on ? a->words[i / 64] | mask : a->words[i / 64] & ~mask;
+}
+
+std::string text_of(const Bits &bits, char one = '1', char zero = '0') {
+  std::string s;
+  for (bool b : bits) s += b ? one : zero;
+  return s;
+}
+
+// The record matches the model, and its invariants hold: used and capacity
+// follow the length, and every bit past the length is zero up to the
+// capacity.
+void expect_matches(const vepra_bitarr_t *a, const Bits &model) {
+  ASSERT_NE(a, nullptr);
+  ASSERT_EQ(a->bits, model.size());
+  ASSERT_EQ(a->used, (model.size() + 63) / 64);
+  EXPECT_EQ(a->capacity, std::max<uint64_t>(8, std::bit_floor(a->capacity)));
+  EXPECT_GE(a->capacity, a->used);
+  for (uint64_t i = 0; i < a->capacity * 64; ++i) {
+    const bool bit = (a->words[i / 64] >> (i % 64)) & 1;
+    ASSERT_EQ(bit, i < model.size() && model[i]) << "bit " << i << " of " << model.size();
+  }
+  const uint64_t set = static_cast<uint64_t>(std::count(model.begin(), model.end(), true));
+  EXPECT_EQ(vepra_bitarr_num_bits_set(a), set);
+  EXPECT_EQ(vepra_bitarr_num_bits_cleared(a), model.size() - set);
+}
+
+class BitarrTest : public LibraryTest {};
+
+TEST_F(BitarrTest, RandomOperationsMatchVectorOfBool) {
+  std::mt19937_64 rng(2024);
+  auto length = [&] { return rng() % 4 == 0 ? 64 * (rng() % 12) : rng() % 900; };
+  for (int round = 0; round < 25; ++round) {
+    vepra_bitarr_t *a = nullptr;
+    Bits model(length());
+    ASSERT_EQ(vepra_bitarr_create(&a, model.size()), nullptr);
+    EXPECT_EQ(a->capacity, std::max<uint64_t>(8, std::bit_floor(a->used) << 1));
+    for (int step = 0; step < 60; ++step) {
+      switch (rng() % 9) {
+        case 0: {  // resize, up or down
+          const uint64_t old_capacity = a->capacity;
+          model.resize(length());
+          ASSERT_EQ(vepra_bitarr_resize(&a, model.size()), nullptr);
+          if (a->used > old_capacity) {
+            EXPECT_EQ(a->capacity, std::max<uint64_t>(8, std::bit_floor(a->used) << 1));
+          } else {
+            EXPECT_EQ(a->capacity, old_capacity);
+          }
+          break;
+        }
+        case 1:
+        case 2:  // scatter bits below the length
+          for (int k = 0; k < 40 && !model.empty(); ++k) {
+            const uint64_t i = rng() % model.size();
+            const bool on = rng() % 2 != 0;
+            set_bit(a, i, on);
+            model[i] = on;
+          }
+          break;
+        case 3:
+          vepra_bitarr_set_all(a);
+          model.assign(model.size(), true);
+          break;
+        case 4:
+          vepra_bitarr_clear_all(a);
+          model.assign(model.size(), false);
+          break;
+        case 5:
+          vepra_bitarr_toggle_all(a);
+          model.flip();
+          break;
+        case 6:
+        case 7: {  // OR or AND with a random other array, into a, into it or into a third
+          Bits other_model(length());
+          vepra_bitarr_t *other = nullptr;
+          ASSERT_EQ(vepra_bitarr_create(&other, other_model.size()), nullptr);
+          for (uint64_t i = 0; i < other_model.size(); ++i) {
+            other_model[i] = rng() % 3 == 0;
+            set_bit(other, i, other_model[i]);
+          }
+          const bool is_or = rng() % 2 == 0;
+          Bits want(std::max(model.size(), other_model.size()));
+          for (size_t i = 0; i < want.size(); ++i) {
+            const bool x = i < model.size() && model[i], y = i < other_model.size() && other_model[i];
+            want[i] = is_or ? (x || y) : (x && y);
+          }
+          auto op = is_or ? vepra_bitarr_or : vepra_bitarr_and;
+          const unsigned into = static_cast<unsigned>(rng() % 3);
+          vepra_bitarr_t *third = nullptr;
+          vepra_bitarr_t **result = into == 0 ? &a : into == 1 ? &other : &third;
+          const bool swap = rng() % 2 == 0;
+          ASSERT_EQ(swap ? op(other, a, result) : op(a, other, result), nullptr);
+          expect_matches(*result, want);
+          if (into != 0) std::swap(a, *result);
+          model = want;
+          vepra_bitarr_free(other);
+          vepra_bitarr_free(third);
+          break;
+        }
+        default: {  // clone, and the text of the copy through short buffers
+          vepra_bitarr_t *copy = a;
+          ASSERT_EQ(vepra_bitarr_clone(a, &copy), nullptr);
+          if (model.empty()) {
+            EXPECT_EQ(copy, nullptr);
+            break;
+          }
+          expect_matches(copy, model);
+          const size_t size = rng() % (model.size() + 3);
+          std::string buf(size + 1, '#');
+          const int one = rng() % 2 ? 'x' : 0x100, zero = rng() % 2 ? '.' : 0;
+          EXPECT_EQ(vepra_bitarr_tostr(copy, buf.data(), size, one, zero), model.size());
+          const std::string want = text_of(model, one == 'x' ? 'x' : '1', zero == '.' ? '.' : '0');
+          if (size == 0) {
+            EXPECT_EQ(buf, "#");
+          } else {
+            EXPECT_EQ(buf.c_str(), want.substr(0, size - 1));
+            EXPECT_EQ(buf[size], '#');
+          }
+          vepra_bitarr_free(copy);
+        }
+      }
+      ASSERT_NO_FATAL_FAILURE(expect_matches(a, model));
+    }
+    char *printed = nullptr;
+    size_t printed_size = 0;
+    FILE *stream = open_memstream(&printed, &printed_size);
+    vepra_bitarr_print(a, stream);
+    std::fclose(stream);
+    EXPECT_EQ(std::string(printed, printed_size), text_of(model));
+    std::free(printed);
+    vepra_bitarr_free(a);
+  }
+}
+
+TEST_F(BitarrTest, CountsAgreeWithPortablePathAndStdPopcount) {
+  std::mt19937_64 rng(5);
+  std::vector<uint64_t> words(1000);
+  uint64_t want = 0;
+  for (auto &w : words) {
+    w = rng() & rng();
+    want += static_cast<uint64_t>(std::popcount(w));
+    EXPECT_EQ(vepra_util_nsb64(w), static_cast<unsigned>(std::popcount(w)));
+  }
+  EXPECT_EQ(vepra_util_nsb64(~uint64_t{0}), 64u);
+  EXPECT_EQ(vepra_util_nsb64(0), 0u);
+  vepra_bitarr_t a{words.data(), 64 * words.size(), words.size(), words.size()};
+  EXPECT_EQ(vepra_bitarr_num_bits_set(&a), want);
+  vepra::testing::force_portable_paths(true);
+  EXPECT_EQ(vepra_bitarr_num_bits_set(&a), want);
+  vepra::testing::force_portable_paths(false);
+}
+
+TEST_F(BitarrTest, NullAndEmptyArrays) {
+  EXPECT_EQ(vepra_bitarr_num_bits_set(nullptr), 0u);
+  EXPECT_EQ(vepra_bitarr_num_bits_cleared(nullptr), 0u);
+  vepra_bitarr_set_all(nullptr);
+  vepra_bitarr_free(nullptr);
+  EXPECT_EQ(vepra_bitarr_resize(nullptr, 5), nullptr);
+  char buf[4] = "abc";
+  EXPECT_EQ(vepra_bitarr_tostr(nullptr, buf, sizeof buf, 0, 0), 0u);
+  EXPECT_STREQ(buf, "");
+  // OR of nothing with nothing is an empty array; with one array, its copy.
+  vepra_bitarr_t *r = nullptr, *ten = nullptr;
+  ASSERT_EQ(vepra_bitarr_or(nullptr, nullptr, &r), nullptr);
+  expect_matches(r, {});
+  ASSERT_EQ(vepra_bitarr_create(&ten, 10), nullptr);
+  vepra_bitarr_set_all(ten);
+  ASSERT_EQ(vepra_bitarr_or(nullptr, ten, &r), nullptr);
+  expect_matches(r, Bits(10, true));
+  ASSERT_EQ(vepra_bitarr_and(ten, nullptr, &r), nullptr);
+  expect_matches(r, Bits(10, false));
+  vepra_bitarr_free(r);
+  vepra_bitarr_free(ten);
+}
+
+// Each allocation of create, of a growing resize and of a created result
+// fails in turn: the chain is the documented one, and a failed resize
+// leaves the array as it was, still usable.
+TEST_F(BitarrTest, AllocationFailuresKeepTheArray) {
+  vepra_bitarr_t *made = nullptr;
+  EXPECT_EQ(for_each_allocation_failure([&] { return vepra_bitarr_create(&made, 6400); },
+                                        [&](vepra_error_t *e, long n) {
+                                          EXPECT_EQ(e->code, VEPRA_E_ALLOC);
+                                          EXPECT_STREQ(e->message, "Cannot create bit array.");
+                                          EXPECT_STREQ(e->next->message,
+                                                       n == 1 ? "Failed to allocate 32 bytes of memory."
+                                                              : "Failed to allocate 1024 bytes of memory.");
+                                        }),
+            2);
+  vepra_bitarr_free(made);
+
+  vepra_bitarr_t *a = nullptr;
+  ASSERT_EQ(vepra_bitarr_create(&a, 130), nullptr);
+  vepra_bitarr_set_all(a);
+  const uint64_t *words = a->words;
+  EXPECT_EQ(for_each_allocation_failure(
+                [&] { return vepra_bitarr_resize(&a, 64 * 9); },
+                [&](vepra_error_t *e, long) {
+                  EXPECT_EQ(take_printed(vepra_error_dup(e)),
+                            "Error(120013): Cannot resize bit array. \n"
+                            "Error(120013): Failed to reallocate memory for 128 bytes. ");
+                  EXPECT_EQ(a->words, words);
+                  expect_matches(a, Bits(130, true));
+                }),
+            1);
+  expect_matches(a, [] { Bits b(64 * 9); std::fill_n(b.begin(), 130, true); return b; }());
+
+  // The largest length asks for 2^59 words: the allocator refuses them.
+  EXPECT_EQ(take_printed(vepra_bitarr_resize(&a, UINT64_MAX)),
+            "Error(120013): Cannot resize bit array. \n"
+            "Error(120013): Failed to reallocate memory for 4611686018427387904 bytes. ");
+  EXPECT_EQ(a->bits, 64u * 9);
+  vepra_bitarr_t *huge = nullptr;
+  EXPECT_EQ(take_printed(vepra_bitarr_create(&huge, UINT64_MAX)),
+            "Error(120012): Cannot create bit array. \n"
+            "Error(120012): Failed to allocate 4611686018427387904 bytes of memory. ");
+  EXPECT_EQ(huge, nullptr);
+
+  vepra_bitarr_t *r = nullptr;
+  for_each_allocation_failure([&] { return vepra_bitarr_and(a, a, &r); },
+                              [&](vepra_error_t *e, long) {
+                                EXPECT_STREQ(e->message, "Cannot resize bit array.");
+                                EXPECT_EQ(r, nullptr);
+                              });
+  expect_matches(r, [] { Bits b(64 * 9); std::fill_n(b.begin(), 130, true); return b; }());
+  vepra_bitarr_free(r);
+  vepra_bitarr_free(a);
+}
+
+}  // namespace
