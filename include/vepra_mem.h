@@ -10,7 +10,9 @@
 #ifndef VEPRA_MEM_H
 #define VEPRA_MEM_H
 
+#include <stdarg.h>
 #include <stddef.h>
+#include <stdint.h>
 
 #include "vepra_error.h"
 #include "vepra_export.h"
@@ -59,6 +61,57 @@ VEPRA_API vepra_error_t *vepra_mem_matrix_alloc(void **out, size_t size,
 /** Frees a matrix made with the same size and bounds; nothing for null. */
 VEPRA_API void vepra_mem_matrix_free(void *matrix, size_t size, int row_lo,
                                      int row_hi, int col_lo) VEPRA_NOTHROW;
+
+/** An N-dimensional array: a tree of pointer tables, one level a
+ *  dimension except the last, whose entries lead to zero-filled blocks of
+ *  dims[ndims - 1] elements. The array owns its tables and blocks; the
+ *  caller owns the header until vepra_mem_array_free(). */
+typedef struct vepra_mem_array_t {
+  int32_t ndims;  /**< number of dimensions, at least 1 */
+  uint32_t *dims; /**< size of each dimension, ndims entries */
+  void *data;     /**< root: the block (1 dimension) or the first table */
+  size_t elsize;  /**< bytes per element */
+} vepra_mem_array_t;
+
+/** Allocates an array of size-byte elements into *out (which must not be
+ *  null): the first dimension, then further dimensions (ints) ending with
+ *  0. Errors returned as they are, *out untouched: 120011 "Cannot allocate
+ *  array for elements of size %zu bytes." for size 0, 120010 "Cannot
+ *  allocate memory for %d elements in first dimension." for first 0.
+ *  Errors wrapped by "Cannot allocate array.", *out set to null and nothing
+ *  left allocated: 120012, 120013 (also for shapes whose size in bytes
+ *  does not fit). */
+VEPRA_API vepra_error_t *vepra_mem_array_alloc(vepra_mem_array_t **out,
+                                               size_t size, int first, ...)
+    VEPRA_NOTHROW;
+/** vepra_mem_array_alloc() with the further dimensions in a va_list. */
+VEPRA_API vepra_error_t *vepra_mem_array_valloc(vepra_mem_array_t **out,
+                                                size_t size, int first,
+                                                va_list dims) VEPRA_NOTHROW;
+/** Frees the tables, blocks, dimension list and header; nothing for
+ *  null. */
+VEPRA_API void vepra_mem_array_free(vepra_mem_array_t *array) VEPRA_NOTHROW;
+/** Copies the size-byte element at src into the array at the position of
+ *  the n indices in index. Errors (code 0, wrapped by "Cannot copy data to
+ *  element."): size or n not those of the array, an index past its
+ *  dimension (dimensions counted from 1), a null array or index vector. */
+VEPRA_API vepra_error_t *vepra_mem_array_copytoel(vepra_mem_array_t *array,
+                                                  const void *src,
+                                                  size_t size, unsigned n,
+                                                  const uint32_t *index)
+    VEPRA_NOTHROW;
+/** Copies the element at the position of the n indices in index to dst.
+ *  Errors as vepra_mem_array_copytoel(), wrapped by "Cannot copy data from
+ *  element.". */
+VEPRA_API vepra_error_t *vepra_mem_array_copyfromel(
+    const vepra_mem_array_t *array, void *dst, size_t size, unsigned n,
+    const uint32_t *index) VEPRA_NOTHROW;
+/** Sets every byte of every element to value (as memset). Errors: code 0
+ *  when size is not the array's element size (or the array is null),
+ *  wrapped by "Cannot set all elements of an array". */
+VEPRA_API vepra_error_t *vepra_mem_array_allset(vepra_mem_array_t *array,
+                                                int value, size_t size)
+    VEPRA_NOTHROW;
 
 VEPRA_END_DECL
 
