@@ -15,6 +15,8 @@
 #include "vepra_tree.h"
 #include "vepra_trie.h"
 #include "vepra_cdl.h"
+#include "vepra_sl.h"
+#include "vepra_bitarr.h"
 #include "vepra_strlist.h"
 #include "vepra_prsd.h"
 #include "vepra_img.h"

@@ -34,6 +34,12 @@ int main(void) {
   int payload = 42;
   void *block = NULL;
   char buf[32];
+  vepra_sl_t *slist = NULL;
+  vepra_stk_t *stack = NULL;
+  vepra_bitarr_t *bits = NULL;
+  vepra_mem_array_t *grid = NULL;
+  uint32_t at[2] = {1, 2};
+  double cell = 2.5;
   int lines = 0;
 
   CHECK(vepra_initialize() == 0);
@@ -62,6 +68,22 @@ int main(void) {
   CHECK(vepra_trie_search(trie, "key", 3) == &payload);
   CHECK(vepra_strlist_create(&strings, vepra_pool) == NULL);
   CHECK(vepra_img_thres_IJ(4, hist) > 0.0);
+
+  CHECK(vepra_sl_append(&slist, 3, &payload, vepra_pool) == NULL);
+  CHECK(vepra_sl_get_data(vepra_sl_get_n(slist, 0)) == &payload);
+  CHECK(vepra_stk_create(&stack, vepra_pool) == NULL);
+  CHECK(vepra_stk_push(stack, 4, &payload, vepra_pool) == NULL);
+  CHECK(vepra_stk_pop(stack) == &payload && vepra_stk_count(stack) == 0);
+  CHECK(vepra_util_nsb64(0xF0F0u) == 8);
+  CHECK(vepra_bitarr_create(&bits, 70) == NULL);
+  vepra_bitarr_set_all(bits);
+  CHECK(vepra_bitarr_num_bits_set(bits) == 70);
+  vepra_bitarr_free(bits);
+  CHECK(vepra_mem_array_alloc(&grid, sizeof cell, 2, 3, 0) == NULL);
+  CHECK(vepra_mem_array_copytoel(grid, &cell, sizeof cell, 2, at) == NULL);
+  cell = 0.0;
+  CHECK(vepra_mem_array_copyfromel(grid, &cell, sizeof cell, 2, at) == NULL && cell == 2.5);
+  vepra_mem_array_free(grid);
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);
