@@ -177,12 +177,14 @@ uint64_t vepra_bitarr_num_bits_cleared(const vepra_bitarr_t *array) noexcept {
 
 vepra_error_t *vepra_bitarr_or(const vepra_bitarr_t *a, const vepra_bitarr_t *b,
                                vepra_bitarr_t **result) noexcept {
-  return combine(a, b, result, [](uint64_t x, uint64_t y) { return x | y; }, true);
+  return combine(
+      a, b, result, [](uint64_t x, uint64_t y) { return x | y; }, true);
 }
 
 vepra_error_t *vepra_bitarr_and(const vepra_bitarr_t *a, const vepra_bitarr_t *b,
                                 vepra_bitarr_t **result) noexcept {
-  return combine(a, b, result, [](uint64_t x, uint64_t y) { return x & y; }, false);
+  return combine(
+      a, b, result, [](uint64_t x, uint64_t y) { return x & y; }, false);
 }
 
 void vepra_bitarr_print(const vepra_bitarr_t *array, FILE *stream) noexcept {

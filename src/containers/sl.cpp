@@ -178,8 +178,7 @@ vepra_error_t *vepra_stk_copy(const vepra_stk_t *source, vepra_stk_t **out,
   // Appending at the end of the copy in source order, top first; the copy
   // keeps its own end so that the whole copy is linear.
   vepra_sl_t **end = &copy->top;
-  for (const vepra_sl_t *p = source != nullptr ? source->top : nullptr; p != nullptr;
-       p = p->next) {
+  for (const vepra_sl_t *p = source != nullptr ? source->top : nullptr; p != nullptr; p = p->next) {
     VEPRA_RETURN_IF_ERROR(vepra_sl_append(end, p->tag, p->data, pool), "%s", kCopy);
     ++copy->count;
     end = &(*end)->next;

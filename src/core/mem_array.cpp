@@ -58,7 +58,8 @@ bool shape_fits(const vepra_mem_array_t &a) noexcept {
     const size_t unit = is_last(a, level) ? a.elsize : sizeof(void *);
     size_t bytes = 0;
     if (__builtin_mul_overflow(nodes, size_t{a.dims[level]}, &bytes) ||
-        __builtin_mul_overflow(bytes, unit, &bytes) || __builtin_add_overflow(total, bytes, &total) ||
+        __builtin_mul_overflow(bytes, unit, &bytes) ||
+        __builtin_add_overflow(total, bytes, &total) ||
         __builtin_mul_overflow(nodes, size_t{a.dims[level]}, &nodes)) {
       return false;
     }
@@ -99,7 +100,8 @@ vepra_error_t *fill_header(vepra_mem_array_t *a, size_t size, int first, va_list
 vepra_error_t *locate(const vepra_mem_array_t *a, size_t size, unsigned n, const uint32_t *index,
                       char **where) noexcept {
   if (a == nullptr) return make_error(0, "No array given");
-  if (size != a->elsize) return make_error(0, "Expected element size %zu, found %zu", a->elsize, size);
+  if (size != a->elsize)
+    return make_error(0, "Expected element size %zu, found %zu", a->elsize, size);
   if (static_cast<int64_t>(n) != a->ndims) {
     return make_error(0, "Expected dimensions %d, found %d", a->ndims, static_cast<int>(n));
   }

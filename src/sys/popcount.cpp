@@ -17,8 +17,7 @@ uint64_t count_portable(const uint64_t *words, size_t n) noexcept {
 #if defined(__x86_64__)
 // Four independent sums keep several popcnt instructions in flight, so the
 // loop runs at the speed of the memory rather than of one dependency chain.
-__attribute__((target("popcnt"))) uint64_t count_popcnt(const uint64_t *words,
-                                                         size_t n) noexcept {
+__attribute__((target("popcnt"))) uint64_t count_popcnt(const uint64_t *words, size_t n) noexcept {
   uint64_t s0 = 0, s1 = 0, s2 = 0, s3 = 0;
   size_t i = 0;
   for (; i + 4 <= n; i += 4) {

@@ -144,20 +144,21 @@ TEST_F(MemArrayTest, AllocationFailuresFreeEverything) {
       "Error(120012): Failed to allocate 32 bytes of memory. ",  // its first block
   };
   vepra_mem_array_t *a = nullptr;
-  long made = for_each_allocation_failure(
-      [&] { return vepra_mem_array_alloc(&a, 8, 2, 3, 4, 0); },
-      [&](vepra_error_t *e, long n) {
-        EXPECT_EQ(a, nullptr);
-        const std::string text = take_printed(vepra_error_dup(e));
-        const std::string head = "Error(" + std::to_string(e->code) + "): Cannot allocate array. \n";
-        // Past the first block the requests repeat: blocks of 32 bytes,
-        // then the second table and its blocks.
-        if (n <= 7) {
-          EXPECT_EQ(text, head + causes[static_cast<size_t>(n - 1)]);
-        } else {
-          EXPECT_EQ(text.rfind(head, 0), 0u) << text;
-        }
-      });
+  long made =
+      for_each_allocation_failure([&] { return vepra_mem_array_alloc(&a, 8, 2, 3, 4, 0); },
+                                  [&](vepra_error_t *e, long n) {
+                                    EXPECT_EQ(a, nullptr);
+                                    const std::string text = take_printed(vepra_error_dup(e));
+                                    const std::string head = "Error(" + std::to_string(e->code) +
+                                                             "): Cannot allocate array. \n";
+                                    // Past the first block the requests repeat: blocks of 32 bytes,
+                                    // then the second table and its blocks.
+                                    if (n <= 7) {
+                                      EXPECT_EQ(text, head + causes[static_cast<size_t>(n - 1)]);
+                                    } else {
+                                      EXPECT_EQ(text.rfind(head, 0), 0u) << text;
+                                    }
+                                  });
   EXPECT_EQ(made, 4 + 1 + 2 + 6);
   vepra_mem_array_free(a);
 
