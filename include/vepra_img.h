@@ -179,6 +179,144 @@ VEPRA_API vepra_error_t *vepra_img_calc_density(const vepra_img_t *img,
     VEPRA_NOTHROW;
 /** @} */
 
+/** @name Circle and ellipse rasterisation
+ *  The rasterisers own no image: every pixel goes to a callback with its
+ *  coverage weight, and the caller decides what to do with it. Plain
+ *  variants report weight 1.0; antialiased ones report 1 minus the
+ *  normalised distance of the pixel from the ideal curve for edge pixels
+ *  (curve pixels of a step are reported whatever their weight, so a weight
+ *  may fall slightly outside 0..1; neighbour pixels only when above 0),
+ *  and 1.0 for the solid interior of a stroke. A pixel may be reported more
+ *  than once (at the tips and where quadrants meet). Coordinates are not
+ *  clipped and are computed in 64 bits: a pixel whose coordinates do not
+ *  fit an int is skipped, never wrapped. Degenerate rectangles (zero width
+ *  or height) in the antialiased and stroke variants report the straight
+ *  line between the corners with weight 1.0. A negative radius or semi-axis
+ *  of the antialiased and stroke variants counts as its magnitude.
+ *
+ *  A callback that returns an error stops the drawing at once; the
+ *  function returns that chain unchanged. The functions create no errors of
+ *  their own: each returns null or the callback's chain.
+ *  @{ */
+/** Receives one pixel (x, y) of a shape with its coverage weight; data is
+ *  the caller's pointer. Returns null to go on, or an error chain that
+ *  stops the drawing and is handed back to the caller. */
+typedef vepra_error_t *(*vepra_img_pixel_fn)(int x, int y, void *data,
+                                              double weight);
+/** Circle of radius r about (xm, ym), weight 1.0 (Bresenham). */
+VEPRA_API vepra_error_t *vepra_img_circle(int xm, int ym, int r,
+                                          vepra_img_pixel_fn fn, void *data)
+    VEPRA_NOTHROW;
+/** Antialiased circle of radius r about (xm, ym). */
+VEPRA_API vepra_error_t *vepra_img_circle_aa(int xm, int ym, int r,
+                                             vepra_img_pixel_fn fn, void *data)
+    VEPRA_NOTHROW;
+/** Antialiased circle with a stroke of the given width centred on radius
+ *  r: the ellipse of vepra_img_ellipser_waa() in the square grown by
+ *  round(width) / 2 on every side. A width below 1.5 draws the thin
+ *  antialiased circle; a non-finite or negative width counts as 0. */
+VEPRA_API vepra_error_t *vepra_img_circle_waa(int xm, int ym, int r,
+                                              vepra_img_pixel_fn fn,
+                                              void *data, double width)
+    VEPRA_NOTHROW;
+/** Ellipse with semi-axes a (along x) and b (along y) about (xm, ym),
+ *  weight 1.0; flat ellipses get their tips completed along the column xm. */
+VEPRA_API vepra_error_t *vepra_img_ellipse(int xm, int ym, int a, int b,
+                                           vepra_img_pixel_fn fn, void *data)
+    VEPRA_NOTHROW;
+/** Ellipse inscribed in the rectangle of corners (x0, y0) and (x1, y1),
+ *  weight 1.0; even widths and heights are drawn exactly inside it. */
+VEPRA_API vepra_error_t *vepra_img_ellipser(int x0, int y0, int x1, int y1,
+                                            vepra_img_pixel_fn fn, void *data)
+    VEPRA_NOTHROW;
+/** Antialiased ellipse about (xm, ym): vepra_img_ellipser_aa() of the
+ *  rectangle (xm - a, ym - b, xm + a, ym + b). */
+VEPRA_API vepra_error_t *vepra_img_ellipse_aa(int xm, int ym, int a, int b,
+                                              vepra_img_pixel_fn fn,
+                                              void *data) VEPRA_NOTHROW;
+/** Antialiased ellipse inscribed in the rectangle of corners (x0, y0) and
+ *  (x1, y1). */
+VEPRA_API vepra_error_t *vepra_img_ellipser_aa(int x0, int y0, int x1, int y1,
+                                               vepra_img_pixel_fn fn,
+                                               void *data) VEPRA_NOTHROW;
+/** Antialiased ellipse about (xm, ym) with a stroke of the given width
+ *  centred on the semi-axes a and b (see vepra_img_circle_waa()). */
+VEPRA_API vepra_error_t *vepra_img_ellipse_waa(int xm, int ym, int a, int b,
+                                               vepra_img_pixel_fn fn,
+                                               void *data, double width)
+    VEPRA_NOTHROW;
+/** Antialiased ellipse in the rectangle of corners (x0, y0) and (x1, y1)
+ *  with a stroke of the given width centred on it (the rectangle is grown
+ *  by round(width) / 2 on every side). */
+VEPRA_API vepra_error_t *vepra_img_ellipser_waa(int x0, int y0, int x1,
+                                                int y1, vepra_img_pixel_fn fn,
+                                                void *data, double width)
+    VEPRA_NOTHROW;
+/** @} */
+
+/** @name Region measures
+ *  The intensity inside a circle, an ellipse or a rectangle of a grayscale
+ *  record, optionally with a background ring around it. Pixel (c, r) is
+ *  the unit square centred on (c, r); a pixel counts by the part of it the
+ *  region covers (1 inside, the antialiased coverage at the edge), and the
+ *  parts of a region outside the image are clipped.
+ *  @{ */
+/** Region shapes. */
+enum {
+  VEPRA_IMG_ROI_CIRCLE = 0,  /**< centre (x, y), radius a */
+  VEPRA_IMG_ROI_ELLIPSE = 1, /**< centre (x, y), semi-axes a (x) and b (y) */
+  VEPRA_IMG_ROI_RECT = 2     /**< corner pixels (x, y) and (a, b), both included */
+};
+/** A region and its optional background ring. */
+typedef struct vepra_img_roi_t {
+  int shape;          /**< VEPRA_IMG_ROI_CIRCLE, _ELLIPSE or _RECT */
+  double x, y;        /**< centre, or first corner of a rectangle */
+  double a, b;        /**< radius, semi-axes, or opposite corner */
+  double ring_inner;  /**< ring: inner radius (circle) or scale of the size */
+  double ring_outer;  /**< ring: outer radius or scale; both 0: no ring */
+} vepra_img_roi_t;
+/** Imaging-plate scanner parameters, as vepra_img_calc_fujiri() takes them. */
+typedef struct vepra_img_plate_t {
+  double pixel_size;   /**< micrometres */
+  double sensitivity;  /**< scanner sensitivity setting */
+  double latitude;     /**< decades */
+} vepra_img_plate_t;
+/** Figures of one region or ring. With no pixel covered, area is 0 and
+ *  mean, min and max are NaN. */
+typedef struct vepra_img_region_t {
+  double area;     /**< covered pixels, edge pixels by their coverage */
+  double sum;      /**< coverage-weighted sum of the samples */
+  double mean;     /**< sum / area */
+  double min;      /**< smallest sample of a covered pixel */
+  double max;      /**< largest sample of a covered pixel */
+  double psl_sum;  /**< coverage-weighted sum of PSL (0 without a plate) */
+} vepra_img_region_t;
+/** What vepra_img_measure_roi() reports. */
+typedef struct vepra_img_measure_t {
+  vepra_img_region_t region;  /**< the region itself */
+  vepra_img_region_t ring;    /**< the background ring (area 0 without one) */
+  double background;          /**< mean of the ring (0 without a ring) */
+  double corrected;           /**< region.sum - background * region.area */
+  double psl_background;      /**< mean PSL of the ring (0 without one) */
+  double psl_corrected;       /**< region.psl_sum - psl_background * area */
+} vepra_img_measure_t;
+/** Measures roi on img into out. A circle's ring is given by its inner and
+ *  outer radius; an ellipse's or rectangle's by scale factors of its own
+ *  size (the ring between 1.5 and 2.5 times the semi-axes, say). With plate
+ *  non-null the PSL of each sample (vepra_img_calc_fujiri()'s formula,
+ *  through one table of every sample value) is summed as well. A region
+ *  wholly outside the image gives area 0 and no error. Errors, wrapped by
+ *  "Cannot measure image region.": the code-0 record checks of the
+ *  measures, code 0 for a null roi, an unknown shape, non-finite
+ *  coordinates, negative sizes or a ring that is not 0 <= inner < outer,
+ *  and 120012 (the PSL table). out is untouched on failure. */
+VEPRA_API vepra_error_t *vepra_img_measure_roi(const vepra_img_t *img,
+                                               const vepra_img_roi_t *roi,
+                                               const vepra_img_plate_t *plate,
+                                               vepra_img_measure_t *out)
+    VEPRA_NOTHROW;
+/** @} */
+
 VEPRA_END_DECL
 
 #endif /* VEPRA_IMG_H */

@@ -5,6 +5,7 @@
 #define VEPRA_SRC_IMAGE_MEASURE_COMMON_HPP
 
 #include <cstddef>
+#include <cmath>
 #include <cstdint>
 
 #include "vepra_img.h"
@@ -50,6 +51,29 @@ decltype(auto) with_rows(const vepra_img_t &img, Fn &&fn) {
     return fn(static_cast<const uint8_t *const *>(img.data8));
   }
   return fn(static_cast<const uint16_t *const *>(img.data16));
+}
+
+// The photo-stimulated luminescence of one sample, as a Fuji scanner
+// defines it: factor * 10^((Q / G - 0.5) * latitude), Q the quantum level.
+template <typename Sample>
+struct FujiFormula {
+  double factor;
+  double latitude;
+  bool white_is_zero;
+  double operator()(Sample s) const noexcept {
+    constexpr double kG = kFullScale<Sample>;
+    const uint32_t q = white_is_zero ? s : kFullScale<Sample> - s;
+    return factor * std::pow(10.0, (static_cast<double>(q) / kG - 0.5) * latitude);
+  }
+};
+
+// The formula for img's interpretation and the scanner's parameters
+// (pixel size in micrometres, latitude in decades).
+template <typename Sample>
+FujiFormula<Sample> fuji_formula(const vepra_img_t &img, double pixel_size, double sensitivity,
+                                 double latitude) noexcept {
+  return {(4000.0 / sensitivity) * (pixel_size * pixel_size / 10000.0), latitude,
+          static_cast<uint32_t>(img.photometric) == kWhiteIsZero};
 }
 
 }  // namespace vepra::detail

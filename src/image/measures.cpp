@@ -105,19 +105,6 @@ void apply_formula(const vepra_img_t &img, const Sample *const *rows, double **o
   }
 }
 
-// The photo-stimulated luminescence of one sample.
-template <typename Sample>
-struct FujiFormula {
-  double factor;
-  double latitude;
-  bool white_is_zero;
-  double operator()(Sample s) const noexcept {
-    constexpr double kG = kFullScale<Sample>;
-    const uint32_t q = white_is_zero ? s : kFullScale<Sample> - s;
-    return factor * std::pow(10.0, (static_cast<double>(q) / kG - 0.5) * latitude);
-  }
-};
-
 // The optical density of one sample; the full-scale sample is saturated
 // under both interpretations.
 template <typename Sample>
@@ -158,11 +145,10 @@ vepra_error_t *vepra_img_calc_fujiri(const vepra_img_t *img, double **psl, doubl
     return e;
   }
   if (image_is_empty(*img)) return nullptr;
-  const double factor = (4000.0 / sensitivity) * (pixel_size * pixel_size / 10000.0);
-  const bool white_is_zero = static_cast<uint32_t>(img->photometric) == kWhiteIsZero;
   with_rows(*img, [&](const auto *rows) {
     using Sample = std::remove_cvref_t<decltype(**rows)>;
-    apply_formula(*img, rows, psl, FujiFormula<Sample>{factor, latitude, white_is_zero});
+    apply_formula(*img, rows, psl,
+                  vepra::detail::fuji_formula<Sample>(*img, pixel_size, sensitivity, latitude));
   });
   return nullptr;
 }

@@ -24,6 +24,14 @@ static int count_lines(const char *line, FILE *stream) {
   return 0;
 }
 
+static vepra_error_t *count_pixel(int x, int y, void *data, double weight) {
+  (void)x;
+  (void)y;
+  (void)weight;
+  ++*(int *)data;
+  return NULL;
+}
+
 int main(void) {
   vepra_error_t *err;
   vepra_dl_t *list = NULL;
@@ -68,6 +76,11 @@ int main(void) {
   CHECK(vepra_trie_search(trie, "key", 3) == &payload);
   CHECK(vepra_strlist_create(&strings, vepra_pool) == NULL);
   CHECK(vepra_img_thres_IJ(4, hist) > 0.0);
+  {
+    int pixels = 0;
+    CHECK(vepra_img_circle_waa(0, 0, 5, count_pixel, &pixels, 3.0) == NULL);
+    CHECK(pixels > 0);
+  }
 
   CHECK(vepra_sl_append(&slist, 3, &payload, vepra_pool) == NULL);
   CHECK(vepra_sl_get_data(vepra_sl_get_n(slist, 0)) == &payload);

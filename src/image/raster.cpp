@@ -1,0 +1,442 @@
+// Circle and ellipse rasterisation with Bresenham-type error terms, after
+// A. Zingl, "A Rasterizing Algorithm for Drawing Curves" (2012): plain,
+// antialiased, and antialiased with a stroke width. Nothing is drawn here;
+// each pixel goes to the caller's callback with its coverage weight, 1
+// minus the pixel's distance error normalised by the local gradient.
+//
+// Coordinates run in 64-bit integers and the error terms of the rectangle
+// variants in doubles, so shapes anywhere in the int range neither overflow
+// nor wrap; a pixel that falls outside the int range is skipped.
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+
+#include "image/raster_internal.hpp"
+#include "vepra_img.h"
+
+namespace vepra::detail {
+namespace {
+
+bool fits_int(int64_t v) noexcept { return v >= INT_MIN && v <= INT_MAX; }
+
+}  // namespace
+
+bool Plotter::operator()(int64_t x, int64_t y, double weight) noexcept {
+  if (!fits_int(x) || !fits_int(y)) return true;
+  error_ = fn_(static_cast<int>(x), static_cast<int>(y), data_, weight);
+  return error_ == nullptr;
+}
+
+bool Plotter::line(int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
+  const int64_t dx = x1 > x0 ? x1 - x0 : x0 - x1, sx = x0 < x1 ? 1 : -1;
+  const int64_t dy = -(y1 > y0 ? y1 - y0 : y0 - y1), sy = y0 < y1 ? 1 : -1;
+  int64_t err = dx + dy;
+  for (;;) {
+    if (!(*this)(x0, y0, 1.0)) return false;
+    const int64_t e2 = 2 * err;
+    if (e2 >= dy) {
+      if (x0 == x1) break;
+      err += dy;
+      x0 += sx;
+    }
+    if (e2 <= dx) {
+      if (y0 == y1) break;
+      err += dx;
+      y0 += sy;
+    }
+  }
+  return true;
+}
+
+namespace {
+
+// The corners of a rectangle, normalised the way every rectangle variant
+// starts: x0 <= x1, and y0/y1 the two middle rows (equal for an odd height
+// difference count, y1 = y0 - 1 for an even one).
+struct RectStart {
+  int64_t a, b, b1;    // diameters and the parity of b
+  int64_t x0, x1, y0, y1;
+};
+
+RectStart rect_start(int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
+  RectStart s{};
+  s.a = x1 > x0 ? x1 - x0 : x0 - x1;
+  s.b = y1 > y0 ? y1 - y0 : y0 - y1;
+  s.b1 = s.b & 1;
+  s.x0 = std::min(x0, x1);
+  s.x1 = s.x0 + s.a;
+  s.y0 = std::min(y0, y1) + (s.b + 1) / 2;
+  s.y1 = s.y0 - s.b1;
+  return s;
+}
+
+// Plain ellipse about a centre. The error terms grow as a * b^2; 64-bit
+// integers hold them for semi-axes up to 2^19, wider integers beyond.
+template <typename Wide>
+vepra_error_t *ellipse_centre(Plotter &plot, int64_t xm, int64_t ym, int64_t a, int64_t b) noexcept {
+  int64_t x = -a, y = 0;
+  const Wide bb = Wide{b} * b, aa = Wide{a} * a;
+  Wide dx = (1 + 2 * Wide{x}) * bb, dy = Wide{x} * x, err = dx + dy;
+  do {
+    if (!plot.four(xm - x, ym + y, xm + x, ym + y, xm + x, ym - y, xm - x, ym - y, 1.0))
+      return plot.error();
+    const Wide e2 = 2 * err;
+    if (e2 >= dx) {
+      ++x;
+      dx += 2 * bb;
+      err += dx;
+    }
+    if (e2 <= dy) {
+      ++y;
+      dy += 2 * aa;
+      err += dy;
+    }
+  } while (x <= 0);
+  // Flat ellipses (a = 1) stop before their tips: finish them on the column.
+  while (y++ < b) {
+    if (!plot(xm, ym + y, 1.0) || !plot(xm, ym - y, 1.0)) return plot.error();
+  }
+  return nullptr;
+}
+
+vepra_error_t *ellipse_rect(Plotter &plot, int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
+  RectStart s = rect_start(x0, y0, x1, y1);
+  const double a = static_cast<double>(s.a), b = static_cast<double>(s.b);
+  double dx = 4 * (1.0 - a) * b * b, dy = 4 * static_cast<double>(s.b1 + 1) * a * a;
+  double err = dx + dy + static_cast<double>(s.b1) * a * a;
+  const double A = 8 * a * a, B = 8 * b * b;
+  do {
+    if (!plot.four(s.x1, s.y0, s.x0, s.y0, s.x0, s.y1, s.x1, s.y1, 1.0)) return plot.error();
+    const double e2 = 2 * err;
+    if (e2 <= dy) {
+      ++s.y0;
+      --s.y1;
+      dy += A;
+      err += dy;
+    }
+    if (e2 >= dx || 2 * err > dy) {
+      ++s.x0;
+      --s.x1;
+      dx += B;
+      err += dx;
+    }
+  } while (s.x0 <= s.x1);
+  // Flat ellipses (a = 1) stop before their tips: finish them beside the
+  // last columns.
+  while (s.y0 - s.y1 <= s.b) {
+    if (!plot(s.x0 - 1, s.y0, 1.0) || !plot(s.x1 + 1, s.y0, 1.0)) return plot.error();
+    ++s.y0;
+    if (!plot(s.x0 - 1, s.y1, 1.0) || !plot(s.x1 + 1, s.y1, 1.0)) return plot.error();
+    --s.y1;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+vepra_error_t *ellipser_aa_internal(Plotter &plot, int64_t x0, int64_t y0, int64_t x1,
+                                    int64_t y1) noexcept {
+  if (x0 == x1 || y0 == y1) return plot.line(x0, y0, x1, y1) ? nullptr : plot.error();
+  RectStart s = rect_start(x0, y0, x1, y1);
+  const double a = static_cast<double>(s.a), b = static_cast<double>(s.b);
+  double dx = 4 * (a - 1.0) * b * b, dy = 4 * static_cast<double>(s.b1 + 1) * a * a;
+  double err = static_cast<double>(s.b1) * a * a - dx + dy;
+  const double A = 8 * a * a, B = 8 * b * b;
+  for (;;) {
+    // 1 / gradient: Zingl's approximation of 1 / sqrt(dx^2 + dy^2), or the
+    // exact value at the flat x-tip.
+    const double i = std::min(dx, dy), ed = std::max(dx, dy);
+    const double scale = (s.y0 == s.y1 + 1 && err > dy && A > B)
+                             ? 4 / A
+                             : 1 / (ed + 2 * ed * i * i / (4 * ed * ed + i * i));
+    if (!plot.four(s.x0, s.y0, s.x0, s.y1, s.x1, s.y0, s.x1, s.y1,
+                   1 - std::fabs(err + dx - dy) * scale))
+      return plot.error();
+    const bool x_step = 2 * err + dy >= 0;
+    if (x_step) {
+      if (s.x0 >= s.x1) break;
+      const double w = 1 - (err + dx) * scale;
+      if (w > 0 && !plot.four(s.x0, s.y0 + 1, s.x0, s.y1 - 1, s.x1, s.y0 + 1, s.x1, s.y1 - 1, w))
+        return plot.error();
+    }
+    if (2 * err <= dx) {
+      const double w = 1 - (dy - err) * scale;
+      if (w > 0 && !plot.four(s.x0 + 1, s.y0, s.x1 - 1, s.y0, s.x0 + 1, s.y1, s.x1 - 1, s.y1, w))
+        return plot.error();
+      ++s.y0;
+      --s.y1;
+      dy += A;
+      err += dy;
+    }
+    if (x_step) {
+      ++s.x0;
+      --s.x1;
+      dx -= B;
+      err -= dx;
+    }
+  }
+  // Flat ellipses stop too early: finish the tips on the last columns.
+  if (--s.x0 == s.x1++) {
+    while (s.y0 - s.y1 < s.b) {
+      const double w = 1 - 4 * std::fabs(err + dx) / B;
+      ++s.y0;
+      if (!plot(s.x0, s.y0, w) || !plot(s.x1, s.y0, w)) return plot.error();
+      --s.y1;
+      if (!plot(s.x0, s.y1, w) || !plot(s.x1, s.y1, w)) return plot.error();
+      dy += A;
+      err += dy;
+    }
+  }
+  return nullptr;
+}
+
+vepra_error_t *ellipser_waa_internal(Plotter &plot, int64_t x0, int64_t y0, int64_t x1, int64_t y1,
+                                     double th) noexcept {
+  if (!(th >= 1.5)) return ellipser_aa_internal(plot, x0, y0, x1, y1);
+  const int64_t ia = x1 > x0 ? x1 - x0 : x0 - x1, ib = y1 > y0 ? y1 - y0 : y0 - y1;
+  const double a = static_cast<double>(ia), b = static_cast<double>(ib);
+  const int64_t ib1 = ib & 1;
+  const double b1 = static_cast<double>(ib1);
+  // Outer diameters a, b; inner ones a2, b2, corrected for strokes so thick
+  // that the inner curve would cross itself.
+  double a2 = a - 2 * th, b2 = b - 2 * th;
+  double dx = 4 * (a - 1) * b * b, dy = 4 * (b1 - 1) * a * a;
+  const double sum = a + b2;
+  double err = b1 * a * a;
+  if ((th - 1) * (2 * b - th) > a * a) b2 = std::sqrt(a * (b - a) * sum * a2) / (a - th);
+  if ((th - 1) * (2 * a - th) > b * b) {
+    a2 = std::sqrt(b * (a - b) * sum * b2) / (b - th);
+    th = (a - a2) / 2;
+  }
+  if (ia == 0 || ib == 0) return plot.line(x0, y0, x1, y1) ? nullptr : plot.error();
+  if (x0 > x1) {
+    x0 = x1;
+    x1 += ia;
+  }
+  if (y0 > y1) y0 = y1;
+  // A stroke the inner curve cannot hold fills the ellipse.
+  if (b2 <= 0 || !std::isfinite(th)) th = a;
+  // The whole pixels of the stroke are filled; its fractional part drives
+  // the antialiasing of the inner edge. tx is the inner edge's column.
+  double e2 = th - std::floor(th);
+  int64_t tx = x0 + static_cast<int64_t>(std::min(std::floor(th), a + 1));
+  double dx2 = 4 * (a2 + 2 * e2 - 1) * b2 * b2, dy2 = 4 * (b1 - 1) * a2 * a2;
+  e2 = dx2 * e2;
+  y0 += (ib + 1) >> 1;
+  y1 = y0 - ib1;
+  const double A = 8 * a * a, B = 8 * b * b, A2 = 8 * a2 * a2, B2 = 8 * b2 * b2;
+
+  do {
+    int64_t fill;  // first column of the solid part of this row
+    for (;;) {     // outer edge, antialiased outside
+      if (err < 0 || x0 > x1) {
+        fill = x0;
+        break;
+      }
+      const double i = std::min(dx, dy);
+      double ed = std::max(dx, dy);
+      if (y0 == y1 + 1 && 2 * err > dx && A > B) {
+        ed = A / 4;  // x-tip
+      } else {
+        ed += 2 * ed * i * i / (4 * ed * ed + i * i + 1) + 1;
+      }
+      if (!plot.four(x0, y0, x0, y1, x1, y0, x1, y1, 1 - err / ed)) return plot.error();
+      if (err + dy + A < dx) {
+        fill = x0 + 1;
+        break;
+      }
+      ++x0;
+      --x1;
+      err -= dx;
+      dx -= B;
+    }
+    for (; fill < tx && 2 * fill <= x0 + x1; ++fill) {  // solid stroke
+      const int64_t mirror = x0 + x1 - fill;
+      if (!plot.four(fill, y0, mirror, y0, fill, y1, mirror, y1, 1.0)) return plot.error();
+    }
+    while (e2 > 0 && x0 + x1 >= 2 * tx) {  // inner edge, antialiased inside
+      const double i = std::min(dx2, dy2);
+      double ed = std::max(dx2, dy2);
+      if (y0 == y1 + 1 && 2 * e2 > dx2 && A2 > B2) {
+        ed = A2 / 4;  // x-tip
+      } else {
+        ed += 2 * ed * i * i / (4 * ed * ed + i * i);
+      }
+      const int64_t mirror = x0 + x1 - tx;
+      if (!plot.four(tx, y0, mirror, y0, tx, y1, mirror, y1, e2 / ed)) return plot.error();
+      if (e2 + dy2 + A2 < dx2) break;
+      ++tx;
+      e2 -= dx2;
+      dx2 -= B2;
+    }
+    dy2 += A2;
+    e2 += dy2;
+    ++y0;
+    --y1;
+    dy += A;
+    err += dy;
+  } while (x0 < x1);
+
+  // Flat ellipses stop too early: finish the tips on the last columns.
+  if (y0 - y1 <= ib) {
+    if (err > dy + A) {
+      --y0;
+      ++y1;
+      dy -= A;
+      err -= dy;
+    }
+    for (; y0 - y1 <= ib; dy += A, err += dy) {
+      const double w = 1 - 4 * err / B;
+      if (!plot(x0, y0, w) || !plot(x1, y0, w)) return plot.error();
+      ++y0;
+      if (!plot(x0, y1, w) || !plot(x1, y1, w)) return plot.error();
+      --y1;
+    }
+  }
+  return nullptr;
+}
+
+namespace {
+
+// Half the rounded stroke width, the amount by which the stroke variants
+// grow their rectangle so that the stroke is centred on the nominal curve.
+// Widths beyond any drawable size are capped so the arithmetic stays exact.
+int64_t half_stroke(double width) noexcept {
+  if (!(width > 0)) return 0;
+  const double capped = std::min(std::round(width), 0x1p32);
+  return static_cast<int64_t>(capped) / 2;
+}
+
+double stroke_width(double width) noexcept {
+  return width > 0 ? std::min(width, 0x1p32) : 0.0;
+}
+
+int64_t magnitude(int v) noexcept { return std::llabs(static_cast<int64_t>(v)); }
+
+}  // namespace
+}  // namespace vepra::detail
+
+using vepra::detail::Plotter;
+
+extern "C" {
+
+vepra_error_t *vepra_img_circle(int xm, int ym, int r, vepra_img_pixel_fn fn, void *data) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  int64_t x = -int64_t{r}, y = 0, err = 2 - 2 * int64_t{r};
+  do {
+    if (!plot.four(xm - x, ym + y, xm - y, ym - x, xm + x, ym - y, xm + y, ym + x, 1.0))
+      return plot.error();
+    const int64_t step = err;
+    if (step <= y) {
+      ++y;
+      err += y * 2 + 1;
+    }
+    if (step > x || err > y) {
+      ++x;
+      err += x * 2 + 1;
+    }
+  } while (x < 0);
+  return nullptr;
+}
+
+vepra_error_t *vepra_img_circle_aa(int xm, int ym, int r, vepra_img_pixel_fn fn,
+                                   void *data) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  int64_t x = vepra::detail::magnitude(r), y = 0, err = 2 - 2 * x;
+  const double R = static_cast<double>(1 - err);
+  for (;;) {
+    if (!plot.four(xm + x, ym - y, xm + y, ym + x, xm - x, ym + y, xm - y, ym - x,
+                   1 - static_cast<double>(std::llabs(err + 2 * (x + y) - 2)) / R))
+      return plot.error();
+    if (x == 0) break;
+    const int64_t e2 = err;
+    int64_t x2 = x;
+    if (err > y) {  // x step: the pixel outside the curve
+      const double w = 1 - static_cast<double>(err + 2 * x - 1) / R;
+      if (w > 0 && !plot.four(xm + x, ym - y + 1, xm + y - 1, ym + x, xm - x, ym + y - 1,
+                              xm - y + 1, ym - x, w))
+        return plot.error();
+      --x;
+      err -= x * 2 - 1;
+    }
+    if (e2 <= x2) {  // y step: the pixel inside the curve
+      --x2;
+      const double w = 1 - static_cast<double>(1 - 2 * y - e2) / R;
+      if (w > 0 && !plot.four(xm + x2, ym - y, xm + y, ym + x2, xm - x2, ym + y, xm - y, ym - x2, w))
+        return plot.error();
+      --y;
+      err -= y * 2 - 1;
+    }
+  }
+  return nullptr;
+}
+
+vepra_error_t *vepra_img_circle_waa(int xm, int ym, int r, vepra_img_pixel_fn fn, void *data,
+                                    double width) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  const int64_t h = vepra::detail::half_stroke(width), rr = vepra::detail::magnitude(r);
+  return vepra::detail::ellipser_waa_internal(plot, xm - rr - h, ym - rr - h, xm + rr + h,
+                                              ym + rr + h, vepra::detail::stroke_width(width));
+}
+
+vepra_error_t *vepra_img_ellipse(int xm, int ym, int a, int b, vepra_img_pixel_fn fn,
+                                 void *data) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  constexpr int kNarrow = 1 << 19;
+  if (a > -kNarrow && a < kNarrow && b > -kNarrow && b < kNarrow)
+    return vepra::detail::ellipse_centre<int64_t>(plot, xm, ym, a, b);
+  return vepra::detail::ellipse_centre<__int128>(plot, xm, ym, a, b);
+}
+
+vepra_error_t *vepra_img_ellipser(int x0, int y0, int x1, int y1, vepra_img_pixel_fn fn,
+                                  void *data) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  return vepra::detail::ellipse_rect(plot, x0, y0, x1, y1);
+}
+
+vepra_error_t *vepra_img_ellipse_aa(int xm, int ym, int a, int b, vepra_img_pixel_fn fn,
+                                    void *data) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  const int64_t aa = vepra::detail::magnitude(a), bb = vepra::detail::magnitude(b);
+  return vepra::detail::ellipser_aa_internal(plot, xm - aa, ym - bb, xm + aa, ym + bb);
+}
+
+vepra_error_t *vepra_img_ellipser_aa(int x0, int y0, int x1, int y1, vepra_img_pixel_fn fn,
+                                     void *data) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  return vepra::detail::ellipser_aa_internal(plot, x0, y0, x1, y1);
+}
+
+vepra_error_t *vepra_img_ellipse_waa(int xm, int ym, int a, int b, vepra_img_pixel_fn fn,
+                                     void *data, double width) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  const int64_t h = vepra::detail::half_stroke(width);
+  const int64_t aa = vepra::detail::magnitude(a), bb = vepra::detail::magnitude(b);
+  return vepra::detail::ellipser_waa_internal(plot, xm - aa - h, ym - bb - h, xm + aa + h,
+                                              ym + bb + h, vepra::detail::stroke_width(width));
+}
+
+vepra_error_t *vepra_img_ellipser_waa(int x0, int y0, int x1, int y1, vepra_img_pixel_fn fn,
+                                      void *data, double width) noexcept {
+  if (fn == nullptr) return nullptr;
+  Plotter plot(fn, data);
+  const int64_t h = vepra::detail::half_stroke(width);
+  // The rectangle grows away from its centre whichever corner comes first.
+  const int64_t lx = std::min(x0, x1) - h, hx = int64_t{std::max(x0, x1)} + h;
+  const int64_t ly = std::min(y0, y1) - h, hy = int64_t{std::max(y0, y1)} + h;
+  return vepra::detail::ellipser_waa_internal(plot, x0 <= x1 ? lx : hx, y0 <= y1 ? ly : hy,
+                                              x0 <= x1 ? hx : lx, y0 <= y1 ? hy : ly,
+                                              vepra::detail::stroke_width(width));
+}
+
+}  // extern "C"

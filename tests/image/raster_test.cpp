@@ -1,0 +1,224 @@
+// Circle and ellipse rasterisers: pixel sequences recorded from the
+// published reference rasterisers, the documented edge cases, and
+// properties that hold for any shape.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <climits>
+#include <cmath>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "image/raster_internal.hpp"
+#include "support/test_support.hpp"
+#include "vepra_img.h"
+
+namespace {
+
+struct Pixel {
+  long long x, y;
+  double weight;
+};
+
+vepra_error_t *collect(int x, int y, void *data, double weight) {
+  static_cast<std::vector<Pixel> *>(data)->push_back({x, y, weight});
+  return nullptr;
+}
+
+using Draw = std::function<vepra_error_t *(vepra_img_pixel_fn, void *)>;
+
+std::vector<Pixel> pixels_of(const Draw &draw) {
+  std::vector<Pixel> out;
+  EXPECT_EQ(draw(collect, &out), nullptr);
+  return out;
+}
+
+// The drawing a line of the reference file names, with its six arguments.
+Draw draw_for(const std::string &name, const long long (&v)[5], double width) {
+  const int a = static_cast<int>(v[0]), b = static_cast<int>(v[1]), c = static_cast<int>(v[2]),
+            d = static_cast<int>(v[3]);
+  if (name == "circle") return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_circle(a, b, c, f, p); };
+  if (name == "circle_aa")
+    return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_circle_aa(a, b, c, f, p); };
+  if (name == "ellipse")
+    return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_ellipse(a, b, c, d, f, p); };
+  if (name == "ellipser")
+    return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_ellipser(a, b, c, d, f, p); };
+  if (name == "ellipser_aa")
+    return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_ellipser_aa(a, b, c, d, f, p); };
+  return [=](vepra_img_pixel_fn f, void *p) {
+    vepra::detail::Plotter plot(f, p);
+    return vepra::detail::ellipser_waa_internal(plot, a, b, c, d, width);
+  };
+}
+
+// The reference reports intensities 0..255 (0 full) truncated to integers
+// from floats; the library reports weights 1 - intensity / 255 in doubles,
+// and leaves out neighbour pixels of weight 0 that the reference reports at
+// intensity 255. Sequences must agree pixel for pixel otherwise.
+TEST(Raster, MatchesTheReferenceSequences) {
+  gzFile file = gzopen(VEPRA_TEST_DATA_DIR "/raster_reference.txt.gz", "rb");
+  ASSERT_NE(file, nullptr);
+  std::string text;
+  char buf[65536];
+  for (int n; (n = gzread(file, buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+  gzclose(file);
+  std::istringstream lines(text);
+  int shapes = 0;
+  for (std::string line; std::getline(lines, line); ++shapes) {
+    std::istringstream in(line);
+    std::string name;
+    long long v[5];
+    double width;
+    in >> name >> v[0] >> v[1] >> v[2] >> v[3] >> width >> v[4];
+    std::vector<Pixel> ref;
+    for (std::string t; in >> t;) {
+      long long x, y, i;
+      ASSERT_EQ(std::sscanf(t.c_str(), "%lld,%lld,%lld", &x, &y, &i), 3);
+      ref.push_back({x, y, 1 - static_cast<double>(i) / 255});
+    }
+    const std::vector<Pixel> ours = pixels_of(draw_for(name, v, width));
+    size_t r = 0, o = 0;
+    while (r < ref.size() || o < ours.size()) {
+      const bool same = r < ref.size() && o < ours.size() && ref[r].x == ours[o].x &&
+                        ref[r].y == ours[o].y &&
+                        std::fabs(ref[r].weight - ours[o].weight) <= 1.5 / 255;
+      if (same) {
+        ++r, ++o;
+      } else if (r < ref.size() && ref[r].weight <= 0) {
+        ++r;
+      } else if (o < ours.size() && ours[o].weight > 0 && ours[o].weight <= 1.5 / 255) {
+        ++o;
+      } else {
+        ADD_FAILURE() << line.substr(0, 48) << ": pixel " << r << " of the reference / " << o
+                      << " of ours differs";
+        break;
+      }
+    }
+  }
+  EXPECT_GT(shapes, 200);
+}
+
+std::multiset<std::pair<long long, long long>> positions(const std::vector<Pixel> &px) {
+  std::multiset<std::pair<long long, long long>> s;
+  for (const Pixel &p : px) s.insert({p.x, p.y});
+  return s;
+}
+
+TEST(Raster, DocumentedEdgeCases) {
+  using P = std::pair<long long, long long>;
+  // r = 0: the centre four times; r = 1: the four neighbours.
+  EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle(3, 4, 0, f, p); })),
+            (std::multiset<P>{{3, 4}, {3, 4}, {3, 4}, {3, 4}}));
+  EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle(3, 4, 1, f, p); })),
+            (std::multiset<P>{{4, 4}, {3, 5}, {2, 4}, {3, 3}}));
+  // a = 1, b = 5: the tips are finished on the centre column.
+  const auto flat = positions(pixels_of([](auto f, void *p) { return vepra_img_ellipse(0, 0, 1, 5, f, p); }));
+  EXPECT_EQ(flat.count({0, 5}), 1u);
+  EXPECT_EQ(flat.count({0, -5}), 1u);
+  // Width 3 grows the square by 1 on every side; 1.2 is the thin circle.
+  const auto wide = pixels_of([](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 3.0); });
+  const auto grown = pixels_of([](auto f, void *p) {
+    vepra::detail::Plotter plot(f, p);
+    return vepra::detail::ellipser_waa_internal(plot, -11, -11, 11, 11, 3.0);
+  });
+  EXPECT_EQ(positions(wide), positions(grown));
+  EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 1.2); })),
+            positions(pixels_of([](auto f, void *p) { return vepra_img_ellipse_aa(0, 0, 10, 10, f, p); })));
+  // Degenerate rectangles give the straight line between the corners.
+  for (double width : {1.0, 4.0}) {
+    const auto line = pixels_of([&](auto f, void *d) {
+      vepra::detail::Plotter plot(f, d);
+      return vepra::detail::ellipser_waa_internal(plot, 0, 2, 7, 2, width);
+    });
+    ASSERT_EQ(line.size(), 8u);
+    for (size_t k = 0; k < line.size(); ++k) {
+      EXPECT_EQ(line[k].x, static_cast<long long>(k));
+      EXPECT_EQ(line[k].y, 2);
+      EXPECT_EQ(line[k].weight, 1.0);
+    }
+  }
+}
+
+// For any shape: the plain and antialiased pixel sets are symmetric in both
+// axes, antialiased curve pixels lie within a pixel of the ideal ellipse,
+// and the wide stroke stays within the annulus between its radii.
+TEST(Raster, ShapeProperties) {
+  for (int a : {3, 8, 17, 40}) {
+    for (int b : {3, 11, 40}) {
+      for (const Draw &draw : std::initializer_list<Draw>{
+               [&](auto f, void *p) { return vepra_img_ellipse(0, 0, a, b, f, p); },
+               [&](auto f, void *p) { return vepra_img_ellipse_aa(0, 0, a, b, f, p); }}) {
+        const auto px = pixels_of(draw);
+        std::set<std::pair<long long, long long>> set;
+        for (const Pixel &p : px) set.insert({p.x, p.y});
+        for (const auto &[x, y] : set) {
+          EXPECT_TRUE(set.count({-x, y}) && set.count({x, -y})) << a << "x" << b << " at " << x << "," << y;
+        }
+        for (const Pixel &p : px) {
+          if (p.weight < 0.5) continue;
+          const double e = std::hypot(p.x / double(a), p.y / double(b));
+          EXPECT_NEAR(e * std::min(a, b), std::min(a, b), 1.5) << a << "x" << b;
+        }
+      }
+    }
+  }
+  for (double width : {2.0, 5.0, 8.0}) {
+    const int r = 30, h = static_cast<int>(std::lround(width)) / 2;
+    for (const Pixel &p : pixels_of([&](auto f, void *d) { return vepra_img_circle_waa(0, 0, r, f, d, width); })) {
+      const double dist = std::hypot(double(p.x), double(p.y));
+      EXPECT_GE(dist, r + h - width - 1.0) << width;
+      EXPECT_LE(dist, r + h + 1.0) << width;
+    }
+  }
+}
+
+vepra_error_t *refuse(int, int, void *data, double) {
+  ++*static_cast<int *>(data);
+  return vepra_error_create_i(0, 7, 0, nullptr, nullptr, nullptr, "stop");
+}
+
+TEST(Raster, CallbackErrorStopsAtTheFirstPixel) {
+  ASSERT_EQ(vepra_initialize(), 0);
+  const std::vector<Draw> all = {
+      [](auto f, void *p) { return vepra_img_circle(0, 0, 9, f, p); },
+      [](auto f, void *p) { return vepra_img_circle_aa(0, 0, 9, f, p); },
+      [](auto f, void *p) { return vepra_img_circle_waa(0, 0, 9, f, p, 4); },
+      [](auto f, void *p) { return vepra_img_ellipse(0, 0, 9, 4, f, p); },
+      [](auto f, void *p) { return vepra_img_ellipser(0, 0, 9, 4, f, p); },
+      [](auto f, void *p) { return vepra_img_ellipse_aa(0, 0, 9, 4, f, p); },
+      [](auto f, void *p) { return vepra_img_ellipser_aa(0, 0, 9, 4, f, p); },
+      [](auto f, void *p) { return vepra_img_ellipse_waa(0, 0, 9, 4, f, p, 3); },
+      [](auto f, void *p) { return vepra_img_ellipser_waa(0, 0, 9, 4, f, p, 3); }};
+  for (const Draw &draw : all) {
+    int calls = 0;
+    vepra_test::Chain e(draw(refuse, &calls));
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->code, 7);
+    EXPECT_EQ(calls, 1);
+  }
+  vepra_terminate();
+}
+
+// Shapes at the ends of the int range neither overflow (the sanitizers
+// watch) nor report a pixel outside it.
+TEST(Raster, ExtremeCoordinatesStayInRange) {
+  long long count = 0;
+  auto bounded = [](int, int, void *data, double w) -> vepra_error_t * {
+    ++*static_cast<long long *>(data);
+    EXPECT_FALSE(std::isnan(w));
+    return nullptr;
+  };
+  EXPECT_EQ(vepra_img_circle(INT_MAX, INT_MIN, 3, bounded, &count), nullptr);
+  EXPECT_EQ(vepra_img_ellipse(INT_MAX - 2, 0, 2, 1 << 20, bounded, &count), nullptr);
+  EXPECT_EQ(vepra_img_ellipser_aa(INT_MIN, INT_MIN, INT_MIN + 9, INT_MIN + 5, bounded, &count), nullptr);
+  EXPECT_EQ(vepra_img_ellipser_waa(INT_MAX - 6, 0, INT_MAX, 9, bounded, &count, -3.0), nullptr);
+  EXPECT_EQ(vepra_img_circle_waa(0, 0, 5, bounded, &count, std::nan("")), nullptr);
+  EXPECT_GT(count, 0);
+}
+
+}  // namespace
