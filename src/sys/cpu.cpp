@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <span>
 #include <string_view>
 
 #include <apr_pools.h>
@@ -289,37 +288,33 @@ vepra_error_t *visit_processors(const affinity &original, vepra_cpu_topology_t *
 }
 
 // Packages, most cores in a package and most threads in a core, counted
-// from the processors seen.
-void count_groups(vepra_cpu_topology_t *t) noexcept {
-  std::span<const vepra_cpu_logical_t> all(t->processors, t->count);
-  auto is_first = [&](std::size_t i, auto same) {
-    for (std::size_t j = 0; j < i; ++j) {
-      if (same(all[j], all[i])) return false;
-    }
-    return true;
-  };
-  auto same_package = [](const vepra_cpu_logical_t &a, const vepra_cpu_logical_t &b) {
-    return a.package == b.package;
-  };
-  auto same_core = [](const vepra_cpu_logical_t &a, const vepra_cpu_logical_t &b) {
-    return a.package == b.package && a.core == b.core;
-  };
-  t->packages = t->cores_per_package = t->threads_per_core = 0;
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    if (is_first(i, same_package)) {
-      ++t->packages;
-      std::uint32_t cores = 0;
-      for (std::size_t j = i; j < all.size(); ++j) {
-        if (same_package(all[i], all[j]) && is_first(j, same_core)) ++cores;
-      }
-      t->cores_per_package = std::max(t->cores_per_package, cores);
-    }
-    if (is_first(i, same_core)) {
-      std::uint32_t threads = 0;
-      for (const vepra_cpu_logical_t &p : all) threads += same_core(all[i], p) ? 1u : 0u;
-      t->threads_per_core = std::max(t->threads_per_core, threads);
-    }
+// from the processors seen: their (package, core) keys sorted, then runs.
+vepra_error_t *count_groups(vepra_cpu_topology_t *t, apr_pool_t *pool) noexcept {
+  auto *keys = static_cast<std::uint64_t *>(
+      apr_palloc(pool, sizeof(std::uint64_t) * std::max<std::size_t>(t->count, 1)));
+  if (keys == nullptr) return make_error(VEPRA_E_ALLOC);
+  for (std::uint32_t i = 0; i < t->count; ++i) {
+    keys[i] = (std::uint64_t{t->processors[i].package} << 32) | t->processors[i].core;
   }
+  std::sort(keys, keys + t->count);
+  t->packages = t->cores_per_package = t->threads_per_core = 0;
+  std::uint32_t cores = 0, threads = 0;
+  for (std::uint32_t i = 0; i < t->count; ++i) {
+    const bool new_package = i == 0 || (keys[i] >> 32) != (keys[i - 1] >> 32);
+    const bool new_core = i == 0 || keys[i] != keys[i - 1];
+    if (new_package) {
+      ++t->packages;
+      cores = 0;
+    }
+    if (new_core) {
+      ++cores;
+      threads = 0;
+    }
+    ++threads;
+    t->cores_per_package = std::max(t->cores_per_package, cores);
+    t->threads_per_core = std::max(t->threads_per_core, threads);
+  }
+  return nullptr;
 }
 
 template <typename Match>
@@ -424,8 +419,8 @@ vepra_error_t *vepra_cpu_topology(vepra_cpu_topology_t **topology, apr_pool_t *p
                    "The calling thread's affinity mask cannot be restored."),
         err);
   }
+  if (err == nullptr) err = count_groups(t, pool);
   if (err != nullptr) return wrap_error(err, "%s", kTopologyContext);
-  count_groups(t);
   *topology = t;
   return nullptr;
 #else

@@ -128,6 +128,13 @@ char *mach_os_name_from(char *buf, int size, std::span<const char *const> paths)
   return buf;
 }
 
+int mach_os_family(std::string_view name) noexcept {
+  if (name == "Linux") return VEPRA_MACH_OS_LINUX;
+  if (name == "Darwin") return VEPRA_MACH_OS_DARWIN;
+  if (name == "FreeBSD") return VEPRA_MACH_OS_FREEBSD;
+  return VEPRA_MACH_OS_OTHER;
+}
+
 }  // namespace vepra::detail
 
 extern "C" {
@@ -135,11 +142,7 @@ extern "C" {
 int vepra_mach_os(void) noexcept {
   struct utsname u;
   if (uname(&u) != 0) return VEPRA_MACH_OS_OTHER;
-  const std::string_view name = u.sysname;
-  if (name == "Linux") return VEPRA_MACH_OS_LINUX;
-  if (name == "Darwin") return VEPRA_MACH_OS_DARWIN;
-  if (name == "FreeBSD") return VEPRA_MACH_OS_FREEBSD;
-  return VEPRA_MACH_OS_OTHER;
+  return vepra::detail::mach_os_family(u.sysname);
 }
 
 uint32_t vepra_mach_os_cpu_num(void) noexcept {
