@@ -59,14 +59,20 @@ bool named(const apr_xml_elem *e, const char *name) noexcept {
 }
 
 // Depth first, an element before its children: the first "key" element
-// whose text is "ProductVersion".
-const apr_xml_elem *find_version_key(const apr_xml_elem *e) noexcept {
-  for (; e != nullptr; e = e->next) {
+// whose text is "ProductVersion", walked through the parent links.
+const apr_xml_elem *find_version_key(const apr_xml_elem *root) noexcept {
+  const apr_xml_elem *e = root;
+  while (e != nullptr) {
     const char *text = first_text(e);
     if (named(e, "key") && text != nullptr && std::strcmp(text, "ProductVersion") == 0) {
       return e;
     }
-    if (const apr_xml_elem *found = find_version_key(e->first_child)) return found;
+    if (e->first_child != nullptr) {
+      e = e->first_child;
+      continue;
+    }
+    while (e != nullptr && e != root && e->next == nullptr) e = e->parent;
+    e = e == nullptr || e == root ? nullptr : e->next;
   }
   return nullptr;
 }

@@ -40,6 +40,16 @@ std::string version_plist(const std::string &version) {
                "  <key>ProductVersion</key>\n  <string>" + version + "</string>\n");
 }
 
+// body inside depth nested elements.
+std::string deep(int depth, const std::string &body) {
+  std::string open, close;
+  for (int i = 0; i < depth; ++i) {
+    open += "<a>";
+    close += "</a>";
+  }
+  return open + body + close;
+}
+
 std::string write_temp(const std::string &name, const std::string &text) {
   const std::string path = temp_path(name);
   std::ofstream(path, std::ios::binary) << text;
@@ -85,9 +95,13 @@ TEST_F(MachTest, VersionFilesNameTheRelease) {
       {plist("<key>BuildVersion</key><string>23C64</string>"), ""},
       {"<plist><dict><key>ProductVersion</key><string>14.2</string>", ""},  // unclosed
       {"not xml at all", ""},
+      // The parser refuses nesting deeper than 256 elements.
+      {plist(deep(250, "<key>ProductVersion</key><string>10.6.8</string>")),
+       "Mac OS X 10.6.8 Snow Leopard"},
+      {plist(deep(300, "<key>ProductVersion</key><string>10.6.8</string>")), ""},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.body);
+    SCOPED_TRACE(c.body.substr(0, 300));
     const std::string path = write_temp("version.plist", c.body);
     EXPECT_EQ(name_from(path, missing), c.expected.empty() ? uname_form() : c.expected + system);
     // The second file is read only when the first cannot be opened.
