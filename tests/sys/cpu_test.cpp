@@ -8,6 +8,7 @@
 #include <libcpuid.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -136,6 +137,8 @@ const feature_row kFeatureRows[] = {
     {VEPRA_CPU_RDRAND, "rdrand", CPU_FEATURE_RDRAND},
 };
 
+extern std::vector<uint32_t> g_apic_by_cpu;
+
 class CpuTest : public LibraryTest {
  protected:
   void SetUp() override {
@@ -145,6 +148,7 @@ class CpuTest : public LibraryTest {
   }
   void TearDown() override {
     vepra::testing::replace_cpuid(nullptr);
+    g_apic_by_cpu.clear();
     vepra::testing::fail_cpu_bind_at(0);
     vepra::testing::fail_affinity_restore(false);
     LibraryTest::TearDown();
@@ -384,14 +388,21 @@ TEST_F(CpuTest, ANarrowedThreadSeesOnlyItsProcessors) {
 // A processor described by a table of cpuid answers; other leaves are 0.
 std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> g_table;
 
+// APIC ids by the processor the caller runs on; empty: those of the table.
+std::vector<uint32_t> g_apic_by_cpu;
+
 void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
   auto it = g_table.find({leaf, subleaf});
-  if (it == g_table.end()) it = g_table.find({leaf, 0xffffffffu});  // any subleaf
   if (it == g_table.end()) return;
   regs[0] = it->second.eax;
   regs[1] = it->second.ebx;
   regs[2] = it->second.ecx;
   regs[3] = it->second.edx;
+  const int cpu = sched_getcpu();
+  if (g_apic_by_cpu.empty() || cpu < 0) return;
+  const uint32_t apic = g_apic_by_cpu[static_cast<size_t>(cpu) % g_apic_by_cpu.size()];
+  if (leaf == 0xb || leaf == 0x1f) regs[3] = apic;
+  if (leaf == 1) regs[1] = (regs[1] & 0x00ffffffu) | (apic << 24);
 }
 
 constexpr vepra::detail::cpuid_regs kIntel{0, 0x756e6547, 0x6c65746e, 0x49656e69};
@@ -484,6 +495,52 @@ TEST(CpuOsStateTest, InitializationSetsOsSseFromXcr0) {
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX) != 0, flags.count("avx") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX512) != 0, flags.count("avx512f") != 0);
   vepra_terminate();
+}
+
+TEST_F(CpuTest, ApicIdsSplitIntoPackageCoreAndThread) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
+  const struct {
+    const char *what;
+    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
+    uint32_t method;
+    std::vector<uint32_t> apic;
+    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
+  } cases[] = {
+      {"leaf 0x1F: 2 threads, 8 cores, 4 dies per package",
+       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
+        {{0x1f, 0}, {1, 2, 0x100, 0}},
+        {{0x1f, 1}, {4, 16, 0x201, 0}},
+        {{0x1f, 2}, {6, 64, 0x502, 0}}},
+       VEPRA_CPU_TOPOLOGY_LEAF_1F,
+       {0x45, 0x02},
+       {{1, 2, 1}, {0, 1, 0}}},
+      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
+       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
+        {{4, 0}, {0x04000121, 0, 0, 0}},
+        {{0xb, 0}, {4, 8, 0x200, 0}}},
+       VEPRA_CPU_TOPOLOGY_LEGACY,
+       {0x07, 0x0a},
+       {{1, 1, 1}, {2, 1, 0}}},
+  };
+  vepra::testing::replace_cpuid(table_cpuid);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    g_table = c.table;
+    g_apic_by_cpu.assign(cpus.back() + 1, 0);
+    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i) g_apic_by_cpu[cpus[i]] = c.apic[i];
+    vepra_cpu_topology_t *t = topology();
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->method, c.method);
+    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
+      const vepra_cpu_logical_t &p = t->processors[i];
+      EXPECT_EQ(p.apic_id, c.apic[i]);
+      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
+    }
+    EXPECT_EQ(allowed_cpus(), allowed);
+  }
 }
 
 }  // namespace
