@@ -20,5 +20,7 @@
 #include "vepra_strlist.h"
 #include "vepra_prsd.h"
 #include "vepra_img.h"
+#include "vepra_mach.h"
+#include "vepra_cpu.h"
 
 #endif /* VEPRA_H */

@@ -13,7 +13,7 @@ ROOT=$PWD
 JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev)
-TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils)
+TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev)
 BENCH_PACKAGES=(libbenchmark-dev)
 
 log() { printf '\n== %s\n' "$*"; }

@@ -11,6 +11,8 @@
 #include "core/error_internal.hpp"
 #include "core/error_state.hpp"
 #include "core/testing.hpp"
+#include "sys/cpuid.hpp"
+#include "vepra_cpu.h"
 #include "vepra_error.h"
 #include "vepra_log.h"
 #include "vepra_str.h"
@@ -165,6 +167,7 @@ int vepra_initialize(void) noexcept {
   apr_pool_tag(vepra_pool, "vepra");
   if (vepra_error_initialize(vepra_pool) != 0) return 3;
   vepra_time_init();
+  os_sse = vepra::detail::os_saved_state();
   return 0;
 }
 

@@ -23,8 +23,10 @@ enum class cpu_feature : unsigned {
 };
 
 // True when code using the feature may run here: the processor has it, the
-// operating system saves the registers it uses, and the portable paths are
-// not forced. Cheap: the flags are read once and cached.
+// operating system saves the registers it uses (os_sse, set by
+// vepra_initialize(), so nothing may run before it), and the portable paths
+// are not forced. vpclmulqdq means the 512-bit form and so also needs
+// AVX-512F. Cheap: the processor's flags are read once and cached.
 bool cpu_may_run(cpu_feature feature) noexcept;
 
 }  // namespace vepra::detail

@@ -97,6 +97,21 @@ int main(void) {
   cell = 0.0;
   CHECK(vepra_mem_array_copyfromel(grid, &cell, sizeof cell, 2, at) == NULL && cell == 2.5);
   vepra_mem_array_free(grid);
+  CHECK(vepra_mach_os_cpu_num() >= 1);
+  CHECK(strlen(vepra_mach_os_name(buf, (int)sizeof buf)) < sizeof buf);
+  {
+    vepra_cpu_info_t cpu;
+    vepra_cpu_topology_t *topology = NULL;
+    err = vepra_cpu_identify(&cpu);
+    if (err == NULL) {
+      CHECK((cpu.usable & ~cpu.features) == 0);
+      CHECK(os_sse <= 7);
+      CHECK(vepra_cpu_topology(&topology, vepra_pool) == NULL && topology->count >= 1);
+    } else {
+      CHECK(err->code == VEPRA_E_CPUID_UNSUPPORTED);
+      vepra_error_clear(err);
+    }
+  }
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);

@@ -1,0 +1,525 @@
+// Processor detection against what the operating system reports (/proc/
+// cpuinfo, /sys/devices/system/cpu) and against libcpuid. The machines
+// here are virtual: where the operating system hides something the
+// comparison is skipped with the reason.
+#include <pthread.h>
+#include <sched.h>
+
+#include <libcpuid.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/test_support.hpp"
+#include "sys/cpuid.hpp"
+#include "vepra_cpu.h"
+
+using vepra_test::Chain;
+using vepra_test::LibraryTest;
+
+namespace {
+
+// One "key : value" block of /proc/cpuinfo per processor, by its number.
+std::map<unsigned, std::map<std::string, std::string>> proc_cpuinfo() {
+  std::map<unsigned, std::map<std::string, std::string>> out;
+  std::ifstream in("/proc/cpuinfo");
+  std::map<std::string, std::string> block;
+  std::string line;
+  auto flush = [&] {
+    if (block.count("processor") != 0) out[std::stoul(block["processor"])] = block;
+    block.clear();
+  };
+  while (std::getline(in, line)) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) {
+      flush();
+      continue;
+    }
+    std::string key = line.substr(0, colon);
+    while (!key.empty() && (key.back() == ' ' || key.back() == '\t')) key.pop_back();
+    const size_t start = line.find_first_not_of(' ', colon + 1);
+    block[key] = start == std::string::npos ? "" : line.substr(start);
+  }
+  flush();
+  return out;
+}
+
+std::string sys_text(const std::string &path) {
+  std::ifstream in(path);
+  std::string text;
+  std::getline(in, text);
+  return text;
+}
+
+// Processor numbers of a sysfs list such as "0-3,8".
+std::set<unsigned> cpu_list(const std::string &text) {
+  std::set<unsigned> out;
+  std::stringstream ss(text);
+  std::string part;
+  while (std::getline(ss, part, ',')) {
+    if (part.empty()) continue;
+    const size_t dash = part.find('-');
+    const unsigned lo = std::stoul(part.substr(0, dash));
+    const unsigned hi = dash == std::string::npos ? lo : std::stoul(part.substr(dash + 1));
+    for (unsigned i = lo; i <= hi; ++i) out.insert(i);
+  }
+  return out;
+}
+
+std::set<unsigned> mask_cpus(const cpu_set_t &set) {
+  std::set<unsigned> out;
+  for (unsigned i = 0; i < CPU_SETSIZE; ++i) {
+    if (CPU_ISSET(i, &set)) out.insert(i);
+  }
+  return out;
+}
+
+std::set<unsigned> allowed_cpus() {
+  cpu_set_t set;
+  EXPECT_EQ(pthread_getaffinity_np(pthread_self(), sizeof set, &set), 0);
+  return mask_cpus(set);
+}
+
+template <typename T>
+std::set<unsigned> intersect(const std::set<unsigned> &a, const T &b) {
+  std::set<unsigned> out;
+  for (unsigned x : a) {
+    if (b.count(x) != 0) out.insert(x);
+  }
+  return out;
+}
+
+// Features with their /proc/cpuinfo and libcpuid names (NUM_CPU_FEATURES
+// where this libcpuid does not know the feature).
+struct feature_row {
+  uint64_t bit;
+  const char *proc_name;
+  cpu_feature_t peer;
+};
+
+const feature_row kFeatureRows[] = {
+    {VEPRA_CPU_SSE, "sse", CPU_FEATURE_SSE},
+    {VEPRA_CPU_SSE2, "sse2", CPU_FEATURE_SSE2},
+    {VEPRA_CPU_SSE3, "pni", CPU_FEATURE_PNI},
+    {VEPRA_CPU_SSSE3, "ssse3", CPU_FEATURE_SSSE3},
+    {VEPRA_CPU_SSE4_1, "sse4_1", CPU_FEATURE_SSE4_1},
+    {VEPRA_CPU_SSE4_2, "sse4_2", CPU_FEATURE_SSE4_2},
+    {VEPRA_CPU_POPCNT, "popcnt", CPU_FEATURE_POPCNT},
+    {VEPRA_CPU_AVX, "avx", CPU_FEATURE_AVX},
+    {VEPRA_CPU_AVX2, "avx2", CPU_FEATURE_AVX2},
+    {VEPRA_CPU_FMA, "fma", CPU_FEATURE_FMA3},
+    {VEPRA_CPU_BMI1, "bmi1", CPU_FEATURE_BMI1},
+    {VEPRA_CPU_BMI2, "bmi2", CPU_FEATURE_BMI2},
+    {VEPRA_CPU_F16C, "f16c", CPU_FEATURE_F16C},
+    {VEPRA_CPU_AVX512F, "avx512f", CPU_FEATURE_AVX512F},
+    {VEPRA_CPU_AVX512DQ, "avx512dq", CPU_FEATURE_AVX512DQ},
+    {VEPRA_CPU_AVX512CD, "avx512cd", CPU_FEATURE_AVX512CD},
+    {VEPRA_CPU_AVX512BW, "avx512bw", CPU_FEATURE_AVX512BW},
+    {VEPRA_CPU_AVX512VL, "avx512vl", CPU_FEATURE_AVX512VL},
+    {VEPRA_CPU_PCLMULQDQ, "pclmulqdq", CPU_FEATURE_PCLMUL},
+    {VEPRA_CPU_VPCLMULQDQ, "vpclmulqdq", NUM_CPU_FEATURES},
+    {VEPRA_CPU_SHA, "sha_ni", CPU_FEATURE_SHA_NI},
+    {VEPRA_CPU_AES, "aes", CPU_FEATURE_AES},
+    {VEPRA_CPU_VAES, "vaes", NUM_CPU_FEATURES},
+    {VEPRA_CPU_GFNI, "gfni", NUM_CPU_FEATURES},
+    {VEPRA_CPU_MOVBE, "movbe", CPU_FEATURE_MOVBE},
+    {VEPRA_CPU_RDRAND, "rdrand", CPU_FEATURE_RDRAND},
+};
+
+extern std::vector<uint32_t> g_apic_by_cpu;
+
+class CpuTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    cpuinfo_ = proc_cpuinfo();
+    ASSERT_FALSE(cpuinfo_.empty()) << "/proc/cpuinfo cannot be read";
+  }
+  void TearDown() override {
+    vepra::testing::replace_cpuid(nullptr);
+    g_apic_by_cpu.clear();
+    vepra::testing::fail_cpu_bind_at(0);
+    vepra::testing::fail_affinity_restore(false);
+    LibraryTest::TearDown();
+  }
+
+  vepra_cpu_info_t identify() {
+    vepra_cpu_info_t info;
+    Chain err(vepra_cpu_identify(&info));
+    EXPECT_EQ(err, nullptr);
+    return info;
+  }
+
+  vepra_cpu_topology_t *topology() {
+    vepra_cpu_topology_t *t = nullptr;
+    Chain err(vepra_cpu_topology(&t, pool_));
+    EXPECT_EQ(err, nullptr);
+    return t;
+  }
+
+  std::map<unsigned, std::map<std::string, std::string>> cpuinfo_;
+};
+
+TEST_F(CpuTest, IdentityAndFeaturesMatchProcCpuinfo) {
+  const vepra_cpu_info_t info = identify();
+  auto &first = cpuinfo_.begin()->second;
+  EXPECT_EQ(std::string(info.vendor), first["vendor_id"]);
+  EXPECT_EQ(std::to_string(info.family), first["cpu family"]);
+  EXPECT_EQ(std::to_string(info.model), first["model"]);
+  EXPECT_EQ(std::to_string(info.stepping), first["stepping"]);
+  EXPECT_EQ(std::string(info.brand), first["model name"]);
+  if (first.count("cpuid level") != 0) {
+    EXPECT_EQ(std::to_string(info.max_leaf), first["cpuid level"]);
+  }
+  std::set<std::string> flags;
+  std::stringstream ss(first["flags"]);
+  for (std::string f; ss >> f;) flags.insert(f);
+  EXPECT_EQ(info.hypervisor != 0, flags.count("hypervisor") != 0);
+  for (const feature_row &row : kFeatureRows) {
+    SCOPED_TRACE(row.proc_name);
+    EXPECT_EQ((info.features & row.bit) != 0, flags.count(row.proc_name) != 0);
+  }
+  // vepra_initialize() set os_sse from XCR0; the kernel lists avx and
+  // avx512f only when it saves their registers.
+  EXPECT_EQ((os_sse & VEPRA_CPU_OS_SSE) != 0, flags.count("sse") != 0);
+  EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX) != 0, flags.count("avx") != 0);
+  EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX512) != 0, flags.count("avx512f") != 0);
+  EXPECT_EQ(info.usable & ~info.features, 0u);
+}
+
+TEST_F(CpuTest, IdentityAndCachesMatchLibcpuid) {
+  if (!cpuid_present()) GTEST_SKIP() << "libcpuid finds no cpuid instruction";
+  cpu_raw_data_t raw;
+  cpu_id_t peer;
+  ASSERT_EQ(cpuid_get_raw_data(&raw), 0) << cpuid_error();
+  ASSERT_EQ(cpu_identify(&raw, &peer), 0) << cpuid_error();
+  const vepra_cpu_info_t info = identify();
+  EXPECT_STREQ(info.vendor, peer.vendor_str);
+  EXPECT_STREQ(info.brand, peer.brand_str);
+  EXPECT_EQ(info.family, static_cast<uint32_t>(peer.ext_family));
+  EXPECT_EQ(info.model, static_cast<uint32_t>(peer.ext_model));
+  EXPECT_EQ(info.stepping, static_cast<uint32_t>(peer.stepping));
+  for (const feature_row &row : kFeatureRows) {
+    SCOPED_TRACE(row.proc_name);
+    if (row.peer == NUM_CPU_FEATURES) continue;
+    // This libcpuid decodes the AVX-512 bits of leaf 7 for Intel only.
+    if (row.proc_name[3] == '5' && std::strcmp(info.vendor, "GenuineIntel") != 0) continue;
+    EXPECT_EQ((info.features & row.bit) != 0, peer.flags[row.peer] != 0);
+  }
+  const struct {
+    uint32_t level, kind;
+    int32_t kib, ways, line;
+  } peer_caches[] = {
+      {1, VEPRA_CPU_CACHE_DATA, peer.l1_data_cache, peer.l1_data_assoc, peer.l1_data_cacheline},
+      {1, VEPRA_CPU_CACHE_INSTRUCTION, peer.l1_instruction_cache, peer.l1_instruction_assoc,
+       peer.l1_instruction_cacheline},
+      {2, VEPRA_CPU_CACHE_UNIFIED, peer.l2_cache, peer.l2_assoc, peer.l2_cacheline},
+      {3, VEPRA_CPU_CACHE_UNIFIED, peer.l3_cache, peer.l3_assoc, peer.l3_cacheline},
+  };
+  for (const auto &p : peer_caches) {
+    SCOPED_TRACE(testing::Message() << "L" << p.level << " kind " << p.kind);
+    const vepra_cpu_cache_t *mine = nullptr;
+    for (uint32_t i = 0; i < info.cache_count; ++i) {
+      if (info.caches[i].level == p.level && info.caches[i].kind == p.kind) mine = &info.caches[i];
+    }
+    if (p.kib <= 0) {
+      EXPECT_EQ(mine, nullptr) << "libcpuid reports no such cache";
+      continue;
+    }
+    ASSERT_NE(mine, nullptr);
+    EXPECT_EQ(mine->size, uint64_t{static_cast<uint32_t>(p.kib)} * 1024);
+    if (p.ways > 0) {
+      EXPECT_EQ(mine->ways, static_cast<uint32_t>(p.ways));
+    }
+    if (p.line > 0) {
+      EXPECT_EQ(mine->line_size, static_cast<uint32_t>(p.line));
+    }
+  }
+}
+
+TEST_F(CpuTest, CachesMatchSysfs) {
+  const vepra_cpu_info_t info = identify();
+  const std::string base = "/sys/devices/system/cpu/cpu0/cache/index";
+  uint32_t seen = 0;
+  for (unsigned i = 0; !sys_text(base + std::to_string(i) + "/level").empty(); ++i) {
+    const std::string dir = base + std::to_string(i) + "/";
+    SCOPED_TRACE(dir);
+    const std::string type = sys_text(dir + "type");
+    const uint32_t kind = type == "Data" ? 1 : type == "Instruction" ? 2 : 3;
+    const uint32_t level = std::stoul(sys_text(dir + "level"));
+    const vepra_cpu_cache_t *mine = nullptr;
+    for (uint32_t k = 0; k < info.cache_count; ++k) {
+      if (info.caches[k].level == level && info.caches[k].kind == kind) mine = &info.caches[k];
+    }
+    ASSERT_NE(mine, nullptr);
+    ++seen;
+    const std::string size = sys_text(dir + "size");  // "48K"
+    ASSERT_EQ(size.back(), 'K');
+    EXPECT_EQ(mine->size, std::stoull(size) * 1024);
+    EXPECT_EQ(std::to_string(mine->line_size), sys_text(dir + "coherency_line_size"));
+    EXPECT_EQ(std::to_string(mine->ways), sys_text(dir + "ways_of_associativity"));
+    const std::string sets = sys_text(dir + "number_of_sets");
+    if (!sets.empty()) {
+      EXPECT_EQ(std::to_string(mine->sets), sets);
+    }
+    // The processors the kernel lists are those present; cpuid gives the
+    // most that can share the cache.
+    EXPECT_LE(cpu_list(sys_text(dir + "shared_cpu_list")).size(), mine->shared_by);
+  }
+  if (seen == 0) GTEST_SKIP() << "the kernel publishes no cache information";
+  EXPECT_EQ(seen, info.cache_count);
+}
+
+TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  vepra_cpu_topology_t *t = topology();
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(allowed_cpus(), allowed);
+  ASSERT_EQ(t->count, allowed.size());
+  std::set<unsigned> packages;
+  std::map<std::pair<unsigned, unsigned>, std::set<unsigned>> threads;
+  unsigned previous = 0;
+  for (uint32_t i = 0; i < t->count; ++i) {
+    const vepra_cpu_logical_t &p = t->processors[i];
+    SCOPED_TRACE(p.os_index);
+    EXPECT_TRUE(allowed.count(p.os_index) != 0);
+    EXPECT_TRUE(i == 0 || p.os_index > previous);
+    previous = p.os_index;
+    const std::string topo =
+        "/sys/devices/system/cpu/cpu" + std::to_string(p.os_index) + "/topology/";
+    EXPECT_EQ(std::to_string(p.package), sys_text(topo + "physical_package_id"));
+    EXPECT_EQ(std::to_string(p.core), sys_text(topo + "core_id"));
+    auto &block = cpuinfo_[p.os_index];
+    if (block.count("apicid") != 0) {
+      EXPECT_EQ(std::to_string(p.apic_id), block["apicid"]);
+    }
+    packages.insert(p.package);
+    // Threads of one core have distinct numbers.
+    EXPECT_TRUE((threads[{p.package, p.core}].insert(p.thread).second));
+  }
+  EXPECT_EQ(t->packages, packages.size());
+  size_t most_threads = 0;
+  for (const auto &[core, ids] : threads) most_threads = std::max(most_threads, ids.size());
+  EXPECT_EQ(t->threads_per_core, most_threads);
+  EXPECT_GE(t->cores_per_package * t->packages, threads.size());
+
+  // Package and core masks are the kernel's siblings that may be used.
+  for (uint32_t i = 0; i < t->count; ++i) {
+    const vepra_cpu_logical_t &p = t->processors[i];
+    const std::string topo =
+        "/sys/devices/system/cpu/cpu" + std::to_string(p.os_index) + "/topology/";
+    cpu_set_t mask;
+    ASSERT_EQ(Chain(vepra_cpu_package_mask(t, p.package, &mask, sizeof mask)), nullptr);
+    EXPECT_EQ(mask_cpus(mask), intersect(allowed, cpu_list(sys_text(topo + "package_cpus_list"))));
+    ASSERT_EQ(Chain(vepra_cpu_core_mask(t, p.package, p.core, &mask, sizeof mask)), nullptr);
+    EXPECT_EQ(mask_cpus(mask), intersect(allowed, cpu_list(sys_text(topo + "thread_siblings_list"))));
+    // The mask is one a thread can be pinned with.
+    cpu_set_t before;
+    ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof before, &before), 0);
+    EXPECT_EQ(pthread_setaffinity_np(pthread_self(), sizeof mask, &mask), 0);
+    ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof before, &before), 0);
+  }
+  cpu_set_t mask;
+  Chain small(vepra_cpu_package_mask(t, t->processors[0].package, &mask,
+                                     t->processors[0].os_index / 8));
+  ASSERT_NE(small, nullptr);
+  EXPECT_EQ(small->code, VEPRA_E_CPU_AFFINITY_MASK);
+  Chain none(vepra_cpu_package_mask(t, 0xffffffffu, &mask, sizeof mask));
+  ASSERT_NE(none, nullptr);
+  EXPECT_EQ(none->code, VEPRA_E_CPU_AFFINITY_MASK);
+  Chain null_topology(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask));
+  ASSERT_NE(null_topology, nullptr);
+  EXPECT_EQ(null_topology->code, VEPRA_E_ASSERT);
+}
+
+TEST_F(CpuTest, AffinityIsRestoredWhenABindOrTheRestoreFails) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  for (long n = 1; n <= static_cast<long>(allowed.size()); ++n) {
+    SCOPED_TRACE(n);
+    vepra::testing::fail_cpu_bind_at(n);
+    vepra_cpu_topology_t *t = nullptr;
+    Chain err(vepra_cpu_topology(&t, pool_));
+    ASSERT_NE(err, nullptr);
+    EXPECT_EQ(err->code, VEPRA_E_CPU_BIND);
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(allowed_cpus(), allowed);
+  }
+  vepra::testing::fail_cpu_bind_at(0);
+  vepra::testing::fail_affinity_restore(true);
+  vepra_cpu_topology_t *t = nullptr;
+  Chain err(vepra_cpu_topology(&t, pool_));
+  ASSERT_NE(err, nullptr);
+  EXPECT_EQ(err->code, VEPRA_E_CPU_AFFINITY_MASK);
+  EXPECT_EQ(allowed_cpus(), allowed);
+}
+
+TEST_F(CpuTest, ANarrowedThreadSeesOnlyItsProcessors) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(*allowed.rbegin(), &one);
+  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
+  vepra_cpu_topology_t *t = topology();
+  EXPECT_EQ(mask_cpus(one), allowed_cpus());
+  cpu_set_t all;
+  CPU_ZERO(&all);
+  for (unsigned c : allowed) CPU_SET(c, &all);
+  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof all, &all), 0);
+  ASSERT_NE(t, nullptr);
+  ASSERT_EQ(t->count, 1u);
+  EXPECT_EQ(t->processors[0].os_index, *allowed.rbegin());
+  EXPECT_EQ(t->packages * t->cores_per_package * t->threads_per_core, 1u);
+}
+
+// A processor described by a table of cpuid answers; other leaves are 0.
+std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> g_table;
+
+// APIC ids by the processor the caller runs on; empty: those of the table.
+std::vector<uint32_t> g_apic_by_cpu;
+
+void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
+  auto it = g_table.find({leaf, subleaf});
+  if (it == g_table.end()) return;
+  regs[0] = it->second.eax;
+  regs[1] = it->second.ebx;
+  regs[2] = it->second.ecx;
+  regs[3] = it->second.edx;
+  const int cpu = sched_getcpu();
+  if (g_apic_by_cpu.empty() || cpu < 0) return;
+  const uint32_t apic = g_apic_by_cpu[static_cast<size_t>(cpu) % g_apic_by_cpu.size()];
+  if (leaf == 0xb || leaf == 0x1f) regs[3] = apic;
+  if (leaf == 1) regs[1] = (regs[1] & 0x00ffffffu) | (apic << 24);
+}
+
+constexpr vepra::detail::cpuid_regs kIntel{0, 0x756e6547, 0x6c65746e, 0x49656e69};
+
+TEST_F(CpuTest, RestrictedOrContradictoryProcessorsAreReported) {
+  const size_t processors = allowed_cpus().size();
+  const struct {
+    const char *what;
+    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
+    int identify_code, topology_code;  // 0: success
+  } cases[] = {
+      {"largest leaf 0", {{{0, 0}, kIntel}}, VEPRA_E_CPUID_RESTRICTED, VEPRA_E_CPUID_RESTRICTED},
+      {"threads per package but no leaf 4",
+       {{{0, 0}, {2, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x306a9, 0x00020800, 0, 1u << 28}}},
+       0,
+       VEPRA_E_CPUID_LEVEL},
+      {"every processor reports x2APIC id 5",
+       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x306a9, 0, 0, 0}},
+        {{0xb, 0}, {0, 1, 0x100, 5}},
+        {{0xb, 1}, {1, 2, 0x201, 5}}},
+       0,
+       processors > 1 ? VEPRA_E_CPU_TOPOLOGY : 0},
+  };
+  const std::set<unsigned> allowed = allowed_cpus();
+  vepra::testing::replace_cpuid(table_cpuid);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    g_table = c.table;
+    vepra_cpu_info_t info;
+    Chain ierr(vepra_cpu_identify(&info));
+    EXPECT_EQ(ierr == nullptr ? 0 : ierr->code, c.identify_code);
+    vepra_cpu_topology_t *t = nullptr;
+    Chain terr(vepra_cpu_topology(&t, pool_));
+    EXPECT_EQ(terr == nullptr ? 0 : terr->code, c.topology_code);
+    EXPECT_EQ(allowed_cpus(), allowed);
+  }
+}
+
+TEST_F(CpuTest, FrequencyComesFromLeaf16OrTheBrandString) {
+  auto brand = [](const char *text) {
+    char padded[48] = {};
+    std::memcpy(padded, text, std::min(std::strlen(text), sizeof padded));
+    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> rows;
+    for (uint32_t i = 0; i < 3; ++i) {
+      uint32_t r[4];
+      std::memcpy(r, padded + 16 * i, 16);
+      rows[{0x80000002u + i, 0}] = {r[0], r[1], r[2], r[3]};
+    }
+    rows[{0x80000000u, 0}] = {0x80000004u, 0, 0, 0};
+    return rows;
+  };
+  const struct {
+    const char *brand;
+    uint32_t leaf16_mhz;
+    uint32_t expected;
+  } cases[] = {
+      {"Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz", 0, 2400},
+      {"       Intel(R) Pentium(R) 4 CPU 3.00GHz", 0, 3000},
+      {"Intel(R) Core(TM) i7-1065G7 CPU @ 1.30GHz", 1300, 1300},
+      {"Intel(R) Core(TM) i9-13900K", 3000, 3000},
+      {"Some CPU 733MHz", 0, 733},
+      {"AMD EPYC 7763 64-Core Processor", 0, 0},
+      {"GHz without a number", 0, 0},
+  };
+  vepra::testing::replace_cpuid(table_cpuid);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.brand);
+    g_table = brand(c.brand);
+    g_table[{0, 0}] = {c.leaf16_mhz != 0 ? 0x16u : 0xdu, kIntel.ebx, kIntel.ecx, kIntel.edx};
+    g_table[{1, 0}] = {0x906ea, 0, 0, 0};
+    g_table[{0x16, 0}] = {c.leaf16_mhz, 0, 0, 0};
+    vepra_cpu_info_t info;
+    ASSERT_EQ(Chain(vepra_cpu_identify(&info)), nullptr);
+    EXPECT_EQ(info.frequency_mhz, c.expected);
+    EXPECT_EQ(info.brand[0] == ' ', false);
+  }
+}
+
+TEST_F(CpuTest, ApicIdsSplitIntoPackageCoreAndThread) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
+  const struct {
+    const char *what;
+    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
+    uint32_t method;
+    std::vector<uint32_t> apic;
+    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
+  } cases[] = {
+      {"leaf 0x1F: 2 threads, 8 cores, 4 dies per package",
+       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
+        {{0x1f, 0}, {1, 2, 0x100, 0}},
+        {{0x1f, 1}, {4, 16, 0x201, 0}},
+        {{0x1f, 2}, {6, 64, 0x502, 0}}},
+       VEPRA_CPU_TOPOLOGY_LEAF_1F,
+       {0x45, 0x02},
+       {{1, 2, 1}, {0, 1, 0}}},
+      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
+       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
+        {{4, 0}, {0x04000121, 0, 0, 0}},
+        {{0xb, 0}, {4, 8, 0x200, 0}}},
+       VEPRA_CPU_TOPOLOGY_LEGACY,
+       {0x07, 0x0a},
+       {{1, 1, 1}, {2, 1, 0}}},
+  };
+  vepra::testing::replace_cpuid(table_cpuid);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    g_table = c.table;
+    g_apic_by_cpu.assign(cpus.back() + 1, 0);
+    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i) g_apic_by_cpu[cpus[i]] = c.apic[i];
+    vepra_cpu_topology_t *t = topology();
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->method, c.method);
+    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
+      const vepra_cpu_logical_t &p = t->processors[i];
+      EXPECT_EQ(p.apic_id, c.apic[i]);
+      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
+    }
+    EXPECT_EQ(allowed_cpus(), allowed);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+// The vepra-sysinfo program, run as a user would; its JSON is read with
+// nlohmann-json and compared with what the kernel reports.
+#include <pthread.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "support/test_support.hpp"
+#include "vepra_mach.h"
+
+namespace {
+
+struct ToolRun {
+  int status = -1;
+  std::string out;
+};
+
+ToolRun run(const std::string &args) {
+  ToolRun r;
+#ifdef VEPRA_SYSINFO_TOOL
+  FILE *p = popen((std::string(VEPRA_SYSINFO_TOOL) + " " + args + " 2>/dev/null").c_str(), "r");
+  if (p == nullptr) return r;
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+  const int status = pclose(p);
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#else
+  (void)args;
+#endif
+  return r;
+}
+
+// The first processor's "key : value" lines of /proc/cpuinfo.
+std::string cpuinfo_value(const std::string &key) {
+  std::ifstream in("/proc/cpuinfo");
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, key.size(), key) == 0 && line.find(':') != std::string::npos) {
+      const size_t start = line.find_first_not_of(' ', line.find(':') + 1);
+      return start == std::string::npos ? "" : line.substr(start);
+    }
+  }
+  return "";
+}
+
+class SysinfoToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+#ifndef VEPRA_SYSINFO_TOOL
+    GTEST_SKIP() << "vepra-sysinfo is not built (VEPRA_BUILD_TOOLS=OFF)";
+#endif
+  }
+};
+
+}  // namespace
+
+TEST_F(SysinfoToolTest, JsonDescribesThisMachine) {
+  const ToolRun r = run("--json");
+  ASSERT_EQ(r.status, 0);
+  const nlohmann::json j = nlohmann::json::parse(r.out);
+  EXPECT_EQ(j["processors"].get<long>(), sysconf(_SC_NPROCESSORS_CONF));
+  EXPECT_EQ(j["os"]["family_code"].get<int>(), vepra_mach_os());
+  EXPECT_EQ(j["cpu"]["vendor"].get<std::string>(), cpuinfo_value("vendor_id"));
+  EXPECT_EQ(j["cpu"]["brand"].get<std::string>(), cpuinfo_value("model name"));
+
+  cpu_set_t set;
+  ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof set, &set), 0);
+  std::set<long> allowed;
+  for (long i = 0; i < CPU_SETSIZE; ++i) {
+    if (CPU_ISSET(i, &set)) allowed.insert(i);
+  }
+  std::set<long> listed;
+  for (const auto &p : j["topology"]["processors"]) listed.insert(p["cpu"].get<long>());
+  EXPECT_EQ(listed, allowed);
+
+  // The kernel lists avx2 and sha_ni only where the processor has them and
+  // their registers are saved: exactly when the library takes those paths.
+  std::set<std::string> flags;
+  std::stringstream ss(cpuinfo_value("flags"));
+  for (std::string f; ss >> f;) flags.insert(f);
+  EXPECT_EQ(j["accelerated_paths"]["AVX2"].get<bool>(), flags.count("avx2") != 0);
+  EXPECT_EQ(j["accelerated_paths"]["SHA"].get<bool>(), flags.count("sha_ni") != 0);
+  EXPECT_EQ(j["accelerated_paths"]["PCLMULQDQ"].get<bool>(), flags.count("pclmulqdq") != 0);
+}
+
+TEST_F(SysinfoToolTest, TextAndBadArguments) {
+  const ToolRun text = run("");
+  ASSERT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("Vendor:                " + cpuinfo_value("vendor_id") + "\n"),
+            std::string::npos);
+  EXPECT_NE(text.out.find("Accelerated paths:\n"), std::string::npos);
+  EXPECT_EQ(run("--jsn").status, 2);
+  EXPECT_EQ(run("--help").status, 0);
+}
