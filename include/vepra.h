@@ -17,6 +17,8 @@
 #include "vepra_cdl.h"
 #include "vepra_strlist.h"
 #include "vepra_prsd.h"
+#include "vepra_readline.h"
+#include "vepra_dir.h"
 #include "vepra_img.h"
 
 #endif /* VEPRA_H */
