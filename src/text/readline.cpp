@@ -324,6 +324,17 @@ class Editor {
           // joins stray continuation bytes that follow it.
           cursor_ = cursor_ + 1;
           while (cursor_ < line_.size() && is_continuation(line_.data()[cursor_])) ++cursor_;
+          // Typing at the end of a line that still fits only needs the
+          // byte itself on the console.
+          if (cursor_ == line_.size() && offset_ == 0 &&
+              columns(line_.data(), line_.size()) <= room()) {
+            if (echo_) {
+              const char c = static_cast<char>(b);
+              write_out(&c, 1);
+              std::fflush(stdout);
+            }
+            continue;
+          }
           break;
       }
       draw();
@@ -332,11 +343,14 @@ class Editor {
 
  private:
   // Reads the rest of an escape sequence whose byte after ESC is first.
-  // A byte that cannot continue the sequence is handed back when it is a
-  // control byte (so that a lone ESC before Enter loses nothing).
+  // A byte that cannot continue the sequence is handed back unless it is a
+  // printable ASCII character (as after Alt), so that a lone ESC loses no
+  // Enter, control key or byte of a UTF-8 character.
+  static bool keep(int b) noexcept { return b < 0x20 || b >= 0x7F; }
+
   Key escape(int first) noexcept {
     if (first != '[' && first != 'O') {
-      if (first < 0x20) src_.put_back(first);
+      if (keep(first)) src_.put_back(first);
       return Key::kNone;
     }
     int param = 0;
@@ -354,7 +368,7 @@ class Editor {
       }
       if (first == '[' && b >= 0x20 && b <= 0x2F) continue;  // intermediate bytes
       if (b >= 0x40 && b <= 0x7E) return key_of_final(b, param);
-      if (b < 0x20) src_.put_back(b);
+      if (keep(b)) src_.put_back(b);
       return Key::kNone;
     }
   }
@@ -396,12 +410,10 @@ class Editor {
   // that the terminal's cursor stands where the editing cursor is.
   void draw() noexcept {
     if (!echo_) return;
-    const int width = clamp_width(rl_->width);
     const char *prompt = rl_->prompt != nullptr ? rl_->prompt : "";
     const size_t prompt_len = std::strlen(prompt);
-    const size_t prompt_cols = columns(prompt, prompt_len);
-    const size_t usable = static_cast<size_t>(width - 1);
-    const size_t room = usable > prompt_cols + 1 ? usable - prompt_cols : 1;
+    const size_t usable = static_cast<size_t>(clamp_width(rl_->width) - 1);
+    const size_t room = this->room();
     const char *text = line_.data();
 
     if (cursor_ < offset_) offset_ = cursor_;
@@ -419,6 +431,15 @@ class Editor {
     write_out(prompt, prompt_len);
     write_out(text + offset_, cursor_ - offset_);
     std::fflush(stdout);
+  }
+
+  // Columns left for the line after the prompt (at least one); the last
+  // console column stays free so that the terminal never wraps.
+  size_t room() const noexcept {
+    const char *prompt = rl_->prompt != nullptr ? rl_->prompt : "";
+    const size_t prompt_cols = columns(prompt, std::strlen(prompt));
+    const size_t usable = static_cast<size_t>(clamp_width(rl_->width) - 1);
+    return usable > prompt_cols + 1 ? usable - prompt_cols : 1;
   }
 
   vepra_ri_readline_t *rl_;

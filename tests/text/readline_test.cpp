@@ -102,6 +102,7 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
       {"ab\x1b[", VEPRA_RI_READ_ERROR, VEPRA_E_CONSOLE_CHAR, "ab"},
       {"ab\x1b", VEPRA_RI_END_OF_INPUT, 0, "ab"},
       {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},  // ESC then Enter keeps the Enter
+      {"a\x1b[\xc3\xa9\x1bO\x7f\r", VEPRA_RI_READ_ERROR, 0, "a"},  // no byte is lost
       {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
       {"\x04", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
   };
