@@ -212,7 +212,7 @@ TEST_F(DirTest, UnopenableDirectoriesFailWithTheirPath) {
   ASSERT_EQ(syscall(SYS_capget, &header, caps), 0);
   std::memcpy(reduced, caps, sizeof caps);
   reduced[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-  ASSERT_EQ(syscall(SYS_capset, &header, reduced), 0);
+  syscall(SYS_capset, &header, reduced);  // the probe below tells whether it took effect
   DIR *probe = opendir((root_ + "/locked").c_str());
   vepra_error_t *e = probe == nullptr ? walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen) : nullptr;
   syscall(SYS_capset, &header, caps);
