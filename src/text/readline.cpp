@@ -50,6 +50,15 @@ size_t columns(const char *s, size_t n) noexcept {
   return cols;
 }
 
+// True when a text has more than limit columns; stops counting there, so
+// the cost follows the limit rather than the length of the text.
+bool wider_than(const char *s, size_t n, size_t limit) noexcept {
+  size_t cols = 0;
+  for (size_t i = 0; i < n; ++i)
+    if (!is_continuation(s[i]) && ++cols > limit) return true;
+  return false;
+}
+
 int clamp_width(int32_t width) noexcept {
   return width < 1 ? 1 : width > kMaxWidth ? kMaxWidth : width;
 }
@@ -320,14 +329,13 @@ class Editor {
           if (b < 0x20) break;  // other control bytes are ignored
           if (!line_.insert(cursor_, static_cast<char>(b)))
             return finish(make_error(VEPRA_E_ALLOC));
-          // Keep the cursor on a character boundary even when the byte
-          // joins stray continuation bytes that follow it.
-          cursor_ = cursor_ + 1;
-          while (cursor_ < line_.size() && is_continuation(line_.data()[cursor_])) ++cursor_;
-          // Typing at the end of a line that still fits only needs the
-          // byte itself on the console.
-          if (cursor_ == line_.size() && offset_ == 0 &&
-              columns(line_.data(), line_.size()) <= room()) {
+          // The cursor stood on a character boundary, so the byte after the
+          // inserted one starts a character too.
+          ++cursor_;
+          // Typing at the end of a line whose shown part still fits only
+          // needs the byte itself on the console.
+          if (cursor_ == line_.size() &&
+              !wider_than(line_.data() + offset_, line_.size() - offset_, room())) {
             if (echo_) {
               const char c = static_cast<char>(b);
               write_out(&c, 1);
