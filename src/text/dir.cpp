@@ -106,7 +106,7 @@ class Walker {
   // Visits root and, with the recursive flag, everything below it.
   vepra_error_t *run(const char *root) noexcept {
     if (vepra_error_t *e = visit(root)) return e;
-    while (!frames_.empty()) {
+    while (!frames_.empty() && !stopped_) {
       Frame &top = frames_.back();
       if (top.next == top.count) {
         paths_.truncate(top.first);
@@ -136,7 +136,6 @@ class Walker {
   // Reads one directory: reports its matching files and, with the
   // recursive flag, pushes a frame of its subdirectories.
   vepra_error_t *visit(const char *dir) noexcept {
-    if (stopped_) return nullptr;
     apr_pool_clear(dir_pool_);
     apr_dir_t *handle = nullptr;
     apr_status_t status = apr_dir_open(&handle, dir, dir_pool_);
