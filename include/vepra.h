@@ -19,6 +19,8 @@
 #include "vepra_bitarr.h"
 #include "vepra_strlist.h"
 #include "vepra_prsd.h"
+#include "vepra_readline.h"
+#include "vepra_dir.h"
 #include "vepra_img.h"
 #include "vepra_mach.h"
 #include "vepra_cpu.h"

@@ -64,6 +64,7 @@ demo() {
 fuzz_seconds() {
   case $1 in
     tiff_read_fuzzer) echo 60 ;;
+    readline_keys_fuzzer) echo 30 ;;
     *) echo 30 ;;
   esac
 }

@@ -49,6 +49,8 @@ int main(void) {
   uint32_t at[2] = {1, 2};
   double cell = 2.5;
   int lines = 0;
+  vepra_ri_readline_t *rl = NULL;
+  vepra_dir_options_t dir_options = {VEPRA_DIR_RECURSIVE, NULL, NULL, NULL, NULL};
 
   CHECK(vepra_initialize() == 0);
   CHECK(strcmp(vepra_version_string(), VEPRA_VERSION_STRING) == 0);
@@ -112,6 +114,16 @@ int main(void) {
       vepra_error_clear(err);
     }
   }
+  CHECK(vepra_ri_readline_init(&rl, NULL, 0, vepra_pool) == NULL);
+  CHECK(vepra_ri_readline_addhist("older", rl) == NULL);
+  CHECK(vepra_ri_readline_hist(rl, 1) == 1 && strcmp(rl->line, "older") == 0);
+  err = vepra_ri_readline(NULL, rl);
+  CHECK(err != NULL && err->code == VEPRA_E_CONSOLE_READ);
+  vepra_error_clear(err);
+  vepra_ri_readline_terminate(rl);
+  err = vepra_dir_traverse("/nonexistent/vepra-c-linkage", "*.c", NULL, &dir_options, vepra_pool);
+  CHECK(err != NULL && dir_options.include != NULL && dir_options.include->nelts == 1);
+  vepra_error_clear(err);
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);

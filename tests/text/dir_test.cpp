@@ -1,0 +1,263 @@
+// Directory traversal on temporary trees, checked against the C library's
+// fnmatch and a reference walk over readdir.
+#include <dirent.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "support/test_support.hpp"
+#include "vepra_dir.h"
+
+namespace {
+
+using vepra_test::take_printed;
+using Paths = std::vector<std::string>;
+
+void touch(const std::string &path) {
+  int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0644);
+  ASSERT_GE(fd, 0) << path;
+  close(fd);
+}
+
+class DirTest : public vepra_test::LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    root_ = vepra_test::temp_path("tree");
+    ASSERT_EQ(mkdir(root_.c_str(), 0755), 0);
+  }
+  void TearDown() override {
+    // rm walks relative to open directories, so it also removes trees whose
+    // paths are longer than the system allows.
+    EXPECT_EQ(std::system(("chmod -R u+rwx '" + root_ + "'; rm -rf '" + root_ + "'").c_str()), 0);
+    LibraryTest::TearDown();
+  }
+
+  // Files, directories (names ending in "/") and symbolic links
+  // ("name -> target") below the root.
+  void build(std::initializer_list<const char *> entries) {
+    for (std::string e : entries) {
+      size_t arrow = e.find(" -> ");
+      std::string path = root_ + "/" + e.substr(0, arrow);
+      if (arrow != std::string::npos)
+        ASSERT_EQ(symlink(e.substr(arrow + 4).c_str(), path.c_str()), 0) << e;
+      else if (e.back() == '/')
+        ASSERT_EQ(mkdir(path.c_str(), 0755), 0) << e;
+      else
+        touch(path);
+    }
+  }
+
+  // The paths the callback saw; the callback fails for names containing
+  // "fail".
+  vepra_error_t *walk(const char *include, const char *exclude, uint32_t flags, Paths *seen,
+                      const std::string &dir = "") {
+    options_ = {flags, nullptr, nullptr, record, seen};
+    return vepra_dir_traverse((dir.empty() ? root_ : dir).c_str(), include, exclude, &options_,
+                              pool_);
+  }
+
+  static vepra_error_t *record(const char *path, void *user, apr_pool_t *pool) {
+    EXPECT_NE(pool, nullptr);
+    static_cast<Paths *>(user)->emplace_back(path);
+    if (std::strstr(path, "fail") != nullptr)
+      return vepra_error_createf_i(VEPRA_ERROR_TYPE_ERROR, 0, 0, nullptr, nullptr, nullptr,
+                                   "refused %s", std::strrchr(path, '/') + 1);
+    return nullptr;
+  }
+
+  std::string root_;
+  vepra_dir_options_t options_{};
+};
+
+// The files a recursive walk reports, by readdir: a directory's regular
+// files and links in read order, then its subdirectories in read order.
+void reference_walk(const std::string &dir, bool recursive, Paths *out) {
+  DIR *d = opendir(dir.c_str());
+  if (d == nullptr) return;
+  Paths subdirs;
+  while (dirent *e = readdir(d)) {
+    std::string name = e->d_name, path = dir + "/" + name;
+    if (e->d_type == DT_DIR && name != "." && name != "..") subdirs.push_back(path);
+    if (e->d_type == DT_REG || e->d_type == DT_LNK) out->push_back(path);
+  }
+  closedir(d);
+  if (recursive)
+    for (const std::string &s : subdirs) reference_walk(s, true, out);
+}
+
+TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
+  build({"a.tif", "b.png", "c.txt", ".hidden.tif", "D.TIF", "star*.tif", "sub/", "sub/e.tif",
+         "sub/.f.png", "link.tif -> c.txt"});
+  struct Case {
+    const char *include;
+    const char *exclude;
+  } cases[] = {
+      {"*.tif;*.png", nullptr}, {"*.tif;*.png", "*b*"}, {nullptr, "*.tif"},
+      {"*.TIF", nullptr},       {"*/.*", nullptr},      {"*\\**", nullptr},
+      {"*/[a-c].*;;", nullptr}, {"", nullptr},          {";", "x"},
+      {"*sub/*", "*/.*"},       {"*/?.*", "*.png;*.txt"},
+  };
+  // The same patterns in the C library's flag values.
+  auto fnm_flags = [](uint32_t f) {
+    return ((f & VEPRA_DIR_NOESCAPE) ? FNM_NOESCAPE : 0) |
+           ((f & VEPRA_DIR_PATHNAME) ? FNM_PATHNAME : 0) |
+           ((f & VEPRA_DIR_PERIOD) ? FNM_PERIOD : 0) |
+           ((f & VEPRA_DIR_CASE_BLIND) ? FNM_CASEFOLD : 0);
+  };
+  auto any_match = [](const char *composite, const std::string &path, int flags) {
+    std::string pieces = composite;
+    for (size_t start = 0; start <= pieces.size();) {
+      size_t end = std::min(pieces.find(';', start), pieces.size());
+      std::string piece = pieces.substr(start, end - start);
+      if (!piece.empty() && fnmatch(piece.c_str(), path.c_str(), flags) == 0) return true;
+      start = end + 1;
+    }
+    return false;
+  };
+  Paths all;
+  reference_walk(root_, true, &all);
+  for (uint32_t low = 0; low < 16; ++low) {
+    for (const Case &c : cases) {
+      for (uint32_t recursive : {0u, uint32_t{VEPRA_DIR_RECURSIVE}}) {
+        Paths seen, expected;
+        ASSERT_EQ(walk(c.include, c.exclude, low | recursive, &seen), nullptr);
+        for (const std::string &p : all) {
+          if (!recursive && p.find("/sub/") != std::string::npos) continue;
+          if (c.include != nullptr && !any_match(c.include, p, fnm_flags(low))) continue;
+          if (c.exclude != nullptr && any_match(c.exclude, p, fnm_flags(low))) continue;
+          expected.push_back(p);
+        }
+        EXPECT_EQ(seen, expected) << "flags " << (low | recursive) << " include "
+                                  << (c.include ? c.include : "(null)") << " exclude "
+                                  << (c.exclude ? c.exclude : "(null)");
+      }
+    }
+  }
+  // The compiled array stays in the options and serves a later call that
+  // passes no pattern.
+  Paths seen;
+  ASSERT_EQ(walk("*.png", nullptr, 0, &seen), nullptr);
+  seen.clear();
+  ASSERT_EQ(vepra_dir_traverse(root_.c_str(), nullptr, nullptr, &options_, pool_), nullptr);
+  EXPECT_EQ(seen, Paths{root_ + "/b.png"});
+}
+
+TEST_F(DirTest, OrderFollowsReaddirAndLinksAreNeverEntered) {
+  build({"f1", "d1/", "f2", "d1/g1", "d1/s/", "d1/s/h1", "d1/g2", "d2/", "d2/i1", "f3",
+         "loop -> .", "d1/up -> ..", "ping -> pong", "pong -> ping", "dangling -> nowhere",
+         "d2/empty/"});
+  ASSERT_EQ(mkfifo((root_ + "/fifo").c_str(), 0644), 0);
+  for (bool recursive : {false, true}) {
+    Paths seen, expected;
+    ASSERT_EQ(walk(nullptr, nullptr, recursive ? VEPRA_DIR_RECURSIVE : 0, &seen), nullptr);
+    reference_walk(root_, recursive, &expected);
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(seen.size(), recursive ? 12u : 7u);
+  }
+}
+
+TEST_F(DirTest, CallbackFailuresAreReportedOrReturned) {
+  build({"ok1", "fail1", "sub/", "sub/fail2", "sub/ok2"});
+  Paths seen;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen), nullptr);
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(seen.size(), 4u);
+  EXPECT_EQ(out, "Error: refused fail1 \nError: refused fail2 \n");
+
+  seen.clear();
+  EXPECT_EQ(take_printed(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE | VEPRA_DIR_STOP_ON_ERROR,
+                              &seen)),
+            "Error: Cannot traverse directories. \nError: refused fail1 ");
+  EXPECT_EQ(seen.back(), root_ + "/fail1");
+  EXPECT_LE(seen.size(), 2u);
+
+  // The walk-stop sentinel ends the walk as a success.
+  int calls = 0;
+  options_ = {VEPRA_DIR_RECURSIVE, nullptr, nullptr,
+              [](const char *, void *user, apr_pool_t *) {
+                ++*static_cast<int *>(user);
+                return VepraDLlistStopWalking;
+              },
+              &calls};
+  EXPECT_EQ(vepra_dir_traverse(root_.c_str(), nullptr, nullptr, &options_, pool_), nullptr);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(DirTest, UnopenableDirectoriesFailWithTheirPath) {
+  Paths seen;
+  std::string missing = root_ + "/missing";
+  EXPECT_EQ(take_printed(walk(nullptr, nullptr, 0, &seen, missing)),
+            "Error: Cannot traverse directories. \nError: (" + missing + "): " +
+                std::strerror(ENOENT) + " ");
+  EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
+            std::string("Error: Cannot traverse directories. \nError: ") + std::strerror(EINVAL) +
+                " ");
+
+  // A directory without read permission, also for a privileged user: the
+  // capabilities that bypass permissions are dropped for this thread.
+  build({"a", "locked/", "locked/b", "z/", "z/c"});
+  ASSERT_EQ(chmod((root_ + "/locked").c_str(), 0), 0);
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct caps[2] = {}, reduced[2];
+  ASSERT_EQ(syscall(SYS_capget, &header, caps), 0);
+  std::memcpy(reduced, caps, sizeof caps);
+  reduced[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+  syscall(SYS_capset, &header, reduced);  // the probe below tells whether it took effect
+  DIR *probe = opendir((root_ + "/locked").c_str());
+  vepra_error_t *e = probe == nullptr ? walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen) : nullptr;
+  syscall(SYS_capset, &header, caps);
+  if (probe != nullptr) {
+    closedir(probe);
+    GTEST_SKIP() << "permissions are not enforced here";
+  }
+  EXPECT_EQ(take_printed(e), "Error: Cannot traverse directories. \nError: (" + root_ +
+                                 "/locked): " + std::strerror(EACCES) + " ");
+  EXPECT_NE(std::find(seen.begin(), seen.end(), root_ + "/a"), seen.end());
+  EXPECT_EQ(std::find(seen.begin(), seen.end(), root_ + "/locked/b"), seen.end());
+}
+
+// A chain of 10,000 directories with a file at every level: the walk goes
+// down as far as paths can be formed, in depth order, and then reports the
+// path that became too long.
+TEST_F(DirTest, DeepTreeIsWalkedWithoutRecursion) {
+  const int depth = 10000;
+  // Removing deep trees is slow on some disk file systems; memory is enough.
+  if (access("/dev/shm", W_OK) == 0) {
+    ASSERT_EQ(rmdir(root_.c_str()), 0);
+    root_ = "/dev/shm/" + root_.substr(root_.rfind('/') + 1);
+    ASSERT_EQ(mkdir(root_.c_str(), 0755), 0);
+  }
+  int fd = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_GE(fd, 0);
+  for (int i = 0; i < depth; ++i) {
+    close(openat(fd, "f", O_CREAT | O_WRONLY, 0644));
+    ASSERT_EQ(mkdirat(fd, "d", 0755), 0);
+    int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
+    close(fd);
+    ASSERT_GE(fd = next, 0);
+  }
+  close(fd);
+  Paths seen;
+  std::string printed = take_printed(walk("*/f", nullptr, VEPRA_DIR_RECURSIVE, &seen));
+  EXPECT_EQ(printed, std::string("Error: Cannot traverse directories. \nError: ") +
+                         std::strerror(ENAMETOOLONG) + " ");
+  ASSERT_FALSE(seen.empty());
+  std::string expected = root_;
+  for (size_t i = 0; i < seen.size(); ++i) {
+    ASSERT_EQ(seen[i], expected + "/f") << i;
+    expected += "/d";
+  }
+  EXPECT_GT(seen.back().size() + 2, static_cast<size_t>(PATH_MAX) - 8);
+}
+
+}  // namespace

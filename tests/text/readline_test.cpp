@@ -1,0 +1,356 @@
+// Line input: history browsing, the editor against a model of characters,
+// plain lines from pipes, and the terminal reader driven through a
+// pseudo-terminal whose settings the kernel reports.
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "support/test_support.hpp"
+#include "vepra_readline.h"
+
+namespace {
+
+using vepra_test::take_printed;
+
+class ReadlineTest : public vepra_test::LibraryTest {
+ protected:
+  vepra_ri_readline_t *make(const char *prompt, uint32_t echo,
+                            std::initializer_list<const char *> history = {}) {
+    vepra_ri_readline_t *rl = nullptr;
+    EXPECT_EQ(vepra_ri_readline_init(&rl, prompt, echo, pool_), nullptr);
+    for (const char *h : history) EXPECT_EQ(vepra_ri_readline_addhist(h, rl), nullptr);
+    return rl;
+  }
+};
+
+// Code of a chain (cleared), 0 for success.
+int code_of(vepra_error_t *e) {
+  int code = e != nullptr ? e->code : 0;
+  vepra_error_clear(e);
+  return code;
+}
+
+TEST_F(ReadlineTest, HistoryBrowsingKeepsTheEditedLine) {
+  vepra_ri_readline_t *rl = make(nullptr, 0, {"a", "b"});
+  EXPECT_EQ(rl->hist_count, 2);
+  EXPECT_EQ(vepra_ri_readline_hist(rl, 0), 0);  // newer before any older move
+  vepra_ri_readline_growbuffer(rl, 4);
+  std::strcpy(rl->line, "abc");
+  std::string seen;
+  for (int i = 0; i < 3; ++i) seen += std::to_string(vepra_ri_readline_hist(rl, 1)) + rl->line + ",";
+  EXPECT_EQ(seen, "1b,1a,0a,");
+  EXPECT_EQ(vepra_ri_readline_hist(rl, 0), 1);
+  EXPECT_STREQ(rl->line, "b");
+  EXPECT_EQ(vepra_ri_readline_hist(rl, 0), 1);
+  EXPECT_STREQ(rl->line, "abc");
+  EXPECT_EQ(vepra_ri_readline_hist(rl, 0), 0);
+  // A long entry gets a buffer of its own size plus the terminator.
+  EXPECT_EQ(vepra_ri_readline_addhist(std::string(300, 'z').c_str(), rl), nullptr);
+  EXPECT_EQ(vepra_ri_readline_hist(rl, 1), 1);
+  EXPECT_EQ(std::string(rl->line), std::string(300, 'z'));
+  EXPECT_EQ(take_printed(vepra_ri_readline_addhist(nullptr, rl)),
+            "Error(120051): Readline: can't add string to history. \n"
+            "Error(120051): DL insertion error: invalid pointer. ");
+  vepra_ri_readline_terminate(rl);
+}
+
+TEST_F(ReadlineTest, WithoutReaderDrawsPromptAndFails) {
+  for (uint32_t echo : {0u, 1u}) {
+    vepra_ri_readline_t *rl = make("name> ", echo);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
+    std::string out = testing::internal::GetCapturedStdout();
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "%s\r%*c\r", "name> ", rl->width - 1, ' ');
+    EXPECT_EQ(out, echo != 0 ? expected : "");
+    EXPECT_STREQ(rl->line, "");
+    vepra_ri_readline_terminate(rl);
+  }
+}
+
+// A reader over a byte string, ending with a chosen status.
+struct Script {
+  std::string bytes;
+  int last = VEPRA_RI_END_OF_INPUT;
+  size_t pos = 0;
+  static int next(void *user) {
+    auto *s = static_cast<Script *>(user);
+    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
+  }
+};
+
+TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
+  struct Case {
+    std::string bytes;
+    int last;
+    int code;
+    const char *line;
+  } cases[] = {
+      {"", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
+      {"ab", VEPRA_RI_END_OF_INPUT, 0, "ab"},
+      {"ab", VEPRA_RI_INTERRUPT, VEPRA_E_CONSOLE_HALTED, "ab"},
+      {"ab", VEPRA_RI_READ_ERROR, VEPRA_E_CONSOLE_CHAR, "ab"},
+      {"ab", -77, VEPRA_E_CONSOLE_CHAR, "ab"},
+      {"ab", 256, VEPRA_E_CONSOLE_CHAR, "ab"},
+      {"ab\x1b[", VEPRA_RI_READ_ERROR, VEPRA_E_CONSOLE_CHAR, "ab"},
+      {"ab\x1b", VEPRA_RI_END_OF_INPUT, 0, "ab"},
+      {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},  // ESC then Enter keeps the Enter
+      {"a\x1b[\xc3\xa9\x1bO\x7f\r", VEPRA_RI_READ_ERROR, 0, "a"},  // no byte is lost
+      {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
+      {"\x04", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
+  };
+  vepra_ri_readline_t *rl = make("> ", 0);
+  for (const Case &c : cases) {
+    Script script{c.bytes, c.last};
+    vepra_ri_readline_set_reader(rl, Script::next, &script);
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), c.code) << c.bytes;
+    EXPECT_STREQ(rl->line, c.line) << c.bytes;
+  }
+  vepra_ri_readline_set_reader(rl, nullptr, nullptr);
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
+  vepra_ri_readline_terminate(rl);
+}
+
+// Random keystrokes against a model that holds the line as a list of
+// characters and the cursor as an index into it.
+TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
+  const char *chars[] = {"a", "Z", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"};
+  const char *left[] = {"\x1b[D", "\x02", "\x1bOD", "\x1b[1;5D"};
+  const char *right[] = {"\x1b[C", "\x06", "\x1bOC"};
+  const char *home[] = {"\x1b[H", "\x01", "\x1bOH", "\x1b[1~", "\x1b[7~"};
+  const char *end[] = {"\x1b[F", "\x05", "\x1bOF", "\x1b[4~", "\x1b[8~"};
+  std::mt19937 rng(7);
+  vepra_ri_readline_t *rl = make("edit> ", 1);
+  testing::internal::CaptureStdout();  // the drawing is exercised, not compared
+  for (int round = 0; round < 300; ++round) {
+    std::vector<std::string> model;
+    size_t cursor = 0;
+    std::string keys;
+    auto pick = [&](auto &table) { return table[rng() % std::size(table)]; };
+    rl->width = static_cast<int32_t>(1 + rng() % 30);
+    for (int k = rng() % 60; k > 0; --k) {
+      switch (rng() % 9) {
+        case 0: case 1: case 2: {
+          const char *c = pick(chars);
+          keys += c;
+          model.insert(model.begin() + static_cast<long>(cursor++), c);
+          break;
+        }
+        case 3: keys += pick(left); cursor -= cursor > 0; break;
+        case 4: keys += pick(right); cursor += cursor < model.size(); break;
+        case 5:
+          if (rng() % 2) {
+            keys += pick(home);
+            cursor = 0;
+          } else {
+            keys += pick(end);
+            cursor = model.size();
+          }
+          break;
+        case 6:
+          keys += rng() % 2 ? "\x7f" : "\x08";
+          if (cursor > 0) model.erase(model.begin() + static_cast<long>(--cursor));
+          break;
+        case 7:
+          keys += rng() % 2 ? "\x1b[3~" : "\x04";
+          if (keys.back() == '\x04' && model.empty()) keys.pop_back();  // would end the input
+          else if (cursor < model.size()) model.erase(model.begin() + static_cast<long>(cursor));
+          break;
+        case 8:
+          if (rng() % 2) {
+            keys += "\x15";
+            model.erase(model.begin(), model.begin() + static_cast<long>(cursor));
+            cursor = 0;
+          } else {
+            keys += "\x0b";
+            model.resize(cursor);
+          }
+          break;
+      }
+    }
+    Script script{keys + "\r"};
+    vepra_ri_readline_set_reader(rl, Script::next, &script);
+    ASSERT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
+    std::string expected;
+    for (const std::string &c : model) expected += c;
+    ASSERT_EQ(std::string(rl->line), expected) << "round " << round;
+  }
+  testing::internal::GetCapturedStdout();
+  vepra_ri_readline_terminate(rl);
+}
+
+// Plain lines through a pipe, read by the stream reader and by the
+// terminal reader given a descriptor that is not a terminal.
+TEST_F(ReadlineTest, PipesGivePlainLines) {
+  const std::string longline(100000, 'x');
+  struct Case {
+    std::string input;
+    std::vector<std::string> lines;  // then the end of input
+  } cases[] = {
+      {"", {}},
+      {"one\ntwo", {"one", "two"}},
+      {"\n\n", {"", ""}},
+      {longline + "\n" + longline, {longline, longline}},
+      {std::string("a\0b\x1b[D\x7f" "c\n", 9), {"ab\x1b[D\x7f" "c"}},
+  };
+  for (bool terminal : {false, true}) {
+    for (const Case &c : cases) {
+      int fds[2];
+      ASSERT_EQ(pipe(fds), 0);
+      std::thread writer([&] {
+        EXPECT_EQ(write(fds[1], c.input.data(), c.input.size()),
+                  static_cast<ssize_t>(c.input.size()));
+        close(fds[1]);
+      });
+      FILE *stream = fdopen(fds[0], "r");
+      vepra_ri_readline_t *rl = make("> ", 0);
+      if (terminal)
+        vepra_ri_readline_set_terminal(rl, fds[0]);
+      else
+        vepra_ri_readline_set_stream(rl, stream);
+      std::vector<std::string> got;
+      vepra_error_t *e;
+      while ((e = vepra_ri_readline(nullptr, rl)) == nullptr) got.emplace_back(rl->line);
+      EXPECT_EQ(code_of(e), VEPRA_E_CONSOLE_HALTED);
+      EXPECT_EQ(got, c.lines) << "terminal " << terminal << " input of " << c.input.size();
+      writer.join();
+      std::fclose(stream);
+      vepra_ri_readline_terminate(rl);
+    }
+  }
+}
+
+// What a child reading one line from a pseudo-terminal reported.
+struct PtyRun {
+  int code = -1;
+  std::string line;
+  bool restored = false;   // the child's settings after equal those before
+  bool raw = false;        // no echo and no line editing while reading
+  std::string screen;      // what the child drew
+};
+
+bool same_settings(const termios &a, const termios &b) {
+  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+         a.c_lflag == b.c_lflag && std::memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0;
+}
+
+// Forks a child on a new pseudo-terminal that reads one line with the
+// terminal reader; types keys once the prompt shows.
+PtyRun run_in_pty(const std::vector<std::string> &history, const std::string &keys) {
+  PtyRun run;
+  int report[2];
+  if (pipe(report) != 0) return run;
+  int master = -1;
+  winsize ws{};
+  ws.ws_col = 40;
+  ws.ws_row = 24;
+  pid_t pid = forkpty(&master, nullptr, nullptr, &ws);
+  if (pid == 0) {
+    close(report[0]);
+    termios before{}, after{};
+    tcgetattr(0, &before);
+    vepra_ri_readline_t *rl = nullptr;
+    vepra_error_t *e = vepra_ri_readline_init(&rl, "pty> ", 1, vepra_pool);
+    for (const std::string &h : history)
+      if (e == nullptr) e = vepra_ri_readline_addhist(h.c_str(), rl);
+    if (e == nullptr) {
+      vepra_ri_readline_set_terminal(rl, 0);
+      e = vepra_ri_readline(nullptr, rl);
+    }
+    tcgetattr(0, &after);
+    std::string out = std::to_string(e != nullptr ? e->code : 0) + "\n" +
+                      (same_settings(before, after) ? "1" : "0") + "\n" +
+                      (rl != nullptr ? rl->line : "");
+    (void)!write(report[1], out.data(), out.size());
+    _exit(0);
+  }
+  close(report[1]);
+  if (pid < 0) return run;
+  std::string result;
+  bool typed = false;
+  for (bool open = true; open;) {
+    pollfd fds[2] = {{master, POLLIN, 0}, {report[0], POLLIN, 0}};
+    if (poll(fds, 2, 10000) <= 0) break;  // a hung child fails the test below
+    char buf[4096];
+    if (fds[0].revents & POLLIN) {
+      ssize_t n = read(master, buf, sizeof buf);
+      if (n > 0) run.screen.append(buf, static_cast<size_t>(n));
+    }
+    if (fds[1].revents & (POLLIN | POLLHUP)) {
+      ssize_t n = read(report[0], buf, sizeof buf);
+      if (n > 0) result.append(buf, static_cast<size_t>(n));
+      open = n > 0;
+    }
+    if (!typed && run.screen.find("pty> ") != std::string::npos) {
+      termios during{};
+      tcgetattr(master, &during);
+      run.raw = (during.c_lflag & (ICANON | ECHO | ISIG)) == 0;
+      (void)!write(master, keys.data(), keys.size());
+      typed = true;
+    }
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  close(report[0]);
+  close(master);
+  size_t a = result.find('\n'), b = result.find('\n', a + 1);
+  if (a == std::string::npos || b == std::string::npos) return run;
+  run.code = std::stoi(result.substr(0, a));
+  run.restored = result.substr(a + 1, b - a - 1) == "1";
+  run.line = result.substr(b + 1);
+  return run;
+}
+
+TEST(ReadlineTerminalTest, KeysEditTheLineAndSettingsAreRestored) {
+  int probe_master = -1, probe_slave = -1;
+  if (openpty(&probe_master, &probe_slave, nullptr, nullptr, nullptr) != 0)
+    GTEST_SKIP() << "no pseudo-terminals here";
+  close(probe_master);
+  close(probe_slave);
+  ASSERT_EQ(vepra_initialize(), 0);
+  const std::string left = "\x1b[D", up = "\x1b[A", down = "\x1b[B";
+  struct Case {
+    std::string keys;
+    int code;
+    std::string line;
+  } cases[] = {
+      {"abc\r", 0, "abc"},
+      {"abc" + left + left + "X\r", 0, "aXbc"},
+      {"bc\x1b[Ha\x1b[Fd\r", 0, "abcd"},
+      {"bc\x01" "a\x05" "d\r", 0, "abcd"},
+      {"abx\x7f\r", 0, "ab"},
+      {"abc" + left + left + "\x1b[3~\r", 0, "ac"},
+      {"abcd" + left + left + "\x15\r", 0, "cd"},
+      {"abcd" + left + left + "\x0b\r", 0, "ab"},
+      {"a\xc3\xa9\xe2\x82\xac" + left + "\x7f\r", 0, "a\xe2\x82\xac"},
+      {"\xe2\x82\xac" + left + "x\r", 0, "x\xe2\x82\xac"},
+      {std::string(100, 'w') + "\x01" "v\r", 0, "v" + std::string(100, 'w')},
+      {"new" + up + "\r", 0, "second"},
+      {up + up + up + "\r", 0, "first"},
+      {"new" + up + up + down + down + "\r", 0, "new"},
+      {"new" + up + "!" + "\r", 0, "second!"},
+      {"ab\x03", VEPRA_E_CONSOLE_HALTED, "ab"},
+      {"\x04", VEPRA_E_CONSOLE_HALTED, ""},
+      {"ab\x01\x04\r", 0, "b"},
+  };
+  for (const Case &c : cases) {
+    PtyRun run = run_in_pty({"first", "second"}, c.keys);
+    EXPECT_EQ(run.code, c.code) << c.keys;
+    EXPECT_EQ(run.line, c.line) << c.keys;
+    EXPECT_TRUE(run.raw) << c.keys;
+    EXPECT_TRUE(run.restored) << c.keys;
+    if (c.code == 0 && c.line.size() < 30) {
+      EXPECT_NE(run.screen.find("pty> " + c.line), std::string::npos) << run.screen;
+    }
+  }
+  vepra_terminate();
+}
+
+}  // namespace
