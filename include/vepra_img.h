@@ -101,10 +101,11 @@ VEPRA_API vepra_error_t *vepra_img_read_tiff(const char *path,
 
 /** Flags of vepra_img_read_ex(), combined with |. Bits not defined here are
  *  reserved and refused. */
-/** Refuse (code 0, with a message naming the value) what the reader would
- *  store but cannot decode: Compression other than 1 (absent counts as 1),
- *  more than one sample per pixel, a PlanarConfiguration other than 1 with
- *  several samples, tiles. */
+/** Give an absent Compression, SamplesPerPixel or PlanarConfiguration its
+ *  TIFF default, 1, in the record; then refuse (code 0, with a message
+ *  naming the value) what the reader would store but cannot decode:
+ *  Compression other than 1, more than one sample per pixel, a
+ *  PlanarConfiguration other than 1 with several samples, tiles. */
 #define VEPRA_IMG_READ_STRICT 0x1u
 /** Accept ResolutionUnit 1 (no absolute unit) as "no resolution": xres and
  *  yres become 0 and res_unit stays 1, instead of failing with 120152. */

@@ -311,11 +311,14 @@ const char *compression_name(uint32_t c) noexcept {
   }
 }
 
-// With VEPRA_IMG_READ_STRICT: refuses what the directory describes but the
-// pixel reader would only copy as raw bytes. Absent fields (0) take their
-// TIFF defaults: no compression, one sample, chunky.
-vepra_error_t *check_decodable(const vepra_img_t *img, const Reader &r) noexcept {
+// With VEPRA_IMG_READ_STRICT: gives absent fields (0) their TIFF defaults
+// (no compression, one sample, chunky), then refuses what the directory
+// describes but the pixel reader would only copy as raw bytes.
+vepra_error_t *check_decodable(vepra_img_t *img, const Reader &r) noexcept {
   if (!r.has(VEPRA_IMG_READ_STRICT)) return nullptr;
+  for (uint32_t *field : {&img->compression, &img->samples_per_pixel, &img->planar_config}) {
+    if (*field == 0) *field = 1;
+  }
   if (img->compression > 1) {
     return make_error(0,
                       "TIFF compression %u (%s) is not supported: only uncompressed images are "
