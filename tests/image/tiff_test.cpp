@@ -425,6 +425,7 @@ TEST_F(TiffTest, WriteFailuresAreReported) {
   // A full device takes nothing: a short write, reported once.
   for (auto [path, cause] :
        {std::pair{dir, "Error(120030): Cannot open file '" + dir + "' "},
+        std::pair{std::string(), std::string("Error(120030): Cannot open file '' ")},
         std::pair{std::string("/dev/full"),
                   std::string("Error(120032): Cannot write to IO stream. ")}}) {
     const std::string code = cause.substr(0, 15);
