@@ -16,6 +16,7 @@
 #include "vepra_trie.h"
 #include "vepra_cdl.h"
 #include "vepra_strlist.h"
+#include "vepra_obj.h"
 #include "vepra_prsd.h"
 #include "vepra_img.h"
 

@@ -24,6 +24,12 @@ static int count_lines(const char *line, FILE *stream) {
   return 0;
 }
 
+static void count_emission(vepra_obj_t *src, unsigned code, vepra_obj_t *dest, void *usr,
+                           void *arg) {
+  (void)src, (void)code, (void)dest, (void)arg;
+  ++*(int *)usr;
+}
+
 int main(void) {
   vepra_error_t *err;
   vepra_dl_t *list = NULL;
@@ -62,6 +68,22 @@ int main(void) {
   CHECK(vepra_trie_search(trie, "key", 3) == &payload);
   CHECK(vepra_strlist_create(&strings, vepra_pool) == NULL);
   CHECK(vepra_img_thres_IJ(4, hist) > 0.0);
+
+  {
+    vepra_obj_t *sender = NULL, *receiver = NULL;
+    int calls = 0;
+    CHECK(vepra_obj_engine_init(vepra_pool) == NULL);
+    CHECK(vepra_obj_create(&sender, "sender", vepra_pool) == NULL);
+    CHECK(vepra_obj_create(&receiver, "receiver", vepra_pool) == NULL);
+    CHECK(vepra_obj_add_signal(sender, 100) == NULL);
+    CHECK(vepra_obj_connect(sender, 100, receiver, count_emission, &calls) == NULL);
+    CHECK(vepra_obj_emit_signal(sender, 100, NULL) == NULL && calls == 1);
+    vepra_obj_destroy(receiver);
+    CHECK(vepra_obj_emit_signal(sender, 100, NULL) == NULL && calls == 1);
+    vepra_obj_destroy(sender);
+    CHECK(osig_icd.sz == sizeof(osig));
+    CHECK(vepra_obj_engine_terminate() == NULL);
+  }
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);
