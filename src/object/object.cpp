@@ -60,12 +60,20 @@ void drop_index_entry(vepra_obj_t *parent, vepra_tree_t *node, const char *name)
   vepra_triem_delete(parent->child_names, copy, k.length);
 }
 
+// Deletes a node of parent's children; the children handle moves off it
+// first, since the children are top-level nodes with no parent to do that.
+void delete_node(vepra_obj_t *parent, vepra_tree_t *node) noexcept {
+  if (parent->children == node)
+    parent->children = node->next != nullptr ? node->next : node->prev;
+  vepra_treem_node_delete(node);
+}
+
 // Unlinks the child held by node from parent: tree node, index entry and
 // the child's parent link.
 vepra_obj_t *unlink_child(vepra_obj_t *parent, vepra_tree_t *node) noexcept {
   auto *child = static_cast<vepra_obj_t *>(vepra_tree_get_data(node));
   drop_index_entry(parent, node, child != nullptr ? child->name : nullptr);
-  vepra_treem_node_delete(node);
+  delete_node(parent, node);
   if (child != nullptr && child->parent == parent) child->parent = nullptr;
   return child;
 }
@@ -189,7 +197,7 @@ vepra_error_t *vepra_obj_addc(vepra_obj_t *parent, vepra_obj_t *child) noexcept 
     vepra_error_t *e =
         vepra_triem_insert(parent->child_names, child->name, name_length(child->name), node);
     if (e != nullptr) {
-      vepra_treem_node_delete(node);
+      delete_node(parent, node);
       return wrap_error(e, "%s", kAddChild);
     }
   }

@@ -119,6 +119,20 @@ void disconnect_now(osig *sig, vepra_obj_t *dest, vepra_obj_slot_fn callback) no
   }
 }
 
+// Every object holding a connection towards obj has a live automatic
+// disconnection slot under obj's signal 1 (sig). Before that signal goes
+// away they are told to forget obj, as its emission would have: otherwise
+// they would keep obj's address after obj is gone. Emitting signal 1 on
+// destruction reached them already unless that emission was dropped.
+void release_peers(vepra_obj_t *obj, osig *sig) noexcept {
+  for (auto *d = sig->destinations; d != nullptr; d = static_cast<osigdest *>(d->hh.next)) {
+    bool live = false;
+    for (unsigned i = 0; i < utarray_len(d->slots) && !live; ++i)
+      live = slot_at(d->slots, i)->callback == obj_autodel_callback;
+    if (live && d->dest != obj) vepra_obj_disconnect(d->dest, -1, obj, nullptr);
+  }
+}
+
 // Replays the actions queued during an emission of src's signal code, now
 // idle. Returns the errors of the replay only when a queued removal took the
 // signal away; otherwise they are dropped.
@@ -226,6 +240,7 @@ void vepra_obj_remove_signal(vepra_obj_t *obj, unsigned code) noexcept {
     queue(sig, OSIGACT_REMOVE, static_cast<int32_t>(code), obj, nullptr, nullptr, nullptr);
     return;
   }
+  if (code == VEPRA_SIG_DESTROY) release_peers(obj, sig);
   auto *base = static_cast<osig *>(static_cast<void *>(obj->signals->d));
   utarray_erase(obj->signals, static_cast<unsigned>(sig - base), 1);
   reshaped(obj, false);
@@ -240,6 +255,7 @@ vepra_error_t *vepra_obj_set_signal_flags(vepra_obj_t *obj, unsigned code, int f
 
 void vepra_obj_delete_signals(vepra_obj_t *obj) noexcept {
   if (obj == nullptr || obj->signals == nullptr) return;
+  if (osig *sig = find_signal(obj, VEPRA_SIG_DESTROY)) release_peers(obj, sig);
   UT_array *signals = obj->signals;
   obj->signals = nullptr;
   reshaped(obj, true);
