@@ -15,6 +15,7 @@ JOBS=${JOBS:-$(nproc)}
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev)
 TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils)
 BENCH_PACKAGES=(libbenchmark-dev)
+BENCH_PACKAGES+=(libsigc++-3.0-dev libglib2.0-dev)
 
 log() { printf '\n== %s\n' "$*"; }
 
