@@ -286,4 +286,48 @@ TEST_F(ObjTest, ReportsAllocationFailures) {
   ASSERT_EQ(vepra_obj_engine_terminate(), nullptr);
 }
 
+// A connect replayed after an emission may fail (here: the destination has
+// no signal 1); the failure is dropped, unless a queued removal of the
+// emitting signal follows, which hands the replay's errors back.
+struct Replay {
+  vepra_obj_t *target;
+  bool remove;
+  static void slot(vepra_obj_t *src, unsigned code, vepra_obj_t *, void *usr, void *) {
+    auto *r = static_cast<Replay *>(usr);
+    EXPECT_EQ(vepra_obj_connect(src, code, r->target, Real::slot<1>, nullptr), nullptr);
+    if (r->remove) vepra_obj_remove_signal(src, code);
+    EXPECT_EQ(vepra_obj_emit_signal(src, code, nullptr), nullptr);  // dropped
+  }
+};
+
+TEST_F(ObjTest, ReturnsReplayErrorsOnlyWhenTheSignalIsRemoved) {
+  for (bool remove : {false, true}) {
+    vepra_obj_t *a = nullptr, *b = nullptr, *mute = nullptr;
+    for (vepra_obj_t **o : {&a, &b, &mute}) ASSERT_EQ(vepra_obj_create(o, "o", pool_), nullptr);
+    vepra_obj_delete_signals(mute);
+    Replay r{mute, remove};
+    ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
+    ASSERT_EQ(vepra_obj_connect(a, 5, b, Replay::slot, &r), nullptr);
+    vepra_error_t *e = vepra_obj_emit_signal(a, 5, nullptr);
+    if (remove) {
+      // The automatic slot's connect is wrapped by the outer connect.
+      EXPECT_EQ(printed(e), "Error(120104): Cannot connect objects by signal. \n"
+                            "Error(120104): Cannot connect objects by signal. \n"
+                            "Error(120104): Cannot find signal with code 1. ");
+      EXPECT_EQ(printed(vepra_obj_emit_signal(a, 5, nullptr)),
+                "Error(120104): Cannot emit signal. \n"
+                "Error(120104): Cannot find signal with code 5. ");
+    } else {
+      EXPECT_EQ(e, nullptr);
+      // The connection itself was made before its automatic slots failed.
+      osig *sig = static_cast<osig *>(utarray_eltptr(a->signals, 1));
+      EXPECT_EQ(HASH_COUNT(sig->destinations), 2u);
+      EXPECT_EQ(sig->actions, nullptr);
+    }
+    vepra_obj_destroy(a);
+    vepra_obj_destroy(b);
+    vepra_obj_destroy(mute);
+  }
+}
+
 }  // namespace
