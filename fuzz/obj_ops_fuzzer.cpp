@@ -5,6 +5,7 @@
 // destroyed at the end, so the sanitizers see every stray pointer and leak.
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <vector>
 
 #include "../tests/object/obj_world.hpp"
