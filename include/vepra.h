@@ -18,6 +18,7 @@
 #include "vepra_sl.h"
 #include "vepra_bitarr.h"
 #include "vepra_strlist.h"
+#include "vepra_obj.h"
 #include "vepra_prsd.h"
 #include "vepra_readline.h"
 #include "vepra_dir.h"

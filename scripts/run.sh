@@ -15,6 +15,7 @@ JOBS=${JOBS:-$(nproc)}
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev)
 TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev)
 BENCH_PACKAGES=(libbenchmark-dev)
+BENCH_PACKAGES+=(libsigc++-3.0-dev libglib2.0-dev)
 
 log() { printf '\n== %s\n' "$*"; }
 
@@ -64,7 +65,6 @@ demo() {
 fuzz_seconds() {
   case $1 in
     tiff_read_fuzzer) echo 60 ;;
-    readline_keys_fuzzer) echo 30 ;;
     *) echo 30 ;;
   esac
 }

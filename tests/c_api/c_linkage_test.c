@@ -30,6 +30,10 @@ static vepra_error_t *count_pixel(int x, int y, void *data, double weight) {
   (void)weight;
   ++*(int *)data;
   return NULL;
+static void count_emission(vepra_obj_t *src, unsigned code, vepra_obj_t *dest, void *usr,
+                           void *arg) {
+  (void)src, (void)code, (void)dest, (void)arg;
+  ++*(int *)usr;
 }
 
 int main(void) {
@@ -124,6 +128,22 @@ int main(void) {
   err = vepra_dir_traverse("/nonexistent/vepra-c-linkage", "*.c", NULL, &dir_options, vepra_pool);
   CHECK(err != NULL && dir_options.include != NULL && dir_options.include->nelts == 1);
   vepra_error_clear(err);
+
+  {
+    vepra_obj_t *sender = NULL, *receiver = NULL;
+    int calls = 0;
+    CHECK(vepra_obj_engine_init(vepra_pool) == NULL);
+    CHECK(vepra_obj_create(&sender, "sender", vepra_pool) == NULL);
+    CHECK(vepra_obj_create(&receiver, "receiver", vepra_pool) == NULL);
+    CHECK(vepra_obj_add_signal(sender, 100) == NULL);
+    CHECK(vepra_obj_connect(sender, 100, receiver, count_emission, &calls) == NULL);
+    CHECK(vepra_obj_emit_signal(sender, 100, NULL) == NULL && calls == 1);
+    vepra_obj_destroy(receiver);
+    CHECK(vepra_obj_emit_signal(sender, 100, NULL) == NULL && calls == 1);
+    vepra_obj_destroy(sender);
+    CHECK(osig_icd.sz == sizeof(osig));
+    CHECK(vepra_obj_engine_terminate() == NULL);
+  }
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);
