@@ -30,6 +30,8 @@ static vepra_error_t *count_pixel(int x, int y, void *data, double weight) {
   (void)weight;
   ++*(int *)data;
   return NULL;
+}
+
 static void count_emission(vepra_obj_t *src, unsigned code, vepra_obj_t *dest, void *usr,
                            void *arg) {
   (void)src, (void)code, (void)dest, (void)arg;
