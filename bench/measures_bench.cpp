@@ -288,14 +288,14 @@ void BM_Histogram16(benchmark::State &state, Pattern pattern, uint32_t side, boo
 }
 
 // Library and peer back to back for every pattern; 4096 x 4096 images and,
-// for the cost of the fixed work, 256 x 256 ones.
+// for the cost of the fixed work, 1024 x 1024 and 256 x 256 ones.
 [[maybe_unused]] const bool kHistogramsRegistered = [] {
   const std::pair<Pattern, const char *> patterns[] = {{Pattern::kConstant, "constant"},
                                                        {Pattern::kRandom, "random"},
                                                        {Pattern::kScan, "scan"},
                                                        {Pattern::kRamp, "ramp"},
                                                        {Pattern::kTwoLevel, "two_level"}};
-  for (uint32_t side : {4096u, 256u}) {
+  for (uint32_t side : {4096u, 1024u, 256u}) {
     for (auto [pattern, name] : patterns) {
       for (bool peer : {false, true}) {
         const std::string label = std::string("Histogram16/") + name + "/" + std::to_string(side) +

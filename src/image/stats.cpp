@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "core/error_internal.hpp"
 #include "image/measure_common.hpp"
@@ -65,22 +66,30 @@ constexpr const char *kEntropyContext = "Can't calculate entropy for an image.";
 constexpr uint64_t kSplitCountPixels = uint64_t{1} << 20;
 
 // Counts the samples of 16-bit rows into bins, four columns at a time, each
-// into a 32-bit scratch counter set of its own (the columns left over go
-// to the first). Runs of equal or few distinct values then no longer make
-// every increment wait for the previous one to the same counter, and the
-// four sets take no more cache than one set of 64-bit counters twice over.
-// The sets are added into bins after every band of rows that could fill
-// one of them to 2^32 - 1, and at the end. False, with nothing counted,
-// when the scratch cannot be had.
+// into a 32-bit counter set of its own (the columns left over go to the
+// first). Runs of equal or few distinct values then no longer make every
+// increment wait for the previous one to the same counter. 32-bit bins
+// serve as the first set themselves; 64-bit bins are only added into, so
+// that the four sets take no more cache than two sets of 64-bit counters.
+// The scratch sets are added into bins after every band of rows that
+// could fill one of them to 2^32 - 1, and at the end. False, with nothing
+// counted, when the scratch cannot be had.
 template <typename Counter>
 bool count_split(const vepra_img_t &img, const uint16_t *const *rows, Counter *bins) noexcept {
   constexpr size_t kBins = 65536;
-  auto *scratch = static_cast<uint32_t *>(std::calloc(4 * kBins, sizeof(uint32_t)));
+  constexpr bool kBinsFirst = std::is_same_v<Counter, uint32_t>;
+  constexpr size_t kScratch = (kBinsFirst ? 3 : 4) * kBins;
+  auto *scratch = static_cast<uint32_t *>(std::calloc(kScratch, sizeof(uint32_t)));
   if (scratch == nullptr) return false;
-  uint32_t *const s0 = scratch;
-  uint32_t *const s1 = scratch + kBins;
-  uint32_t *const s2 = scratch + 2 * kBins;
-  uint32_t *const s3 = scratch + 3 * kBins;
+  uint32_t *s0 = nullptr;
+  if constexpr (kBinsFirst) {
+    s0 = bins;
+  } else {
+    s0 = scratch + 3 * kBins;
+  }
+  uint32_t *const s1 = scratch;
+  uint32_t *const s2 = scratch + kBins;
+  uint32_t *const s3 = scratch + 2 * kBins;
   const uint32_t width = img.width;
   const uint32_t most = width / 4 + 3;  // the most one set gains a row
   const uint32_t band = UINT32_MAX / most;
@@ -98,10 +107,12 @@ bool count_split(const vepra_img_t &img, const uint16_t *const *rows, Counter *b
       for (; c < width; ++c) ++s0[row[c]];
     }
     for (size_t v = 0; v < kBins; ++v) {
-      bins[v] += static_cast<Counter>(uint64_t{s0[v]} + s1[v] + s2[v] + s3[v]);
+      uint64_t sum = uint64_t{s1[v]} + s2[v] + s3[v];
+      if constexpr (!kBinsFirst) sum += s0[v];
+      bins[v] += static_cast<Counter>(sum);
     }
     top = bottom;
-    if (top < img.height) std::memset(scratch, 0, 4 * kBins * sizeof(uint32_t));
+    if (top < img.height) std::memset(scratch, 0, kScratch * sizeof(uint32_t));
   }
   std::free(scratch);
   return true;
