@@ -117,8 +117,14 @@ const char *find(const char *p, const char *end, const char *needle, size_t n) n
     }
   }
 #endif
-  for (; p < stop; ++p)
-    if (p[0] == needle[0] && same_bytes(p + 1, needle + 1, n - 1)) return p;
+  // The starts left over, or all of them without the vector unit: by the
+  // first byte, then a compare.
+  while (p < stop) {
+    p = static_cast<const char *>(std::memchr(p, needle[0], static_cast<size_t>(stop - p)));
+    if (p == nullptr) return nullptr;
+    if (same_bytes(p + 1, needle + 1, n - 1)) return p;
+    ++p;
+  }
   return nullptr;
 }
 
