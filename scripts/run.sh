@@ -13,8 +13,8 @@ ROOT=$PWD
 JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev)
-TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev)
-BENCH_PACKAGES=(libbenchmark-dev)
+TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev nlohmann-json3-dev)
+BENCH_PACKAGES=(libbenchmark-dev libsigc++-3.0-dev libglib2.0-dev libisal-dev)
 BENCH_PACKAGES+=(libsigc++-3.0-dev libglib2.0-dev)
 
 log() { printf '\n== %s\n' "$*"; }
