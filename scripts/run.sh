@@ -64,6 +64,7 @@ demo() {
 fuzz_seconds() {
   case $1 in
     tiff_read_fuzzer) echo 60 ;;
+    error_deserialize_fuzzer) echo 60 ;;
     *) echo 30 ;;
   esac
 }

@@ -2,9 +2,12 @@
 // the chain checksum.
 //
 // Images come from outside the process, and tpl walks an image's lengths
-// and counts without checking them against the buffer. So an image is
-// first checked here, field by field within its bounds, and only an image
-// that is exactly what tpl writes for this format is handed to tpl.
+// and counts without checking them against the buffer; it also forgets,
+// once an image is loaded, that one in the old string layout (no null
+// strings) is to be read that way, and ends the process when it notices.
+// So an image is first checked here, field by field within its bounds, and
+// only an image that is exactly what tpl writes for this format (strings
+// with null support, either byte order) is handed to tpl.
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
@@ -22,7 +25,7 @@ constexpr char kFormat[] = "A(iissis)";
 // Layout of tpl's image: magic "tpl", a flags byte, the image's total size
 // as 32 bits, the format with its terminating zero, then the data.
 constexpr unsigned char kFlagBigEndian = 1;
-constexpr unsigned char kFlagNullStrings = 2;  // string lengths are length + 1, 0 for null
+constexpr unsigned char kFlagNullStrings = 2;
 constexpr std::size_t kHeaderSize = 3 + 1 + 4 + sizeof kFormat;
 // Smallest element: three 32-bit integers and three string lengths.
 constexpr std::size_t kMinElementSize = 6 * 4;
@@ -46,11 +49,11 @@ class ImageReader {
     return true;
   }
 
-  bool string(bool null_strings) noexcept {
+  // A string: its length + 1 (0 for null), then its bytes.
+  bool string() noexcept {
     std::uint32_t len = 0;
     if (!u32(len)) return false;
-    if (null_strings && len > 0) --len;
-    return skip(len);
+    return skip(len > 0 ? len - 1 : 0);
   }
 
   std::size_t left() const noexcept { return n_ - pos_; }
@@ -68,10 +71,9 @@ bool image_is_sound(const unsigned char *buf, std::size_t len) noexcept {
   if (len < kHeaderSize + 4 || len > UINT32_MAX) return false;
   if (std::memcmp(buf, "tpl", 3) != 0) return false;
   const unsigned char flags = buf[3];
-  if ((flags & ~(kFlagBigEndian | kFlagNullStrings)) != 0) return false;
+  if ((flags & ~kFlagBigEndian) != kFlagNullStrings) return false;
   const bool big_host = std::endian::native == std::endian::big;
   const bool swap = ((flags & kFlagBigEndian) != 0) != big_host;
-  const bool null_strings = (flags & kFlagNullStrings) != 0;
   if (std::memcmp(buf + 8, kFormat, sizeof kFormat) != 0) return false;
 
   ImageReader image(buf, len, swap);
@@ -80,8 +82,7 @@ bool image_is_sound(const unsigned char *buf, std::size_t len) noexcept {
   if (!image.skip(sizeof kFormat) || !image.u32(count)) return false;
   if (count > image.left() / kMinElementSize) return false;
   for (std::uint32_t i = 0; i < count; ++i) {
-    if (!image.skip(8) || !image.string(null_strings) || !image.string(null_strings) ||
-        !image.skip(4) || !image.string(null_strings))
+    if (!image.skip(8) || !image.string() || !image.string() || !image.skip(4) || !image.string())
       return false;
   }
   return image.left() == 0;

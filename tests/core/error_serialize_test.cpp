@@ -141,6 +141,12 @@ TEST_F(ErrorSerializeTest, DamagedImagesGiveNullOrAWholeChainNeverACrash) {
   longer.push_back(0);
   EXPECT_EQ(restore(longer.data(), longer.size()), nullptr);
 
+  // The old string layout (flags without null strings), which tpl cannot
+  // read back safely.
+  std::vector<unsigned char> old_layout = good;
+  old_layout[3] = 0;
+  EXPECT_EQ(restore(old_layout.data(), old_layout.size()), nullptr);
+
   // Counts and lengths pushed to absurd values: the element count sits
   // right after the header, the first string length 8 bytes later.
   const size_t count_at = 8 + sizeof "A(iissis)";
