@@ -189,30 +189,28 @@ VEPRA_VCLMUL_TARGET inline __m512i load512(const unsigned char *p) noexcept {
   return _mm512_loadu_si512(p);
 }
 
-// Needs n >= 256: four 512-bit accumulators, 256 bytes a step.
+// Needs n >= 512: eight 512-bit accumulators, 512 bytes a step, so that
+// the multiplier's latency hides behind independent work.
 template <class C>
 VEPRA_VCLMUL_TARGET typename C::reg_t vclmul(typename C::reg_t r, const unsigned char *p, std::size_t n) noexcept {
-  __m512i z0 = _mm512_xor_si512(load512(p), _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(r))));
-  __m512i z1 = load512(p + 64), z2 = load512(p + 128), z3 = load512(p + 192);
-  p += 256;
-  n -= 256;
-  const __m512i k2048 = fold_const512<C, 2048>();
-  for (; n >= 256; p += 256, n -= 256) {
-    z0 = fold512(z0, k2048, load512(p));
-    z1 = fold512(z1, k2048, load512(p + 64));
-    z2 = fold512(z2, k2048, load512(p + 128));
-    z3 = fold512(z3, k2048, load512(p + 192));
+  __m512i z[8];
+  for (int i = 0; i < 8; ++i) z[i] = load512(p + 64 * i);
+  z[0] = _mm512_xor_si512(z[0], _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(r))));
+  p += 512;
+  n -= 512;
+  const __m512i k4096 = fold_const512<C, 4096>();
+  for (; n >= 512; p += 512, n -= 512) {
+    for (int i = 0; i < 8; ++i) z[i] = fold512(z[i], k4096, load512(p + 64 * i));
   }
   const __m512i k512 = fold_const512<C, 512>();
-  __m512i z = fold512(z0, k512, z1);
-  z = fold512(z, k512, z2);
-  z = fold512(z, k512, z3);
-  for (; n >= 64; p += 64, n -= 64) z = fold512(z, k512, load512(p));
+  __m512i acc = z[0];
+  for (int i = 1; i < 8; ++i) acc = fold512(acc, k512, z[i]);
+  for (; n >= 64; p += 64, n -= 64) acc = fold512(acc, k512, load512(p));
   const __m128i k128 = fold_const128<C, 128>();
-  __m128i a = _mm512_extracti32x4_epi32(z, 0);
-  a = fold128(a, k128, _mm512_extracti32x4_epi32(z, 1));
-  a = fold128(a, k128, _mm512_extracti32x4_epi32(z, 2));
-  a = fold128(a, k128, _mm512_extracti32x4_epi32(z, 3));
+  __m128i a = _mm512_extracti32x4_epi32(acc, 0);
+  a = fold128(a, k128, _mm512_extracti32x4_epi32(acc, 1));
+  a = fold128(a, k128, _mm512_extracti32x4_epi32(acc, 2));
+  a = fold128(a, k128, _mm512_extracti32x4_epi32(acc, 3));
   return finish128<C>(a, p, n);
 }
 
@@ -280,13 +278,13 @@ std::uint16_t crc16_clmul(std::uint16_t reg, const unsigned char *p, std::size_t
 }
 std::uint32_t crc32_vclmul(std::uint32_t reg, const unsigned char *p, std::size_t n) noexcept {
 #if defined(VEPRA_CRC_X86)
-  if (n >= 256) return vclmul<Crc32>(reg, p, n);
+  if (n >= 512) return vclmul<Crc32>(reg, p, n);
 #endif
   return bytewise<Crc32>(reg, p, n);
 }
 std::uint16_t crc16_vclmul(std::uint16_t reg, const unsigned char *p, std::size_t n) noexcept {
 #if defined(VEPRA_CRC_X86)
-  if (n >= 256) return vclmul<Crc16>(reg, p, n);
+  if (n >= 512) return vclmul<Crc16>(reg, p, n);
 #endif
   return bytewise<Crc16>(reg, p, n);
 }
