@@ -52,32 +52,28 @@ VEPRA_SHA_TARGET inline void sha_steps(__m128i &abcd, __m128i &prev, __m128i (&w
 
 void sha1_blocks_portable(std::uint32_t state[5], const unsigned char *p, std::size_t blocks) noexcept {
   for (; blocks > 0; --blocks, p += 64) {
-    std::uint32_t w[80];
+    // The message schedule kept as a ring of the last 16 words.
+    std::uint32_t w[16];
     for (int t = 0; t < 16; ++t) w[t] = load_be32(p + 4 * t);
-    for (int t = 16; t < 80; ++t) w[t] = std::rotl(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
     std::uint32_t a = state[0], b = state[1], c = state[2], d = state[3], e = state[4];
-    for (int t = 0; t < 80; ++t) {
-      std::uint32_t f, k;
-      if (t < 20) {
-        f = (b & c) | (~b & d);
-        k = 0x5A827999u;
-      } else if (t < 40) {
-        f = b ^ c ^ d;
-        k = 0x6ED9EBA1u;
-      } else if (t < 60) {
-        f = (b & c) | (b & d) | (c & d);
-        k = 0x8F1BBCDCu;
-      } else {
-        f = b ^ c ^ d;
-        k = 0xCA62C1D6u;
+    const auto rounds = [&](int first, std::uint32_t k, auto f) {
+      for (int t = first; t < first + 20; ++t) {
+        if (t >= 16) {
+          w[t & 15] = std::rotl(w[(t - 3) & 15] ^ w[(t - 8) & 15] ^ w[(t - 14) & 15] ^ w[t & 15], 1);
+        }
+        const std::uint32_t tmp = std::rotl(a, 5) + f(b, c, d) + e + k + w[t & 15];
+        e = d;
+        d = c;
+        c = std::rotl(b, 30);
+        b = a;
+        a = tmp;
       }
-      const std::uint32_t tmp = std::rotl(a, 5) + f + e + k + w[t];
-      e = d;
-      d = c;
-      c = std::rotl(b, 30);
-      b = a;
-      a = tmp;
-    }
+    };
+    rounds(0, 0x5A827999u, [](std::uint32_t x, std::uint32_t y, std::uint32_t z) { return z ^ (x & (y ^ z)); });
+    rounds(20, 0x6ED9EBA1u, [](std::uint32_t x, std::uint32_t y, std::uint32_t z) { return x ^ y ^ z; });
+    rounds(40, 0x8F1BBCDCu,
+           [](std::uint32_t x, std::uint32_t y, std::uint32_t z) { return (x & y) | (z & (x | y)); });
+    rounds(60, 0xCA62C1D6u, [](std::uint32_t x, std::uint32_t y, std::uint32_t z) { return x ^ y ^ z; });
     state[0] += a;
     state[1] += b;
     state[2] += c;
