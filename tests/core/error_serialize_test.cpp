@@ -109,6 +109,35 @@ TEST_F(ErrorSerializeTest, NullChainGivesAnEmptyImageAndNullArgumentsAreSafe) {
   EXPECT_EQ(*vepra_error_deserialize(&out, nullptr, 10), nullptr);
 }
 
+TEST_F(ErrorSerializeTest, ImagesInTheOtherByteOrderAreRead) {
+  std::mt19937 rng(3);
+  Chain chain = random_chain(rng, 0);
+  std::vector<unsigned char> image = image_of(chain.get());
+  // Swap every 32-bit word: the size, the count, and each element's
+  // integers and string lengths (a string's length + 1 precedes its bytes).
+  size_t at = 8 + sizeof "A(iissis)";
+  const auto swap_word = [&image](size_t i) {
+    uint32_t v;
+    std::memcpy(&v, &image[i], 4);
+    const uint32_t swapped = __builtin_bswap32(v);
+    std::memcpy(&image[i], &swapped, 4);
+    return v;
+  };
+  image[3] ^= 1;
+  swap_word(4);
+  const uint32_t count = swap_word(at);
+  at += 4;
+  for (uint32_t i = 0; i < count; ++i)
+    for (char field : std::string("iissis")) {
+      const uint32_t v = swap_word(at);
+      at += 4 + (field == 's' && v > 0 ? v - 1 : 0);
+    }
+  ASSERT_EQ(at, image.size());
+  Chain back = restore(image);
+  ASSERT_NE(back, nullptr);
+  EXPECT_EQ(vepra_error_crc16(back.get()), vepra_error_crc16(chain.get()));
+}
+
 TEST_F(ErrorSerializeTest, DamagedImagesGiveNullOrAWholeChain) {
   std::mt19937 rng(5);
   const std::vector<unsigned char> good = image_of(random_chain(rng, 0).get());
