@@ -201,8 +201,8 @@ VEPRA_VCLMUL_TARGET typename C::reg_t vclmul(typename C::reg_t r, const unsigned
   const __m512i k4096 = fold_const512<C, 4096>();
   for (; n >= 512; p += 512, n -= 512) {
     for (int i = 0; i < 8; ++i) {
-      // Asking for the lines 2 KiB ahead keeps the loads streaming.
-      _mm_prefetch(reinterpret_cast<const char *>(p + 2048 + 64 * i), _MM_HINT_T0);
+      // Asking for the lines 4 KiB ahead keeps the loads streaming.
+      _mm_prefetch(reinterpret_cast<const char *>(p + 4096 + 64 * i), _MM_HINT_T0);
       z[i] = fold512(z[i], k4096, load512(p + 64 * i));
     }
   }
