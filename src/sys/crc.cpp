@@ -39,13 +39,13 @@ namespace {
 // A reflected CRC of width W (16 or 32) with the full normal polynomial
 // (top bit included).
 template <unsigned W, std::uint64_t Poly>
-struct CrcSpec {
+struct CrcParams {
   using reg_t = std::conditional_t<W == 16, std::uint16_t, std::uint32_t>;
   static constexpr unsigned width = W;
   static constexpr std::uint64_t poly = Poly;
 };
-using Crc32 = CrcSpec<32, 0x104C11DB7ull>;
-using Crc16 = CrcSpec<16, 0x18005ull>;
+using Crc32 = CrcParams<32, 0x104C11DB7ull>;
+using Crc16 = CrcParams<16, 0x18005ull>;
 
 constexpr std::uint64_t reverse_bits(std::uint64_t v, unsigned bits) {
   std::uint64_t r = 0;
@@ -218,11 +218,11 @@ VEPRA_VCLMUL_TARGET typename C::reg_t vclmul(typename C::reg_t r, const unsigned
   return finish128<C>(a, p, n);
 }
 
-#endif  // VEPRA_CRC_X86
-
 // Below these lengths the folding's set-up costs more than it saves.
 constexpr std::size_t kClmulMin = 64;
 constexpr std::size_t kVclmulMin = 1024;
+
+#endif  // VEPRA_CRC_X86
 
 template <class C>
 typename C::reg_t update(typename C::reg_t r, const unsigned char *p, std::size_t n) noexcept {
