@@ -25,7 +25,7 @@ constexpr char kFormat[] = "A(iissis)";
 // Layout of tpl's image: magic "tpl", a flags byte, the image's total size
 // as 32 bits, the format with its terminating zero, then the data.
 constexpr unsigned char kFlagBigEndian = 1;
-constexpr unsigned char kFlagNullStrings = 2;
+constexpr unsigned char kFlagNullStrings = 2;  // strings stored as length + 1, 0 for null
 constexpr std::size_t kHeaderSize = 3 + 1 + 4 + sizeof kFormat;
 // Smallest element: three 32-bit integers and three string lengths.
 constexpr std::size_t kMinElementSize = 6 * 4;
