@@ -10,6 +10,7 @@
 #include "vepra_mem.h"
 #include "vepra_log.h"
 #include "vepra_util.h"
+#include "vepra_sha1.h"
 #include "vepra_str.h"
 #include "vepra_dl.h"
 #include "vepra_tree.h"

@@ -14,8 +14,8 @@ JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev)
 TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev nlohmann-json3-dev)
+# Peers of the benchmarks: libsigc++ 3 and GObject (signals), ISA-L (CRC-32).
 BENCH_PACKAGES=(libbenchmark-dev libsigc++-3.0-dev libglib2.0-dev libisal-dev)
-BENCH_PACKAGES+=(libsigc++-3.0-dev libglib2.0-dev)
 
 log() { printf '\n== %s\n' "$*"; }
 
@@ -65,6 +65,7 @@ demo() {
 fuzz_seconds() {
   case $1 in
     tiff_read_fuzzer) echo 60 ;;
+    error_deserialize_fuzzer) echo 60 ;;
     *) echo 30 ;;
   esac
 }
