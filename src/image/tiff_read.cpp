@@ -16,6 +16,7 @@
 
 #include "core/error_internal.hpp"
 #include "image/tiff_common.hpp"
+#include "image/tiff_pages.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
 
@@ -503,9 +504,10 @@ vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img, uint32_t fl
     return make_wrapped(VEPRA_E_ASSERT, kReadContext, "Unknown image reading flags 0x%x",
                         static_cast<unsigned>(flags & ~kKnownFlags));
   }
-  if (page != 0) {
-    return make_wrapped(VEPRA_E_ASSERT, kReadContext,
-                        "Page %u cannot be selected: only page 0 is read", page);
+  // Strict reads and pages other than 0 go to the decoding reader.
+  if ((flags & VEPRA_IMG_READ_STRICT) != 0 || page != 0) {
+    vepra_error_t *e = read_tiff_page(path, img, flags, page);
+    return e != nullptr ? wrap_error(e, "%s", kReadContext) : nullptr;
   }
   const Outcome out = read_file(path, img, kImageContext,
                                 (flags & VEPRA_IMG_READ_HEADER) != 0 ? read_info : read_image,
