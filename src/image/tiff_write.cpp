@@ -101,7 +101,8 @@ class Batch {
 // replaces it by rename once every byte is written and the file is closed,
 // so a failed write leaves an existing file as it was and no temporary file
 // behind. Anything else that exists (a device, a FIFO), or a directory
-// that cannot take the temporary file, is written in place.
+// that cannot take the temporary file, is written in place, as is a file
+// the caller may not write (so that the opening fails).
 class Output {
  public:
   Output() = default;
@@ -113,11 +114,11 @@ class Output {
 
   [[nodiscard]] vepra_error_t *open(const char *path, const char *context) noexcept {
     if (path == nullptr) return make_wrapped(VEPRA_E_IO_OPEN, context, "Cannot open file '(null)'");
+    // A file the caller may not write is opened in place, to fail as such.
     struct stat st {};
     const bool exists = stat(path, &st) == 0;
-    if ((!exists || S_ISREG(st.st_mode)) && resolve(path) && open_temporary(exists ? &st : nullptr)) {
-      return nullptr;
-    }
+    const bool replaceable = !exists || (S_ISREG(st.st_mode) && access(path, W_OK) == 0);
+    if (replaceable && resolve(path) && open_temporary(exists ? &st : nullptr)) return nullptr;
     fd_ = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd_ < 0) return make_wrapped(VEPRA_E_IO_OPEN, context, "Cannot open file '%s'", path);
     return nullptr;
@@ -162,6 +163,7 @@ class Output {
   bool open_temporary(const struct stat *existing) noexcept {
     const size_t dir = directory_length(target_);
     const char *name = target_ + dir;
+    if (*name == '\0') return false;  // no file name to replace
     static std::atomic<unsigned> serial{0};
     for (int attempt = 0; attempt < 100; ++attempt) {
       const unsigned long long tag =
@@ -176,7 +178,7 @@ class Output {
         if (existing != nullptr) {
           // Keep the replaced file's owner (where allowed) and mode.
           (void)!fchown(fd_, existing->st_uid, existing->st_gid);
-          (void)fchmod(fd_, existing->st_mode & 07777);
+          (void)fchmod(fd_, existing->st_mode & 0777);
         }
         return true;
       }

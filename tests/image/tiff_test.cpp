@@ -425,6 +425,7 @@ TEST_F(TiffTest, WriteFailuresAreReported) {
   // A full device takes nothing: a short write, reported once.
   for (auto [path, cause] :
        {std::pair{dir, "Error(120030): Cannot open file '" + dir + "' "},
+        std::pair{std::string(), std::string("Error(120030): Cannot open file '' ")},
         std::pair{std::string("/dev/full"),
                   std::string("Error(120032): Cannot write to IO stream. ")}}) {
     const std::string code = cause.substr(0, 15);
@@ -587,8 +588,8 @@ TEST_F(TiffTest, InteroperatesWithLibtiff) {
 }
 
 // A 16 x 16 file written by libtiff with these fields over 8-bit, one
-// sample, BlackIsZero; the samples of row r, column c and plane p are
-// r * 16 + c + p. A ResolutionUnit comes with a resolution of 72.
+// sample, BlackIsZero; its sample bytes count up from 0 in file order. A
+// ResolutionUnit comes with a resolution of 72.
 void libtiff_write(const std::string &path, const std::vector<std::pair<int, uint32_t>> &fields) {
   const Libtiff tif = libtiff(path, "w");
   if (tif == nullptr) return;
@@ -605,18 +606,17 @@ void libtiff_write(const std::string &path, const std::vector<std::pair<int, uin
   TIFFGetFieldDefaulted(t, TIFFTAG_PLANARCONFIG, &planar);
   if (TIFFGetField(t, TIFFTAG_RESOLUTIONUNIT, &unit))
     TIFFSetField(t, TIFFTAG_XRESOLUTION, 72.0f), TIFFSetField(t, TIFFTAG_YRESOLUTION, 72.0f);
-  const int planes = planar == PLANARCONFIG_SEPARATE ? spp : 1, per_pixel = spp / planes;
-  Bytes buf;
-  for (uint32_t r = 0; r < 16; ++r)
-    for (uint32_t c = 0; c < 16; ++c)
-      for (int p = 0; p < per_pixel; ++p) buf.push_back(uint8_t(r * 16 + c + p));
+  const int planes = planar == PLANARCONFIG_SEPARATE ? spp : 1;
+  const tmsize_t line = TIFFScanlineSize(t);
+  Bytes buf(size_t(std::max<tmsize_t>(16 * line, TIFFIsTiled(t) ? TIFFTileSize(t) : 0)));
+  for (size_t i = 0; i < buf.size(); ++i) buf[i] = uint8_t(i);
   for (int p = 0; p < planes; ++p) {
     if (TIFFIsTiled(t)) {
       ASSERT_GT(TIFFWriteTile(t, buf.data(), 0, 0, 0, uint16_t(p)), 0);
       continue;
     }
     for (uint32_t r = 0; r < 16; ++r)
-      ASSERT_EQ(TIFFWriteScanline(t, buf.data() + r * 16 * per_pixel, r, uint16_t(p)), 1);
+      ASSERT_EQ(TIFFWriteScanline(t, buf.data() + r * line, r, uint16_t(p)), 1);
   }
 }
 
@@ -691,6 +691,7 @@ TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
   }
   EXPECT_EQ(img_.compression, uint32_t(COMPRESSION_LZW));
   EXPECT_EQ(img_.res_unit, -1);
+  vepra_img_free(&img_);
 
   // Failures of the directory pass are reported with their cause; a
   // directory or a FIFO without a writer is refused without blocking.

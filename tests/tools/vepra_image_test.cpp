@@ -260,7 +260,12 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("\nresolution: none (ResolutionUnit 1, no absolute unit)\n"),
             std::string::npos) << r.out;
-  EXPECT_EQ(run_tool({"stats", unitless}).status, 0);
+  // Its histogram is kept up to value 4 only, and written in full.
+  const std::string csv_path = temp_path("u.csv");
+  ASSERT_EQ(run_tool({"stats", "--histogram", csv_path, unitless}).status, 0);
+  std::string csv = "value," + unitless + "\n";
+  for (int v = 0; v < 256; ++v) csv += std::to_string(v) + (v >= 1 && v <= 4 ? ",4\n" : ",0\n");
+  EXPECT_EQ(slurp(csv_path), csv);
 
   for (const char *cmd : {"info", "stats", "mask", "psl", "density", "synth"}) {
     r = run_tool({cmd, "--help"});
