@@ -322,7 +322,7 @@ vepra_error_t *walk(const Source &src, uint64_t first, Visit visit) noexcept {
     if (!visit(index, offset)) return nullptr;
     if (index == UINT32_MAX) break;
     if (vepra_error_t *e = next_directory(src, offset, &offset)) return e;
-    if (offset == remembered) {
+    if (offset != 0 && offset == remembered) {
       return make_error(VEPRA_E_TIFF_STRUCTURE, "TIFF directories loop or repeat their data");
     }
     if (++steps == power) {

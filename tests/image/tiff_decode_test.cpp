@@ -514,9 +514,12 @@ TEST_F(TiffDecodeTest, ExpansionStopsAtTheDeclaredRows) {
 TEST_F(TiffDecodeTest, PageCountReportsItsFailures) {
   const std::string path = temp_path("pages.tif");
   Spec s;
+  uint32_t pages = 0;
+  write_libtiff(path, s);
+  ASSERT_EQ(vepra_img_page_count(path.c_str(), &pages), nullptr);
+  EXPECT_EQ(pages, 1u);
   s.pages = 3;
   write_libtiff(path, s);
-  uint32_t pages = 0;
   ASSERT_EQ(vepra_img_page_count(path.c_str(), &pages), nullptr);
   EXPECT_EQ(pages, 3u);
   // The last directory pointing back at the first.
