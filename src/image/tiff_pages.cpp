@@ -413,11 +413,6 @@ struct Layout {
   bool palette = false;
 };
 
-template <typename... Args>
-vepra_error_t *refuse(const char *format, Args... args) noexcept {
-  return make_error(0, format, args...);
-}
-
 vepra_error_t *fill_record(const Source &src, const Directory &d, uint32_t flags,
                            vepra_img_t *img, Layout *lay, Block &offsets, Block &counts) noexcept {
   uint64_t width = 0, height = 0, compression = 0, photometric = 0, samples = 0, planar = 0,
@@ -485,44 +480,44 @@ vepra_error_t *fill_record(const Source &src, const Directory &d, uint32_t flags
   const uint32_t bits = img->bits_per_sample[0];
   if (samples != 1) {
     if (planar != 1 && samples > 1) {
-      return refuse("TIFF planar configuration %u with %u samples per pixel is not supported: "
+      return make_error(0, "TIFF planar configuration %u with %u samples per pixel is not supported: "
                     "only one sample per pixel is read",
                     img->planar_config, img->samples_per_pixel);
     }
-    return refuse("TIFF image with %u samples per pixel%s is not supported: only one sample per "
+    return make_error(0, "TIFF image with %u samples per pixel%s is not supported: only one sample per "
                   "pixel is read%s",
                   img->samples_per_pixel, photometric == 2 ? " (RGB)" : "",
                   photometric == 2 ? " (convert the image to gray first)" : "");
   }
   if (planar != 1 && planar != 2) {
-    return refuse("TIFF planar configuration %u is not supported", img->planar_config);
+    return make_error(0, "TIFF planar configuration %u is not supported", img->planar_config);
   }
   if (format == 3) {
-    return refuse("TIFF samples of %u-bit floating point are not supported: only 8- and 16-bit "
+    return make_error(0, "TIFF samples of %u-bit floating point are not supported: only 8- and 16-bit "
                   "unsigned integer samples are read",
                   bits);
   }
   if (format != 1) {
-    return refuse("TIFF sample format %u is not supported: only 8- and 16-bit unsigned integer "
+    return make_error(0, "TIFF sample format %u is not supported: only 8- and 16-bit unsigned integer "
                   "samples are read",
                   static_cast<unsigned>(format));
   }
   if (bits != 8 && bits != 16) {
-    return refuse("TIFF image with %u bits per sample is not supported: only 8- and 16-bit "
+    return make_error(0, "TIFF image with %u bits per sample is not supported: only 8- and 16-bit "
                   "samples are read",
                   bits);
   }
   if (!can_decode(compression)) {
-    return refuse("TIFF compression %u (%s) is not supported: only uncompressed, LZW, Deflate, "
+    return make_error(0, "TIFF compression %u (%s) is not supported: only uncompressed, LZW, Deflate, "
                   "ZSTD and PackBits images are read (convert with: tiffcp -c none IN OUT)",
                   img->compression, compression_name(compression));
   }
   if (predictor != 1 && predictor != 2) {
-    return refuse("TIFF predictor %u%s is not supported: only horizontal differencing (2) is read",
+    return make_error(0, "TIFF predictor %u%s is not supported: only horizontal differencing (2) is read",
                   static_cast<unsigned>(predictor), predictor == 3 ? " (floating point)" : "");
   }
   if (fill != 1) {
-    return refuse("TIFF fill order %u (bits in reversed order) is not supported",
+    return make_error(0, "TIFF fill order %u (bits in reversed order) is not supported",
                   static_cast<unsigned>(fill));
   }
   if (photometric == UINT32_MAX) {
@@ -532,7 +527,7 @@ vepra_error_t *fill_record(const Source &src, const Directory &d, uint32_t flags
   } else if (photometric == 3) {
     lay->palette = true;
   } else if (photometric > 1) {
-    return refuse("TIFF photometric interpretation %u (%s) is not supported: only grayscale "
+    return make_error(0, "TIFF photometric interpretation %u (%s) is not supported: only grayscale "
                   "images are read",
                   static_cast<unsigned>(photometric), photometric_name(photometric));
   }
@@ -607,7 +602,7 @@ vepra_error_t *fill_record(const Source &src, const Directory &d, uint32_t flags
 vepra_error_t *gray_levels(const Source &src, const Entry &map, unsigned bytes,
                            Block &levels) noexcept {
   const uint64_t n = uint64_t{1} << (8 * bytes);
-  if (!map.present) return refuse("TIFF palette image without a colour map is not supported");
+  if (!map.present) return make_error(0, "TIFF palette image without a colour map is not supported");
   if (map.type != 3 || map.count != 3 * n) return invalid_tag(map);
   Block values;
   PASS_ON(load_integers(src, map, values));
@@ -615,7 +610,7 @@ vepra_error_t *gray_levels(const Source &src, const Entry &map, unsigned bytes,
   const uint64_t *v = values.as<uint64_t>();
   for (uint64_t i = 0; i < n; ++i) {
     if (v[i] != v[n + i] || v[i] != v[2 * n + i]) {
-      return refuse("TIFF colour palette is not supported: only palettes of gray levels are read "
+      return make_error(0, "TIFF colour palette is not supported: only palettes of gray levels are read "
                     "(convert the image to gray first)");
     }
     levels.as<uint16_t>()[i] =
@@ -656,7 +651,7 @@ vepra_error_t *decode_failure(Decoded d, const Layout &lay, uint64_t chunk, size
                         "TIFF %s %llu holds more than its %zu bytes of pixels (%s)", kind, index,
                         expected, name);
     case Decoded::kOldLzw:
-      return refuse("TIFF compression 5 (LZW) in the old reversed-bit-order variant is not "
+      return make_error(0, "TIFF compression 5 (LZW) in the old reversed-bit-order variant is not "
                     "supported (convert with: tiffcp -c none IN OUT)");
     case Decoded::kNoMemory: return make_error(VEPRA_E_ALLOC);
     default:

@@ -452,7 +452,7 @@ TEST_F(TiffDecodeTest, TruncatedAndCorruptedStrips) {
     }
     EXPECT_GE(refused, int(length) - 4);
     for (uint32_t at = 0; at < length; ++at) {
-      for (uint8_t flip : {0x01, 0x80, 0xFF}) {
+      for (uint8_t flip : {0x01, 0xFF}) {
         b = good;
         b[offset + at] ^= flip;
         save(path, b);

@@ -277,4 +277,38 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
   }
 }
 
+// A file of two pages, a 4 x 4 image of ones and a 2 x 2 one of twos: info
+// lists both, the measures read the first unless --page says otherwise.
+TEST_F(VepraImageTest, PagesAreListedAndSelected) {
+  const std::string path = temp_path("pages.tif");
+  TIFF *t = TIFFOpen(path.c_str(), "w");
+  ASSERT_NE(t, nullptr);
+  for (uint32_t p = 0; p < 2; ++p) {
+    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 4u >> p}, {TIFFTAG_IMAGELENGTH, 4u >> p},
+                            {TIFFTAG_BITSPERSAMPLE, 8u}, {TIFFTAG_PHOTOMETRIC, 1u},
+                            {TIFFTAG_COMPRESSION, p == 0 ? 5u : 8u}})
+      TIFFSetField(t, field, v);
+    uint8_t row[4] = {uint8_t(p + 1), uint8_t(p + 1), uint8_t(p + 1), uint8_t(p + 1)};
+    for (uint32_t r = 0; r < (4u >> p); ++r) ASSERT_EQ(TIFFWriteScanline(t, row, r, 0), 1);
+    ASSERT_EQ(TIFFWriteDirectory(t), 1);
+  }
+  TIFFClose(t);
+  ToolRun r = run_tool({"info", path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("\npages: 2\npage 0: 4 x 4 pixels, 8 bits, compression 5, photometric 1 "
+                       "(BlackIsZero)\npage 1: 2 x 2 pixels, 8 bits, compression 8, photometric 1 "
+                       "(BlackIsZero)\n"),
+            std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("size: 4 x 4 pixels"), std::string::npos) << r.out;
+  r = run_tool({"stats", path});
+  EXPECT_NE(r.out.find(path + "\t1\t1\t1.0000"), std::string::npos) << r.out;
+  r = run_tool({"stats", "--page", "1", path});
+  EXPECT_NE(r.out.find(path + "\t2\t2\t2.0000"), std::string::npos) << r.out;
+  r = run_tool({"stats", "--page=2", path});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("\nError: Page 2 does not exist: the file has 2 pages "), std::string::npos)
+      << r.err;
+  EXPECT_NE(run_tool({"stats", "--page", "-1", path}).status, 0);
+}
+
 }  // namespace
