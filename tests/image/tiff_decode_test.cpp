@@ -255,6 +255,7 @@ TEST_F(TiffDecodeTest, ReadsWhatLibtiffWritesPixelExact) {
   }
   EXPECT_EQ(files, 6 * 2 * 6 * 2 * 2 * 2);
   // A page the file does not have.
+  vepra_img_free(&img_);
   EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, 0, 2)),
             "Error: Cannot read image. \nError: Cannot read TIFF image. \nError: Page 2 does not "
             "exist: the file has 2 pages ");
