@@ -242,7 +242,7 @@ vepra_error_t *scalar(const Source &src, const Entry &e, uint64_t fallback,
     *out = src.value(e.type, e.field, 0);
     return nullptr;
   }
-  uint8_t raw[8];
+  uint8_t raw[8] = {};
   if (vepra_error_t *err = src.read(src.word(e.field), raw, type_size(e.type))) return err;
   *out = src.value(e.type, raw, 0);
   return nullptr;
