@@ -145,6 +145,47 @@ Decoded decode_packbits(std::span<const uint8_t> in, std::span<uint8_t> out) noe
   return Decoded::kOk;
 }
 
+Decoded decode_packbits_rows(std::span<const uint8_t> in, uint8_t *const *rows, size_t nrows,
+                             size_t row_bytes) noexcept {
+  const uint8_t *src = in.data();
+  const size_t src_size = in.size();
+  size_t ip = 0, row = 0, col = 0;
+  if (row_bytes == 0) return Decoded::kOk;
+  // Writes count bytes (from `from`, or the byte `fill` when from is null)
+  // across rows; false once the last row is full.
+  auto put = [&](const uint8_t *from, uint8_t fill, size_t count) {
+    while (count > 0 && row < nrows) {
+      const size_t take = std::min(count, row_bytes - col);
+      if (from != nullptr) {
+        std::memcpy(rows[row] + col, from, take);
+        from += take;
+      } else {
+        std::memset(rows[row] + col, fill, take);
+      }
+      count -= take;
+      col += take;
+      if (col == row_bytes) {
+        col = 0;
+        ++row;
+      }
+    }
+  };
+  while (row < nrows) {
+    if (ip >= src_size) return Decoded::kShort;
+    const auto n = static_cast<int8_t>(src[ip++]);
+    if (n >= 0) {
+      const size_t count = static_cast<size_t>(n) + 1;
+      if (src_size - ip < count) return Decoded::kShort;
+      put(src + ip, 0, count);
+      ip += count;
+    } else if (n != -128) {
+      if (ip >= src_size) return Decoded::kShort;
+      put(nullptr, src[ip++], static_cast<size_t>(1 - n));
+    }
+  }
+  return Decoded::kOk;
+}
+
 bool can_decode(uint32_t compression) noexcept {
   switch (compression) {
     case 1:

@@ -25,6 +25,10 @@ enum class Decoded {
 Decoded decode_lzw(std::span<const uint8_t> in, std::span<uint8_t> out) noexcept;
 // PackBits (Compression 32773).
 Decoded decode_packbits(std::span<const uint8_t> in, std::span<uint8_t> out) noexcept;
+// PackBits straight into nrows separate rows of row_bytes each, as into one
+// buffer of nrows * row_bytes (runs may cross rows).
+Decoded decode_packbits_rows(std::span<const uint8_t> in, uint8_t *const *rows, size_t nrows,
+                             size_t row_bytes) noexcept;
 
 // Whether a decoder exists for the compression; 1 (none) included.
 bool can_decode(uint32_t compression) noexcept;

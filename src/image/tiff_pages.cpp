@@ -703,6 +703,18 @@ vepra_error_t *read_pixels(const Source &src, const Layout &lay, const Block &of
     }
     PASS_ON(in.reserve(length));
     PASS_ON(src.read(offset, in.data, length));
+    if (lay.compression == 32773 && !lay.tiled) {
+      // PackBits refers to no earlier output: a strip goes straight into
+      // its rows.
+      const Decoded d = decode_packbits_rows({in.as<uint8_t>(), length}, rows + top, nrows,
+                                             row_bytes);
+      if (d != Decoded::kOk) return decode_failure(d, lay, i, expected);
+      for (uint64_t r = 0; r < nrows; ++r) {
+        if (swap) swap16(rows[top + r], lay.width);
+        if (lay.predictor) undo_predictor(rows[top + r], 1, lay.width, lay.bytes);
+      }
+      continue;
+    }
     if (lay.compression == 1) {
       if (length < expected) return decode_failure(Decoded::kShort, lay, i, expected);
       pixels = in.as<uint8_t>();
