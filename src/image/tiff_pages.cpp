@@ -548,6 +548,10 @@ vepra_error_t *fill_record(const Source &src, const Directory &d, uint32_t flags
       return make_error(VEPRA_E_TIFF_STRUCTURE, "Invalid TIFF tile size %llu x %llu",
                         static_cast<unsigned long long>(tw), static_cast<unsigned long long>(tl));
     }
+    if (tw * tl > (uint64_t{1} << 30)) {
+      return make_error(VEPRA_E_TIFF_STRUCTURE, "Invalid TIFF tile size %llu x %llu",
+                        static_cast<unsigned long long>(tw), static_cast<unsigned long long>(tl));
+    }
     lay->chunk_width = tw;
     lay->chunk_height = tl;
     lay->across = (width + tw - 1) / tw;
@@ -678,7 +682,11 @@ vepra_error_t *read_pixels(const Source &src, const Layout &lay, const Block &of
     const uint64_t offset = offsets.as<uint64_t>()[i];
     const uint64_t length = counts.as<uint64_t>()[i];
     if (!src.holds(offset, length)) return make_error(VEPRA_E_TIFF_INCOMPLETE);
-    if (expected > SIZE_MAX / 2) return make_error(VEPRA_E_ALLOC);
+    // No data of the compression expands this far: refused before the
+    // output is allocated (a huge tile of a few bytes).
+    if (expected / max_ratio(lay.compression) > length + 64) {
+      return decode_failure(Decoded::kShort, lay, i, expected);
+    }
     uint8_t *pixels = nullptr;
     if (lay.compression == 1 && !lay.tiled) {
       // An uncompressed strip goes straight into its rows.
@@ -753,9 +761,9 @@ vepra_error_t *read_page(const Source &src, uint64_t offset, vepra_img_t *img, u
   }
   if ((flags & VEPRA_IMG_READ_HEADER) != 0) return nullptr;
   // Refuse an image the file's data could not expand to before allocating.
-  const uint64_t bytes = uint64_t{lay.width} * lay.height * lay.bytes;
-  if (lay.width > INT32_MAX || lay.height > INT32_MAX ||
-      bytes / max_ratio(lay.compression) > src.size()) {
+  const bool huge = lay.width > INT32_MAX || lay.height > INT32_MAX;
+  const uint64_t bytes = huge ? 0 : uint64_t{lay.width} * lay.height * lay.bytes;
+  if (huge || bytes / max_ratio(lay.compression) > src.size()) {
     return make_error(VEPRA_E_TIFF_STRUCTURE, "Image of %u x %u pixels does not fit in the file",
                       lay.width, lay.height);
   }
