@@ -44,7 +44,8 @@ typedef struct vepra_img_t {
 
 /** @name Reading
  *  Readers accept little-endian ("II") baseline TIFF with uncompressed
- *  strips; 8- and 16-bit samples become a pixel matrix, other depths read
+ *  strips (vepra_img_read_ex() with VEPRA_IMG_READ_STRICT decodes far
+ *  more); 8- and 16-bit samples become a pixel matrix, other depths read
  *  with no pixels. Every directory of a file is visited, a tag met again
  *  overwriting what an earlier directory stored. Resolutions are returned
  *  in pixels per inch (ResolutionUnit 2, or 3 converted; 120152 for any

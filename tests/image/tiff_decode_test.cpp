@@ -413,6 +413,24 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
     for (int i = 0; i < 256; ++i) ASSERT_EQ(img_.data8[0][i], reversed ? 255 - i : i);
     vepra_img_free(&img_);
   }
+  // At 16 bits the map values are the levels themselves.
+  {
+    TIFF *t = TIFFOpen(path.c_str(), "w");
+    ASSERT_NE(t, nullptr);
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 256);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, 1);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 16);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_PALETTE);
+    std::vector<uint16_t> map(65536), line(256);
+    for (int i = 0; i < 65536; ++i) map[i] = uint16_t(65535 - i);
+    for (int i = 0; i < 256; ++i) line[i] = uint16_t(i * 257);
+    TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data(), map.data());
+    ASSERT_EQ(TIFFWriteScanline(t, line.data(), 0, 0), 1);
+    TIFFClose(t);
+    ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, kStrict, 0), nullptr);
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(img_.data16[0][i], 65535 - i * 257);
+    vepra_img_free(&img_);
+  }
 }
 
 // One single-strip file of each compression, its strip cut short at every
