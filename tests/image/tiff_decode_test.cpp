@@ -28,7 +28,7 @@ using Samples = std::vector<uint32_t>;
 
 constexpr uint32_t kStrict = VEPRA_IMG_READ_STRICT;
 
-struct Spec {
+struct Shape {
   uint32_t width = 37, height = 23;
   uint16_t bits = 16;
   uint16_t compression = COMPRESSION_NONE;
@@ -43,7 +43,7 @@ struct Spec {
 
 // Samples of page p: smooth enough to compress, noisy enough to exercise
 // every decoder path.
-Samples make_samples(const Spec &s, int page) {
+Samples make_samples(const Shape &s, int page) {
   std::mt19937 rng(1234u + static_cast<unsigned>(page) * 77u + s.width);
   Samples v(size_t{s.width} * s.height);
   const uint32_t max = s.bits == 16 ? 65535 : 255;
@@ -54,13 +54,13 @@ Samples make_samples(const Spec &s, int page) {
   return v;
 }
 
-void write_libtiff(const std::string &path, const Spec &s) {
+void write_libtiff(const std::string &path, const Shape &s) {
   const std::string mode = std::string("w") + s.order + (s.bigtiff ? "8" : "");
   TIFF *t = TIFFOpen(path.c_str(), mode.c_str());
   ASSERT_NE(t, nullptr);
   for (int p = 0; p < s.pages; ++p) {
     // Later pages are smaller, as pyramid levels are.
-    Spec page = s;
+    Shape page = s;
     page.width = s.width >> p;
     page.height = s.height >> p;
     const Samples v = make_samples(page, p);
@@ -215,7 +215,7 @@ TEST_F(TiffDecodeTest, ReadsWhatLibtiffWritesPixelExact) {
         for (const char *order : {"l", "b"}) {
           for (bool bigtiff : {false, true}) {
             for (uint16_t bits : {8, 16}) {
-              Spec s;
+              Shape s;
               s.width = 37 + bits;  // odd sizes, partial edge tiles
               s.compression = compression;
               s.predictor = predictor;
@@ -240,7 +240,7 @@ TEST_F(TiffDecodeTest, ReadsWhatLibtiffWritesPixelExact) {
                     vepra_img_read_ex(path.c_str(), &img_, kStrict, static_cast<uint32_t>(page));
                 ASSERT_EQ(e, nullptr) << take_printed(e);
                 const Samples peer = libtiff_decode(path, page);
-                EXPECT_EQ(peer, make_samples(Spec{s.width >> page, s.height >> page, bits}, page));
+                EXPECT_EQ(peer, make_samples(Shape{s.width >> page, s.height >> page, bits}, page));
                 EXPECT_EQ(std::tuple(img_.width, img_.height, img_.bits_per_sample[0],
                                      img_.compression, img_.photometric),
                           std::tuple(s.width >> page, s.height >> page, uint32_t(bits),
@@ -260,7 +260,7 @@ TEST_F(TiffDecodeTest, ReadsWhatLibtiffWritesPixelExact) {
             "Error: Cannot read image. \nError: Cannot read TIFF image. \nError: Page 2 does not "
             "exist: the file has 2 pages ");
   // Without the strict flag page 0 is the last directory, as before.
-  Spec plain;
+  Shape plain;
   plain.pages = 2;
   write_libtiff(path, plain);
   ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, 0, 0), nullptr);
@@ -277,8 +277,8 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
   const std::string head = "Error: Cannot read image. \nError: Cannot read TIFF image. \nError: ";
   struct Case {
     const char *what;
-    std::function<void(Spec &)> spec;
-    std::function<void(TIFF *)> fields;  // extra fields, set after the spec's
+    std::function<void(Shape &)> shape;
+    std::function<void(TIFF *)> fields;  // extra fields, set after the shape's
     std::function<void(Bytes &)> edit;   // on the written bytes
     std::string refusal;                 // empty: read, pixel-exact
   };
@@ -294,10 +294,10 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
       {"no SamplesPerPixel", {}, {},
        [](Bytes &b) { EXPECT_EQ(entry_of(b, TIFFTAG_SAMPLESPERPIXEL), nullptr); }, ""},
       {"planar 2, one sample", {}, [](TIFF *t) { TIFFSetField(t, TIFFTAG_PLANARCONFIG, 2); }, {}, ""},
-      {"MinIsWhite", [](Spec &s) { s.photometric = PHOTOMETRIC_MINISWHITE; }, {}, {}, ""},
+      {"MinIsWhite", [](Shape &s) { s.photometric = PHOTOMETRIC_MINISWHITE; }, {}, {}, ""},
       {"no BitsPerSample", {}, {}, drop(TIFFTAG_BITSPERSAMPLE),
        "TIFF image with 1 bits per sample is not supported: only 8- and 16-bit samples are read "},
-      {"12-bit", [](Spec &s) { s.bits = 8; }, {}, [](Bytes &b) { set_value(b, 258, 12); },
+      {"12-bit", [](Shape &s) { s.bits = 8; }, {}, [](Bytes &b) { set_value(b, 258, 12); },
        "TIFF image with 12 bits per sample is not supported: only 8- and 16-bit samples are read "},
       {"float", {}, [](TIFF *t) { TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, 3); },
        [](Bytes &b) { set_value(b, 258, 32); },
@@ -320,11 +320,11 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
       {"old JPEG", {}, {}, [](Bytes &b) { set_value(b, 259, 6); },
        "TIFF compression 6 (old-style JPEG) is not supported: only uncompressed, LZW, Deflate, "
        "ZSTD and PackBits images are read (convert with: tiffcp -c none IN OUT) "},
-      {"old LZW", [](Spec &s) { s.compression = COMPRESSION_LZW; }, {},
+      {"old LZW", [](Shape &s) { s.compression = COMPRESSION_LZW; }, {},
        [](Bytes &b) { b[get_value(b, 273)] = 0, b[get_value(b, 273) + 1] = 1; },
        "TIFF compression 5 (LZW) in the old reversed-bit-order variant is not supported (convert "
        "with: tiffcp -c none IN OUT) "},
-      {"predictor 3", [](Spec &s) { s.compression = COMPRESSION_LZW; },
+      {"predictor 3", [](Shape &s) { s.compression = COMPRESSION_LZW; },
        [](TIFF *t) { TIFFSetField(t, TIFFTAG_PREDICTOR, 2); },
        [](Bytes &b) { set_value(b, TIFFTAG_PREDICTOR, 3); },
        "TIFF predictor 3 (floating point) is not supported: only horizontal differencing (2) is "
@@ -334,7 +334,7 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
        "images are read "},
       {"fill order", {}, [](TIFF *t) { TIFFSetField(t, TIFFTAG_FILLORDER, 2); }, {},
        "TIFF fill order 2 (bits in reversed order) is not supported "},
-      {"colour palette", [](Spec &s) { s.photometric = PHOTOMETRIC_PALETTE, s.bits = 8; },
+      {"colour palette", [](Shape &s) { s.photometric = PHOTOMETRIC_PALETTE, s.bits = 8; },
        [](TIFF *t) {
          std::vector<uint16_t> r(256), g(256), b(256);
          for (int i = 0; i < 256; ++i) r[i] = g[i] = uint16_t(i * 257), b[i] = uint16_t(i);
@@ -346,8 +346,8 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
-    Spec s;
-    if (c.spec) c.spec(s);
+    Shape s;
+    if (c.shape) c.shape(s);
     {
       TIFF *t = TIFFOpen(path.c_str(), "w");
       ASSERT_NE(t, nullptr);
@@ -392,7 +392,7 @@ TEST_F(TiffDecodeTest, DefaultsVariantsAndRefusals) {
   // A gray palette reads as its levels: a map of i * 257 at 8 bits is i,
   // a reversed one 255 - i.
   for (bool reversed : {false, true}) {
-    Spec s;
+    Shape s;
     s.bits = 8;
     s.photometric = PHOTOMETRIC_PALETTE;
     TIFF *t = TIFFOpen(path.c_str(), "w");
@@ -441,7 +441,7 @@ TEST_F(TiffDecodeTest, TruncatedAndCorruptedStrips) {
   for (uint16_t compression : {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
                                COMPRESSION_ZSTD, COMPRESSION_PACKBITS}) {
     SCOPED_TRACE(compression);
-    Spec s;
+    Shape s;
     s.width = 16;
     s.height = 8;
     s.compression = compression;
@@ -505,7 +505,7 @@ TEST_F(TiffDecodeTest, ExpansionStopsAtTheDeclaredRows) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.compression);
-    Spec s;
+    Shape s;
     s.width = 32;
     s.height = 2048;
     s.bits = 8;
@@ -532,7 +532,7 @@ TEST_F(TiffDecodeTest, ExpansionStopsAtTheDeclaredRows) {
 
 TEST_F(TiffDecodeTest, PageCountReportsItsFailures) {
   const std::string path = temp_path("pages.tif");
-  Spec s;
+  Shape s;
   uint32_t pages = 0;
   write_libtiff(path, s);
   ASSERT_EQ(vepra_img_page_count(path.c_str(), &pages), nullptr);
