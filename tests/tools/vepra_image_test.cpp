@@ -311,4 +311,48 @@ TEST_F(VepraImageTest, PagesAreListedAndSelected) {
   EXPECT_NE(run_tool({"stats", "--page", "-1", path}).status, 0);
 }
 
+// Tiled, compressed BigTIFF files in both byte orders give the figures of
+// the same pixels in a plain file.
+TEST_F(VepraImageTest, TiledBigTiffGivesThePlainFigures) {
+  const std::string plain = temp_path("plain.tif");
+  std::string figures;
+  for (const char *mode : {"w", "w8", "wb8"}) {
+    const std::string path = temp_path(std::string(mode) + ".tif");
+    TIFF *t = TIFFOpen(mode == std::string("w") ? plain.c_str() : path.c_str(), mode);
+    ASSERT_NE(t, nullptr);
+    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 20u}, {TIFFTAG_IMAGELENGTH, 19u},
+                            {TIFFTAG_BITSPERSAMPLE, 16u}, {TIFFTAG_PHOTOMETRIC, 1u}})
+      TIFFSetField(t, field, v);
+    std::vector<uint16_t> v(16 * 16);
+    if (mode == std::string("w")) {
+      for (uint32_t r = 0; r < 19; ++r) {
+        for (uint32_t c = 0; c < 20; ++c) v[c] = uint16_t(r * 1000 + c * c);
+        ASSERT_EQ(TIFFWriteScanline(t, v.data(), r, 0), 1);
+      }
+    } else {
+      TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+      TIFFSetField(t, TIFFTAG_TILEWIDTH, 16u);
+      TIFFSetField(t, TIFFTAG_TILELENGTH, 16u);
+      for (uint32_t y = 0; y < 19; y += 16)
+        for (uint32_t x = 0; x < 20; x += 16) {
+          for (uint32_t r = 0; r < 16; ++r)
+            for (uint32_t c = 0; c < 16; ++c) v[r * 16 + c] = uint16_t((y + r) * 1000 + (x + c) * (x + c));
+          ASSERT_GE(TIFFWriteTile(t, v.data(), x, y, 0, 0), 0);
+        }
+    }
+    TIFFClose(t);
+    if (mode == std::string("w")) {
+      const ToolRun r = run_tool({"stats", plain});
+      ASSERT_EQ(r.status, 0) << r.err;
+      figures = r.out.substr(r.out.find('\t', r.out.find(plain)));
+      continue;
+    }
+    const ToolRun r = run_tool({"stats", path});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.substr(r.out.find('\t', r.out.find(path))), figures) << mode;
+    EXPECT_NE(run_tool({"info", path}).out.find("\nsize: 20 x 19 pixels\ndepth: 16 bits"),
+              std::string::npos);
+  }
+}
+
 }  // namespace
