@@ -727,11 +727,19 @@ vepra_error_t *read_pixels(const Source &src, const Layout &lay, const Block &of
       if (length < expected) return decode_failure(Decoded::kShort, lay, i, expected);
       pixels = in.as<uint8_t>();
     } else {
-      PASS_ON(out.reserve(expected));
+      // A strip of one row (libtiff's default for rows of 8 KiB or more)
+      // is decoded straight into its row.
+      const bool direct = !lay.tiled && nrows == 1;
+      if (!direct) PASS_ON(out.reserve(expected));
+      pixels = direct ? rows[top] : out.as<uint8_t>();
       const Decoded d = decoders.decode(static_cast<uint32_t>(lay.compression),
-                                        {in.as<uint8_t>(), length}, {out.as<uint8_t>(), expected});
+                                        {in.as<uint8_t>(), length}, {pixels, expected});
       if (d != Decoded::kOk) return decode_failure(d, lay, i, expected);
-      pixels = out.as<uint8_t>();
+      if (direct) {
+        if (swap) swap16(pixels, lay.width);
+        if (lay.predictor) undo_predictor(pixels, 1, lay.width, lay.bytes);
+        continue;
+      }
     }
     if (swap) swap16(pixels, expected / 2);
     if (lay.predictor) undo_predictor(pixels, rows_held, lay.chunk_width, lay.bytes);
