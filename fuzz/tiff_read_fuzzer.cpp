@@ -38,22 +38,32 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 // Reads the scratch file with vepra_img_read (flags -1) or with
-// vepra_img_read_ex and the given flags, and checks the record.
-void read_and_check(int flags) {
+// vepra_img_read_ex, the given flags and page, and checks the record.
+void read_and_check(int flags, uint32_t page = 0) {
   vepra_img_t img{};
   vepra_error_t *e = flags < 0 ? vepra_img_read(scratch_path().c_str(), &img)
                                : vepra_img_read_ex(scratch_path().c_str(), &img,
-                                                   static_cast<uint32_t>(flags), 0);
+                                                   static_cast<uint32_t>(flags), page);
   if (e == nullptr) {
     // A successful read owns rows that cover the whole image.
     if (img.type != 1) std::abort();
     const uint32_t last_row = img.height - 1, last_col = img.width - 1;
     if (img.data8 != nullptr) img.data8[last_row][last_col] ^= 1;
     if (img.data16 != nullptr) img.data16[last_row][last_col] ^= 1;
-    // What a flagged read accepted is what its flags allow.
-    const bool strict = flags >= 0 && (flags & VEPRA_IMG_READ_STRICT) != 0;
+    // What a flagged read accepted is what its flags allow: a decoding
+    // read gives one sample of 8 or 16 bits in a compression it decodes.
+    const bool decoding = flags >= 0 && ((flags & VEPRA_IMG_READ_STRICT) != 0 || page != 0);
     const bool header = flags >= 0 && (flags & VEPRA_IMG_READ_HEADER) != 0;
-    if (strict && (img.compression != 1 || img.samples_per_pixel != 1)) std::abort();
+    const uint32_t c = img.compression;
+    const bool decodable = c == 1 || c == 5 || c == 8 || c == 32773 || c == 32946 || c == 50000;
+    if (decoding && (!decodable || img.samples_per_pixel != 1 ||
+                     (img.bits_per_sample[0] != 8 && img.bits_per_sample[0] != 16))) {
+      std::abort();
+    }
+    if (decoding && !header && img.width > 0 && img.height > 0 &&
+        (img.bits_per_sample[0] == 8) != (img.data8 != nullptr)) {
+      std::abort();
+    }
     if (header && (img.data8 != nullptr || img.data16 != nullptr)) std::abort();
   } else if (img.data8 != nullptr || img.data16 != nullptr || img.strip_offsets != nullptr ||
              img.strip_byte_counts != nullptr || img.software != nullptr) {
@@ -66,9 +76,14 @@ void read_and_check(int flags) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (!write_input(data, size)) return 0;
   read_and_check(-1);
-  // The flagged reads, chosen by the header's fourth byte, which the
-  // readers do not look at.
-  const int flags = size > 3 ? data[3] & 7 : 0;
-  read_and_check(flags);
+  // The flagged reads: the plain one chosen by the header's fourth byte,
+  // which the plain readers do not look at, then the decoding reads of
+  // pages 0 and 1 and of the directory alone.
+  read_and_check(size > 3 ? data[3] & 7 : 0);
+  read_and_check(VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_UNITLESS);
+  read_and_check(VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_HEADER);
+  read_and_check(0, 1);
+  uint32_t pages = 0;
+  vepra_error_clear(vepra_img_page_count(scratch_path().c_str(), &pages));
   return 0;
 }

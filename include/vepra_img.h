@@ -44,7 +44,8 @@ typedef struct vepra_img_t {
 
 /** @name Reading
  *  Readers accept little-endian ("II") baseline TIFF with uncompressed
- *  strips; 8- and 16-bit samples become a pixel matrix, other depths read
+ *  strips (vepra_img_read_ex() with VEPRA_IMG_READ_STRICT decodes far
+ *  more); 8- and 16-bit samples become a pixel matrix, other depths read
  *  with no pixels. Every directory of a file is visited, a tag met again
  *  overwriting what an earlier directory stored. Resolutions are returned
  *  in pixels per inch (ResolutionUnit 2, or 3 converted; 120152 for any
@@ -101,11 +102,27 @@ VEPRA_API vepra_error_t *vepra_img_read_tiff(const char *path,
 
 /** Flags of vepra_img_read_ex(), combined with |. Bits not defined here are
  *  reserved and refused. */
-/** Give an absent Compression, SamplesPerPixel or PlanarConfiguration its
- *  TIFF default, 1, in the record; then refuse (code 0, with a message
- *  naming the value) what the reader would store but cannot decode:
- *  Compression other than 1, more than one sample per pixel, a
- *  PlanarConfiguration other than 1 with several samples, tiles. */
+/** Decode the file instead of copying raw strips: read one page (see
+ *  vepra_img_read_ex()) of a TIFF file in either byte order ("II" or "MM",
+ *  16-bit samples brought to host order), classic or BigTIFF, stored in
+ *  strips of any RowsPerStrip or in tiles (edge tiles cropped), with
+ *  Compression 1 (none), 5 (LZW), 8 and 32946 (Deflate), 32773 (PackBits)
+ *  or 50000 (ZSTD), and Predictor 1 or 2 (horizontal differencing). Absent
+ *  fields take their TIFF defaults (Compression, SamplesPerPixel and
+ *  PlanarConfiguration 1, BitsPerSample 1) and the record shows them;
+ *  PlanarConfiguration 2 with one sample reads as 1. PhotometricInterpretation
+ *  0 (WhiteIsZero) and 1 are kept as stored; a palette (3) whose red, green
+ *  and blue maps are equal is read as the gray levels of its map (16-bit map
+ *  values scaled to the depth) and the record says 1. For a tiled image the
+ *  strip arrays of the record hold the tiles, in row order; offsets and
+ *  counts above 2^32 - 1 saturate there. Refused with code 0 and a message
+ *  naming the value: several samples per pixel, depths other than 8 and 16,
+ *  signed or floating-point samples, other compressions (JPEG and old-style
+ *  JPEG among them, and LZW in its old reversed bit order), Predictor 3,
+ *  FillOrder 2, colour palettes and photometric interpretations other than
+ *  0, 1 and 3. Data that cannot be decoded: 120152 (invalid or overlong
+ *  compressed data, too few strips or tiles, a directory chain that
+ *  loops), 120153 (a strip or tile that ends early). */
 #define VEPRA_IMG_READ_STRICT 0x1u
 /** Accept ResolutionUnit 1 (no absolute unit) as "no resolution": xres and
  *  yres become 0 and res_unit stays 1, instead of failing with 120152. */
@@ -116,18 +133,27 @@ VEPRA_API vepra_error_t *vepra_img_read_tiff(const char *path,
 
 /** Reads the image at path into img as vepra_img_read_tiff() does (or its
  *  directories only, with VEPRA_IMG_READ_HEADER), under the given flags,
- *  and reports the cause of every failure. page selects the image of a
- *  multi-page file; only 0 is accepted for now, which reads like
- *  vepra_img_read() (every directory visited). With flags 0 and page 0 a
- *  TIFF file gives the record vepra_img_read() gives. The record then owns
- *  its allocations. Errors, wrapped by "Cannot read TIFF image." and then
- *  "Cannot read image.": 120030 (cannot open, or a directory), the read
- *  codes, and code 0 for a file refused by VEPRA_IMG_READ_STRICT. Wrapped
- *  by "Cannot read image." only: 120020 for a null img, reserved flags or
- *  a page other than 0 (img untouched). */
+ *  and reports the cause of every failure. page selects the page (image
+ *  file directory, 0 first) of a multi-page file; a page other than 0 is
+ *  always read as with VEPRA_IMG_READ_STRICT, and with that flag page 0 is
+ *  the first directory (pyramids and previews store the full image there).
+ *  With flags 0 and page 0 a TIFF file gives the record vepra_img_read()
+ *  gives (every directory visited, the last one winning). The record then
+ *  owns its allocations. Errors, wrapped by "Cannot read TIFF image." and
+ *  then "Cannot read image.": 120030 (cannot open, or a directory), the
+ *  read codes, the codes of VEPRA_IMG_READ_STRICT, and code 0 for a page
+ *  the file does not have. Wrapped by "Cannot read image." only: 120020
+ *  for a null img or reserved flags (img untouched). */
 VEPRA_API vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img,
                                            uint32_t flags, uint32_t page)
     VEPRA_NOTHROW;
+/** Counts the pages (image file directories) of the TIFF file at path, in
+ *  either byte order, classic or BigTIFF, into *count. Errors, wrapped by
+ *  "Cannot count TIFF pages.": 120020 (null count), 120030 (cannot open),
+ *  120031 (short read), 120150 (not TIFF), 0 ("No image data were found."),
+ *  120152 (a directory chain that loops). */
+VEPRA_API vepra_error_t *vepra_img_page_count(const char *path,
+                                              uint32_t *count) VEPRA_NOTHROW;
 /** Releases what img owns (pixel matrix, strip arrays, Software text) and
  *  nulls those pointers; other fields, type included, are kept. Nothing for
  *  null. */

@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 ROOT=$PWD
 JOBS=${JOBS:-$(nproc)}
 
-BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev)
+BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev libdeflate-dev libzstd-dev)
 TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev nlohmann-json3-dev)
 # Peers of the benchmarks: libsigc++ 3 and GObject (signals), ISA-L (CRC-32).
 BENCH_PACKAGES=(libbenchmark-dev libsigc++-3.0-dev libglib2.0-dev libisal-dev)

@@ -239,7 +239,12 @@ std::string escaped(const std::string &name) {
 // measured, and a resolution without a unit reads as none.
 constexpr uint32_t kReadFlags = VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_UNITLESS;
 
-vepra_error_t *read_image(const std::string &path, Image &img, uint32_t flags = 0) {
+// The page the measuring commands read (--page N; 0, the full image of a
+// pyramid or a file with previews, unless told).
+uint32_t g_page = 0;
+
+vepra_error_t *read_image(const std::string &path, Image &img, uint32_t flags = 0,
+                          uint32_t page = g_page) {
   // A FIFO or a terminal would block or never end: only files that can be
   // sought are read. A path that does not exist is left to the library.
   struct stat st {};
@@ -247,7 +252,7 @@ vepra_error_t *read_image(const std::string &path, Image &img, uint32_t flags = 
   if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
     e = fail(VEPRA_E_IO_OPEN, "'%s' is not a regular file or block device", path.c_str());
   } else {
-    e = vepra_img_read_ex(path.c_str(), &img.rec, kReadFlags | flags, 0);
+    e = vepra_img_read_ex(path.c_str(), &img.rec, kReadFlags | flags, page);
   }
   return e != nullptr ? wrap(e, "Cannot open image '%s'.", path.c_str()) : nullptr;
 }
@@ -261,6 +266,29 @@ std::string csv_field(const std::string &s) {
 }
 
 // ------------------------------------------------------------------ info
+
+// One line per page of a file: its size, depth, compression and
+// photometric interpretation, or why it cannot be read.
+void print_pages(const std::string &path) {
+  uint32_t pages = 0;
+  if (vepra_error_t *e = vepra_img_page_count(path.c_str(), &pages)) {
+    vepra_error_clear(e);
+    return;
+  }
+  std::printf("pages: %u\n", pages);
+  for (uint32_t p = 0; p < pages; ++p) {
+    Image page;
+    if (vepra_error_t *e = read_image(path, page, VEPRA_IMG_READ_HEADER, p)) {
+      std::printf("page %u: not readable: %s\n", p, vepra_error_root_cause(e)->message);
+      vepra_error_clear(e);
+      continue;
+    }
+    const vepra_img_t &r = page.rec;
+    std::printf("page %u: %u x %u pixels, %u bits, compression %u, photometric %d (%s)\n", p,
+                r.width, r.height, r.bits_per_sample[0], r.compression, r.photometric,
+                photometric_name(r.photometric));
+  }
+}
 
 int run_info(const Args &args) {
   int status = 0;
@@ -296,6 +324,7 @@ int run_info(const Args &args) {
       const unsigned bytes = uint32_t(s) < r.strip_byte_count_count ? r.strip_byte_counts[s] : 0;
       std::printf("strip %d: offset %u, %u bytes\n", s, r.strip_offsets[s], bytes);
     }
+    print_pages(path);
   }
   return status;
 }
@@ -574,8 +603,8 @@ int run_synth(const Args &args) {
 const Command kCommands[] = {
     {"info", "FILE...",
      "Prints the size, depth, photometric interpretation, resolution (pixels\n"
-     "per inch and per millimetre), Software text and strip layout of each\n"
-     "TIFF file.\n",
+     "per inch and per millimetre), Software text and strip (or tile) layout\n"
+     "of the first page of each TIFF file, then one line for every page.\n",
      {}, run_info},
     {"stats", "[--histogram OUT.csv] FILE...",
      "Prints one tab-separated line per file, after a header line: minimum,\n"
@@ -583,11 +612,11 @@ const Command kCommands[] = {
      "threshold.\n"
      "  --histogram OUT.csv  also write the histograms: a column 'value' and\n"
      "                       one column of counts per file\n",
-     {"--histogram"}, run_stats},
+     {"--histogram", "--page"}, run_stats},
     {"mask", "FILE -o OUT.tif",
      "Writes the data mask (1 for pixels that are not white, 0 for white\n"
      "ones) as a 16-bit TIFF scaled from 0 to 65535.\n",
-     {"--output"}, run_mask},
+     {"--output", "--page"}, run_mask},
     {"psl", "FILE -o OUT.tif [--pixel-size UM] [--sensitivity S] [--latitude L]",
      "Writes the photo-stimulated luminescence (Fuji relative intensity) as\n"
      "a 16-bit TIFF scaled linearly from its minimum to its maximum.\n"
@@ -596,7 +625,7 @@ const Command kCommands[] = {
      "  --latitude L      scan latitude in decades (default 5)\n"
      "UM lies above 0 and at most 10000, S from 1 to 1000000, L above 0 and at\n"
      "most 10.\n",
-     {"--output", "--pixel-size", "--sensitivity", "--latitude"}, run_psl},
+     {"--output", "--pixel-size", "--sensitivity", "--latitude", "--page"}, run_psl},
     {"density", "FILE -o OUT.tif [--saturated D]",
      "Writes the optical density as a 16-bit TIFF scaled linearly from its\n"
      "minimum to its maximum.\n"
@@ -604,7 +633,7 @@ const Command kCommands[] = {
      "                  full scale under WhiteIsZero, 0 under BlackIsZero)\n"
      "Infinite values (black pixels of BlackIsZero images) are written as\n"
      "65535, like the largest finite value.\n",
-     {"--output", "--saturated"}, run_density},
+     {"--output", "--saturated", "--page"}, run_density},
     {"synth", "-o OUT.tif [--width W] [--height H] [--pattern N]",
      "Writes a synthetic 16-bit BlackIsZero sample scan: a background\n"
      "gradient, bright spots (one of them saturated) and noise. The same\n"
@@ -644,7 +673,23 @@ int dispatch(int argc, char **argv) {
     }
     if (args.help) {
       std::printf("Usage: vepra-image %s %s\n\n%s", cmd.name, cmd.usage, cmd.help);
+      if (cmd.run != run_synth && cmd.run != run_info) {
+        std::printf("  --page N   read page N of a multi-page file (default 0, the first)\n");
+      }
       return 0;
+    }
+    if (args.has("--page")) {
+      const std::string &text = args.get("--page");
+      char *end = nullptr;
+      errno = 0;
+      const unsigned long v = std::strtoul(text.c_str(), &end, 10);
+      if (text.empty() || text[0] == '-' || *end != '\0' || errno == ERANGE || v > UINT32_MAX) {
+        report(fail(VEPRA_E_STR_TO_INT, "Invalid value '%s' for option '--page' (0 to %u).",
+                    text.c_str(), UINT32_MAX),
+               kUsage);
+        return kUsage;
+      }
+      g_page = static_cast<uint32_t>(v);
     }
     if (cmd.run != run_synth && args.operands.empty()) {
       report(fail(0, "'%s' needs an input file.", cmd.name), kUsage);

@@ -16,6 +16,7 @@
 
 #include "core/error_internal.hpp"
 #include "image/tiff_common.hpp"
+#include "image/tiff_pages.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
 
@@ -64,8 +65,6 @@ class Reader {
 
   FILE *file() const noexcept { return file_; }
   bool has(uint32_t flag) const noexcept { return (flags_ & flag) != 0; }
-  // Whether a directory described tiles, which this reader cannot place.
-  bool tiled = false;
   int64_t size() const noexcept { return size_; }
   int64_t position() const noexcept { return pos_; }
 
@@ -235,8 +234,6 @@ vepra_error_t *read_entry(Reader &r, const Entry &e, vepra_img_t *img) noexcept 
     case kPlanarConfig: img->planar_config = e.value; return nullptr;
     case kResolutionUnit: img->res_unit = static_cast<int32_t>(e.value); return nullptr;
     case kSoftware: return read_software(r, e, img);
-    case kTileWidth:
-    case kTileOffsets: r.tiled = true; return nullptr;
     default: return nullptr;
   }
 }
@@ -291,58 +288,6 @@ vepra_error_t *read_tiff_directory(vepra_img_t *img, Reader &r) noexcept {
   }
   return make_error(VEPRA_E_TIFF_STRUCTURE, "Unknown resolution units [%d] in TIFF file",
                     img->res_unit);
-}
-
-const char *compression_name(uint32_t c) noexcept {
-  switch (c) {
-    case 2: return "CCITT RLE";
-    case 3: return "CCITT Group 3";
-    case 4: return "CCITT Group 4";
-    case 5: return "LZW";
-    case 6:
-    case 7: return "JPEG";
-    case 8:
-    case 32946: return "Deflate";
-    case 32773: return "PackBits";
-    case 34925: return "LZMA";
-    case 50000: return "ZSTD";
-    case 50001: return "WebP";
-    default: return "unknown";
-  }
-}
-
-// With VEPRA_IMG_READ_STRICT: gives absent fields (0) their TIFF defaults
-// (no compression, one sample, chunky), then refuses what the directory
-// describes but the pixel reader would only copy as raw bytes.
-vepra_error_t *check_decodable(vepra_img_t *img, const Reader &r) noexcept {
-  if (!r.has(VEPRA_IMG_READ_STRICT)) return nullptr;
-  for (uint32_t *field : {&img->compression, &img->samples_per_pixel, &img->planar_config}) {
-    if (*field == 0) *field = 1;
-  }
-  if (img->compression > 1) {
-    return make_error(0,
-                      "TIFF compression %u (%s) is not supported: only uncompressed images are "
-                      "read (convert with: tiffcp -c none IN OUT)",
-                      img->compression, compression_name(img->compression));
-  }
-  if (img->samples_per_pixel > 1 && img->planar_config > 1) {
-    return make_error(0,
-                      "TIFF planar configuration %u with %u samples per pixel is not supported: "
-                      "only one sample per pixel is read",
-                      img->planar_config, img->samples_per_pixel);
-  }
-  if (img->samples_per_pixel > 1) {
-    return make_error(0,
-                      "TIFF image with %u samples per pixel is not supported: only one sample "
-                      "per pixel is read",
-                      img->samples_per_pixel);
-  }
-  if (r.tiled) {
-    return make_error(0,
-                      "Tiled TIFF is not supported: only strips are read (convert with: tiffcp -s "
-                      "IN OUT)");
-  }
-  return nullptr;
 }
 
 vepra_error_t *check_strip_counts(const vepra_img_t *img) noexcept {
@@ -434,13 +379,11 @@ vepra_error_t *seek_strips(const vepra_img_t *img, Reader &r) noexcept {
 
 vepra_error_t *read_info(vepra_img_t *img, Reader &r) noexcept {
   if (vepra_error_t *e = read_tiff_directory(img, r)) return e;
-  if (vepra_error_t *e = check_strip_counts(img)) return e;
-  return check_decodable(img, r);
+  return check_strip_counts(img);
 }
 
 vepra_error_t *read_image(vepra_img_t *img, Reader &r) noexcept {
   if (vepra_error_t *e = read_tiff_directory(img, r)) return e;
-  if (vepra_error_t *e = check_decodable(img, r)) return e;
   if (img->photometric == -1) {
     return make_error(VEPRA_E_TIFF_STRUCTURE, "Unknown photometric interpretation");
   }
@@ -503,9 +446,10 @@ vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img, uint32_t fl
     return make_wrapped(VEPRA_E_ASSERT, kReadContext, "Unknown image reading flags 0x%x",
                         static_cast<unsigned>(flags & ~kKnownFlags));
   }
-  if (page != 0) {
-    return make_wrapped(VEPRA_E_ASSERT, kReadContext,
-                        "Page %u cannot be selected: only page 0 is read", page);
+  // Strict reads and pages other than 0 go to the decoding reader.
+  if ((flags & VEPRA_IMG_READ_STRICT) != 0 || page != 0) {
+    vepra_error_t *e = read_tiff_page(path, img, flags, page);
+    return e != nullptr ? wrap_error(e, "%s", kReadContext) : nullptr;
   }
   const Outcome out = read_file(path, img, kImageContext,
                                 (flags & VEPRA_IMG_READ_HEADER) != 0 ? read_info : read_image,

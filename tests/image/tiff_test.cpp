@@ -628,9 +628,7 @@ TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
     const std::string tag = code == 0 ? "Error: " : "Error(" + std::to_string(code) + "): ";
     return tag + "Cannot read image. \n" + tag + "Cannot read TIFF image. \n" + tag + m + " ";
   };
-  const std::string uncompress = " is not supported: only uncompressed images are read (convert "
-                                 "with: tiffcp -c none IN OUT)",
-                    one = " is not supported: only one sample per pixel is read";
+  const std::string one = " is not supported: only one sample per pixel is read";
   const std::string unit = cause(VEPRA_E_TIFF_STRUCTURE, "Unknown resolution units [1] in TIFF file");
   struct Case {
     std::vector<std::pair<int, uint32_t>> fields;
@@ -639,19 +637,17 @@ TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
   };
   const Case cases[] = {
       {{}, both, ""},
-      {{{TIFFTAG_COMPRESSION, COMPRESSION_LZW}}, strict,
-       cause(0, "TIFF compression 5 (LZW)" + uncompress)},
+      // Compressed and tiled files are decoded by the strict read.
+      {{{TIFFTAG_COMPRESSION, COMPRESSION_LZW}}, strict, ""},
       {{{TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE}, {TIFFTAG_BITSPERSAMPLE, 16}},
-       strict | header, cause(0, "TIFF compression 8 (Deflate)" + uncompress)},
-      {{{TIFFTAG_COMPRESSION, COMPRESSION_PACKBITS}}, both,
-       cause(0, "TIFF compression 32773 (PackBits)" + uncompress)},
+       strict | header, ""},
+      {{{TIFFTAG_COMPRESSION, COMPRESSION_PACKBITS}}, both, ""},
       {{{TIFFTAG_SAMPLESPERPIXEL, 3}, {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}}, both,
-       cause(0, "TIFF image with 3 samples per pixel" + one)},
+       cause(0, "TIFF image with 3 samples per pixel (RGB)" + one +
+                    " (convert the image to gray first)")},
       {{{TIFFTAG_SAMPLESPERPIXEL, 2}, {TIFFTAG_PLANARCONFIG, PLANARCONFIG_SEPARATE}}, strict,
        cause(0, "TIFF planar configuration 2 with 2 samples per pixel" + one)},
-      {{{TIFFTAG_TILEWIDTH, 16}, {TIFFTAG_TILELENGTH, 16}}, strict,
-       cause(0, "Tiled TIFF is not supported: only strips are read (convert with: tiffcp -s IN "
-                "OUT)")},
+      {{{TIFFTAG_TILEWIDTH, 16}, {TIFFTAG_TILELENGTH, 16}}, strict, ""},
       // ResolutionUnit 1, as Python's tifffile writes it by default.
       {{{TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE}}, both, ""},
       {{{TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE}}, header | unitless, ""},
@@ -675,14 +671,21 @@ TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
     if (c.flags & header) {
       EXPECT_EQ(img_.data8, nullptr);
     } else {
-      EXPECT_EQ(pixels() == libtiff_read(path).samples, c.chain.empty());
+      // libtiff reads tiles by tile, not by line: its written ramp stands in.
+      std::vector<uint32_t> ramp(256);
+      for (uint32_t i = 0; i < 256; ++i) ramp[i] = i;
+      const bool tiled = img_.strip_count == 1 && c.fields.size() == 2 &&
+                         c.fields[0].first == TIFFTAG_TILEWIDTH;
+      EXPECT_EQ(pixels() == (tiled ? ramp : libtiff_read(path).samples), c.chain.empty());
     }
     // The other readers give the same record where they read the file at all.
     vepra_img_t old{};
     vepra_error_t *e2 = vepra_img_read(path.c_str(), &old);
-    EXPECT_EQ(e2 == nullptr, img_.res_unit != RESUNIT_NONE) << take_printed(e2);
+    if (img_.compression == 1) {
+      EXPECT_EQ(e2 == nullptr, img_.res_unit != RESUNIT_NONE) << take_printed(e2);
+    }
     vepra_error_clear(e2);
-    if (old.type == 1 && !(c.flags & header)) {
+    if (old.type == 1 && !(c.flags & header) && img_.compression == 1 && old.strip_count > 0) {
       EXPECT_EQ(std::tuple(old.compression, old.strip_count, old.software == nullptr),
                 std::tuple(img_.compression, img_.strip_count, img_.software == nullptr));
       EXPECT_TRUE(std::equal(old.data8[0], old.data8[0] + 16, img_.data8[0]));
@@ -700,7 +703,8 @@ TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
   std::filesystem::create_directory(dir);
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::pair<std::string, std::string> refused[] = {
-      {motorola, cause(VEPRA_E_TIFF_NOT, "Motorola TIFF is not supported.")},
+      // A big-endian header is read, but this one's directory is missing.
+      {motorola, cause(VEPRA_E_IO_READ, "Cannot read IO stream.")},
       {dir, cause(VEPRA_E_IO_OPEN, "Cannot open file '" + dir + "': it is a directory")},
       {fifo, cause(VEPRA_E_IO_READ, "Cannot read IO stream.")},
   };
@@ -712,15 +716,16 @@ TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
             "file. \nError(120030): Cannot open file '" + dir + "': it is a directory ");
   std::filesystem::remove(dir);
   std::filesystem::remove(fifo);
-  // Reserved flags and pages are refused before the record is touched.
+  // Reserved flags are refused before the record is touched.
   img_.type = 7;
   for (auto [flags, page, m] : {std::tuple{0x8u, 0u, "Unknown image reading flags 0x8"},
-                                {0x80000001u, 0u, "Unknown image reading flags 0x80000000"},
-                                {0u, 1u, "Page 1 cannot be selected: only page 0 is read"}}) {
+                                {0x80000001u, 0u, "Unknown image reading flags 0x80000000"}}) {
     EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, flags, page)),
               "Error(120020): Cannot read image. \nError(120020): " + std::string(m) + " ");
   }
   EXPECT_EQ(img_.type, 7u);
+  EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, 0, 1)),
+            cause(0, "Page 1 does not exist: the file has 1 page"));
   EXPECT_NE(vepra_img_read_ex(path.c_str(), nullptr, 0, 0), nullptr);
 }
 

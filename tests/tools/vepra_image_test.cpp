@@ -240,22 +240,25 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
   for (const char *cmd : {"psl", "density", "mask"}) {
     r = run_tool({cmd, big, "-o", temp_path("x.tif")});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("\nError: The image is neither 16-bit nor 8-bit grayscale. "),
+    EXPECT_NE(r.err.find("\nError: TIFF image with 12 bits per sample is not supported"),
               std::string::npos) << r.err;
   }
   EXPECT_EQ(run_tool({"info", broken}).status, 0);
   r = run_tool({"stats", broken});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("\nError(120153): The data is not complete. "), std::string::npos) << r.err;
-  // Compressed data are refused, not measured; a resolution without a unit
-  // reads as none.
-  const std::string lzw = temp_path("lzw.tif"), unitless = temp_path("unitless.tif");
+  // Compressed data are decoded, measured as the same data uncompressed; a
+  // resolution without a unit reads as none.
+  const std::string lzw = temp_path("lzw.tif"), unitless = temp_path("unitless.tif"),
+                    plain = temp_path("plain.tif");
   libtiff_file(lzw, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+  libtiff_file(plain, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
   libtiff_file(unitless, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
   r = run_tool({"stats", lzw});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("\nError: TIFF compression 5 (LZW) is not supported"), std::string::npos)
-      << r.err;
+  EXPECT_EQ(r.status, 0) << r.err;
+  const ToolRun unpacked = run_tool({"stats", plain});
+  EXPECT_EQ(r.out.substr(r.out.rfind('\t', r.out.find("\t1\t"))),
+            unpacked.out.substr(unpacked.out.rfind('\t', unpacked.out.find("\t1\t"))));
   r = run_tool({"info", unitless});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("\nresolution: none (ResolutionUnit 1, no absolute unit)\n"),
@@ -271,6 +274,84 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
     r = run_tool({cmd, "--help"});
     EXPECT_EQ(r.status, 0) << cmd;
     EXPECT_EQ(r.out.rfind(std::string("Usage: vepra-image ") + cmd + " ", 0), 0u) << r.out;
+  }
+}
+
+// A file of two pages, a 4 x 4 image of ones and a 2 x 2 one of twos: info
+// lists both, the measures read the first unless --page says otherwise.
+TEST_F(VepraImageTest, PagesAreListedAndSelected) {
+  const std::string path = temp_path("pages.tif");
+  TIFF *t = TIFFOpen(path.c_str(), "w");
+  ASSERT_NE(t, nullptr);
+  for (uint32_t p = 0; p < 2; ++p) {
+    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 4u >> p}, {TIFFTAG_IMAGELENGTH, 4u >> p},
+                            {TIFFTAG_BITSPERSAMPLE, 8u}, {TIFFTAG_PHOTOMETRIC, 1u},
+                            {TIFFTAG_COMPRESSION, p == 0 ? 5u : 8u}})
+      TIFFSetField(t, field, v);
+    uint8_t row[4] = {uint8_t(p + 1), uint8_t(p + 1), uint8_t(p + 1), uint8_t(p + 1)};
+    for (uint32_t r = 0; r < (4u >> p); ++r) ASSERT_EQ(TIFFWriteScanline(t, row, r, 0), 1);
+    ASSERT_EQ(TIFFWriteDirectory(t), 1);
+  }
+  TIFFClose(t);
+  ToolRun r = run_tool({"info", path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("\npages: 2\npage 0: 4 x 4 pixels, 8 bits, compression 5, photometric 1 "
+                       "(BlackIsZero)\npage 1: 2 x 2 pixels, 8 bits, compression 8, photometric 1 "
+                       "(BlackIsZero)\n"),
+            std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("size: 4 x 4 pixels"), std::string::npos) << r.out;
+  r = run_tool({"stats", path});
+  EXPECT_NE(r.out.find(path + "\t1\t1\t1.0000"), std::string::npos) << r.out;
+  r = run_tool({"stats", "--page", "1", path});
+  EXPECT_NE(r.out.find(path + "\t2\t2\t2.0000"), std::string::npos) << r.out;
+  r = run_tool({"stats", "--page=2", path});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("\nError: Page 2 does not exist: the file has 2 pages "), std::string::npos)
+      << r.err;
+  EXPECT_NE(run_tool({"stats", "--page", "-1", path}).status, 0);
+}
+
+// Tiled, compressed BigTIFF files in both byte orders give the figures of
+// the same pixels in a plain file.
+TEST_F(VepraImageTest, TiledBigTiffGivesThePlainFigures) {
+  const std::string plain = temp_path("plain.tif");
+  std::string figures;
+  for (const char *mode : {"w", "w8", "wb8"}) {
+    const std::string path = temp_path(std::string(mode) + ".tif");
+    TIFF *t = TIFFOpen(mode == std::string("w") ? plain.c_str() : path.c_str(), mode);
+    ASSERT_NE(t, nullptr);
+    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 20u}, {TIFFTAG_IMAGELENGTH, 19u},
+                            {TIFFTAG_BITSPERSAMPLE, 16u}, {TIFFTAG_PHOTOMETRIC, 1u}})
+      TIFFSetField(t, field, v);
+    std::vector<uint16_t> v(16 * 16);
+    if (mode == std::string("w")) {
+      for (uint32_t r = 0; r < 19; ++r) {
+        for (uint32_t c = 0; c < 20; ++c) v[c] = uint16_t(r * 1000 + c * c);
+        ASSERT_EQ(TIFFWriteScanline(t, v.data(), r, 0), 1);
+      }
+    } else {
+      TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+      TIFFSetField(t, TIFFTAG_TILEWIDTH, 16u);
+      TIFFSetField(t, TIFFTAG_TILELENGTH, 16u);
+      for (uint32_t y = 0; y < 19; y += 16)
+        for (uint32_t x = 0; x < 20; x += 16) {
+          for (uint32_t r = 0; r < 16; ++r)
+            for (uint32_t c = 0; c < 16; ++c) v[r * 16 + c] = uint16_t((y + r) * 1000 + (x + c) * (x + c));
+          ASSERT_GE(TIFFWriteTile(t, v.data(), x, y, 0, 0), 0);
+        }
+    }
+    TIFFClose(t);
+    if (mode == std::string("w")) {
+      const ToolRun r = run_tool({"stats", plain});
+      ASSERT_EQ(r.status, 0) << r.err;
+      figures = r.out.substr(r.out.find('\t', r.out.find(plain)));
+      continue;
+    }
+    const ToolRun r = run_tool({"stats", path});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.substr(r.out.find('\t', r.out.find(path))), figures) << mode;
+    EXPECT_NE(run_tool({"info", path}).out.find("\nsize: 20 x 19 pixels\ndepth: 16 bits"),
+              std::string::npos);
   }
 }
 
