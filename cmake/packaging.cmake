@@ -100,4 +100,6 @@ vepra-image looks at grayscale TIFF scans and measures them (information,
 statistics, regions, data mask, PSL, optical density) one file or a whole
 folder at a time; vepra-sysinfo reports the machine and its processor.")
 
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/strip_runpath.cmake)
+
 include(CPack)

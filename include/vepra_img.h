@@ -45,40 +45,96 @@ typedef struct vepra_img_t {
 /** @name Reading
  *  Readers accept little-endian ("II") baseline TIFF with uncompressed
  *  strips; 8- and 16-bit samples become a pixel matrix, other depths read
- *  with no pixels. Resolutions are returned in pixels per inch. After a
- *  failed read the record holds no allocations.
+ *  with no pixels. Every directory of a file is visited, a tag met again
+ *  overwriting what an earlier directory stored. Resolutions are returned
+ *  in pixels per inch (ResolutionUnit 2, or 3 converted; 120152 for any
+ *  other unit). After a failed read the record holds no allocations.
+ *
+ *  Deliberate readings, where the literal TIFF rule would misread real
+ *  files: a StripOffsets or StripByteCounts entry with two SHORT values
+ *  takes both from the value field itself; a BitsPerSample value field
+ *  above 32 with count 1 or 2 holds the values in place (low half first)
+ *  rather than an offset; the Software text is always read at the offset
+ *  in its value field. Compression, SamplesPerPixel and
+ *  PlanarConfiguration are stored but not interpreted (strips are copied
+ *  as raw bytes) unless VEPRA_IMG_READ_STRICT is given to
+ *  vepra_img_read_ex().
+ *
+ *  Codes of a failed read of a file that opened: 120031 (short read, or an
+ *  array or text the file cannot hold), 120033 (seek), 120150 (not a
+ *  little-endian TIFF: "Motorola TIFF is not supported.", "Unknown data
+ *  format.", "Unknown TIFF format."), 0 ("No image data were found."),
+ *  120151 (invalid BitsPerSample or SamplesPerPixel, zero resolution
+ *  denominator, strip array of 2^31 entries or more), 120152 (unknown
+ *  resolution unit, strip arrays of different lengths, directories that
+ *  loop, an image that does not fit in the file, and for pixel reads a
+ *  missing photometric interpretation), 120153 (strip shorter than its
+ *  byte count), 120010 (a strip array of 0 entries), 120012 (allocation).
+ *  Below, "the read codes" means this list.
  *  @{ */
 /** Reads the image at path into img: checks that the file is TIFF, then
  *  reads its directories and pixels. The record then owns its allocations
  *  (release them with vepra_img_free()). Errors, wrapped by "Cannot read
- *  image.": 120030 (cannot open), 120031, 120033, 120151, 120152, 120153,
- *  120012 and other allocation codes; 120154 (not wrapped) when the file
- *  is not a TIFF this library reads. */
+ *  image.": 120020 (null img); 120030 (cannot open, or a directory), also
+ *  wrapped by "Cannot read TIFF information from file."; the read codes of
+ *  the pixel pass, also wrapped by "Cannot read TIFF image.". 120154
+ *  ("Image type is unknown.", not wrapped) when the directory pass fails
+ *  for any reason, allocation included: the cause is not reported (see
+ *  vepra_img_read_ex() for a read that reports it). */
 VEPRA_API vepra_error_t *vepra_img_read(const char *path, vepra_img_t *img)
     VEPRA_NOTHROW;
 /** Reads only the TIFF directories of path into img (no pixels). Only a
  *  file that cannot be opened is returned as an error (120030, wrapped by
- *  "Cannot read TIFF information from file."); a file that opens but does
- *  not parse is reported by img->type staying 0, with the record released.
- *  On success img->type is 1 and the record owns its strip arrays and
- *  Software text. */
+ *  "Cannot read TIFF information from file."; also for a directory), and
+ *  120020 for a null img; a file that opens but does not parse (any of the
+ *  read codes) is reported by img->type staying 0, with the record
+ *  released. On success img->type is 1 and the record owns its strip
+ *  arrays and Software text. */
 VEPRA_API vepra_error_t *vepra_img_read_tiff_info(const char *path,
                                                   vepra_img_t *img)
     VEPRA_NOTHROW;
 /** Reads the TIFF directories and pixels of path into img. Errors, wrapped
- *  by "Cannot read TIFF image.": 120030, 120031 (short read), 120033 (seek),
- *  120150 (not a little-endian TIFF), 0 ("No image data were found."),
- *  120151 (invalid tag), 120152 (resolution unit, strip counts, missing
- *  photometric interpretation), 120153 (strip shorter than its byte count),
- *  and the allocation codes of vepra_mem.h. */
+ *  by "Cannot read TIFF image.": 120020 (null img), 120030 (cannot open, or
+ *  a directory) and the read codes. */
 VEPRA_API vepra_error_t *vepra_img_read_tiff(const char *path,
                                              vepra_img_t *img) VEPRA_NOTHROW;
+
+/** Flags of vepra_img_read_ex(), combined with |. Bits not defined here are
+ *  reserved and refused. */
+/** Give an absent Compression, SamplesPerPixel or PlanarConfiguration its
+ *  TIFF default, 1, in the record; then refuse (code 0, with a message
+ *  naming the value) what the reader would store but cannot decode:
+ *  Compression other than 1, more than one sample per pixel, a
+ *  PlanarConfiguration other than 1 with several samples, tiles. */
+#define VEPRA_IMG_READ_STRICT 0x1u
+/** Accept ResolutionUnit 1 (no absolute unit) as "no resolution": xres and
+ *  yres become 0 and res_unit stays 1, instead of failing with 120152. */
+#define VEPRA_IMG_READ_UNITLESS 0x2u
+/** Read the directories only, as vepra_img_read_tiff_info() does, but
+ *  report a failure instead of leaving img->type at 0. */
+#define VEPRA_IMG_READ_HEADER 0x4u
+
+/** Reads the image at path into img as vepra_img_read_tiff() does (or its
+ *  directories only, with VEPRA_IMG_READ_HEADER), under the given flags,
+ *  and reports the cause of every failure. page selects the image of a
+ *  multi-page file; only 0 is accepted for now, which reads like
+ *  vepra_img_read() (every directory visited). With flags 0 and page 0 a
+ *  TIFF file gives the record vepra_img_read() gives. The record then owns
+ *  its allocations. Errors, wrapped by "Cannot read TIFF image." and then
+ *  "Cannot read image.": 120030 (cannot open, or a directory), the read
+ *  codes, and code 0 for a file refused by VEPRA_IMG_READ_STRICT. Wrapped
+ *  by "Cannot read image." only: 120020 for a null img, reserved flags or
+ *  a page other than 0 (img untouched). */
+VEPRA_API vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img,
+                                           uint32_t flags, uint32_t page)
+    VEPRA_NOTHROW;
 /** Releases what img owns (pixel matrix, strip arrays, Software text) and
  *  nulls those pointers; other fields, type included, are kept. Nothing for
  *  null. */
 VEPRA_API void vepra_img_free(vepra_img_t *img) VEPRA_NOTHROW;
 /** Writes the resolution of img in pixels per millimetre to xres_mm and
- *  yres_mm. Always returns null. */
+ *  yres_mm (each skipped when null). Always returns null, also for a null
+ *  img. */
 VEPRA_API vepra_error_t *vepra_img_get_resmm(const vepra_img_t *img,
                                              double *xres_mm, double *yres_mm)
     VEPRA_NOTHROW;
@@ -88,21 +144,32 @@ VEPRA_API vepra_error_t *vepra_img_get_resmm(const vepra_img_t *img,
  *  Files are written little-endian and uncompressed, as one strip in one
  *  directory of ten entries carrying the Software text "VEPRA <version>".
  *  Resolutions, the record's own Software text and its strip arrays are not
- *  written. A failed write leaves the partial file behind.
+ *  written. A regular file (new, or an existing one, also reached through
+ *  symbolic links, which stay) is written as a temporary file in its
+ *  directory that replaces it only once every byte is written and the file
+ *  is closed: a failed write leaves an existing file untouched and no
+ *  temporary file behind. A target that exists and is not a regular file
+ *  (a device, a FIFO), or one in a directory where no temporary file can be
+ *  created, is written in place, and a failure there leaves the partial
+ *  file.
  *  @{ */
 /** Writes img (8- or 16-bit; other depths write the directory only) as a
- *  TIFF file at path, created or truncated. Errors, wrapped by "Cannot
- *  write TIFF image.": 120030 (cannot open), 120032 (short write). */
+ *  TIFF file at path. Errors, wrapped by "Cannot write TIFF image.":
+ *  120020 (null img, or an image with pixels but no pixel matrix), 120030
+ *  (cannot open), 120032 (a write, the final close or the replacement
+ *  failed), 120152 (an image too large for 32-bit offsets). */
 VEPRA_API vepra_error_t *vepra_img_write_tiff(const char *path,
                                               const vepra_img_t *img)
     VEPRA_NOTHROW;
 /** Writes the rows x cols matrix arr (arr[r][c] for rows 0..rows-1 and
- *  columns 0..cols-1) as a 16-bit WhiteIsZero TIFF at path, scaled
- *  linearly so that the minimum becomes 0 and the maximum 65535 (all
- *  samples 0 when every value is equal). NaN values are ignored by the
- *  scaling and written as 0. Errors, wrapped by "Cannot convert double
- *  array to TIFF image.": 120030, 120032 and the allocation codes of
- *  vepra_mem.h. */
+ *  columns 0..cols-1) as a 16-bit WhiteIsZero TIFF at path. The finite
+ *  values are scaled linearly so that their minimum becomes 0 and their
+ *  maximum 65535, without overflow whatever their range (all 0 when they
+ *  are equal); -infinity becomes 0, +infinity 65535 and NaN 0. With rows
+ *  or cols 0 nothing is read from arr (it may be null) and the file has a
+ *  valid directory of that size and no samples. Errors, wrapped by
+ *  "Cannot convert double array to TIFF image.": 120020 (null arr or row),
+ *  120030, 120032, 120152 (too large) and 120012 (allocation). */
 VEPRA_API vepra_error_t *vepra_img_darr_to_tiff(const char *path,
                                                 double **arr, unsigned rows,
                                                 unsigned cols) VEPRA_NOTHROW;

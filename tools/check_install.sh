@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the build tree into a scratch prefix and builds and runs the
-# examples against it twice: through pkg-config and through find_package.
+# Installs the build tree into a scratch prefix, runs the installed
+# vepra-image with a clean environment (from there and after moving the
+# prefix), and builds and runs the examples against it twice: through
+# pkg-config and through find_package.
 # Usage: check_install.sh BUILD_DIR EXAMPLES_DIR [EXTRA_FLAGS]
 set -euo pipefail
 build=$1 examples=$2 extra=${3:-}
@@ -15,6 +17,21 @@ for link in libvepra.so libvepra.so.1; do
 done
 soname=$(objdump -p "$libdir/libvepra.so.1.0.0" | awk '/SONAME/ {print $2}')
 [ "$soname" = libvepra.so.1 ] || { echo "SONAME is '$soname'"; exit 1; }
+
+# The installed program finds the library through its relative run path:
+# it runs with a clean environment, and still does after the whole
+# installation has moved.
+if [ -x "$build/tools/vepra-image" ]; then
+  for root in "$prefix" "$work/moved"; do
+    [ "$root" = "$prefix" ] || cp -a "$prefix" "$root"
+    (cd "$work" && env -i "$root/bin/vepra-image" synth -o "$work/run.tif" --width 8 --height 4 &&
+      env -i "$root/bin/vepra-image" info "$work/run.tif") > "$work/tool.out"
+    grep -q '^size: 8 x 4 pixels$' "$work/tool.out" || { cat "$work/tool.out"; exit 1; }
+  done
+  readelf -d "$prefix/bin/vepra-image" | grep -q 'R.*PATH.*\$ORIGIN/\.\./' ||
+    { echo "vepra-image has no relative run path"; exit 1; }
+fi
+
 export LD_LIBRARY_PATH=$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 
 # pkg-config

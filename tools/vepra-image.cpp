@@ -7,6 +7,8 @@
 // command line that cannot be understood.
 #define VEPRA_ERROR_NO_LOCATION 1  // the chains tell the user, not the source
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -126,7 +128,15 @@ vepra_error_t *parse_args(const Command &cmd, int argc, char **argv, Args &out) 
   return nullptr;
 }
 
-vepra_error_t *parse_double(const Args &args, const char *name, double *value) {
+// The values an option of a measure can mean: from `low` (excluded when
+// low_open) to `high` (any finite value when both are infinite).
+struct Range {
+  double low = -std::numeric_limits<double>::infinity();
+  double high = std::numeric_limits<double>::infinity();
+  bool low_open = true;
+};
+
+vepra_error_t *parse_double(const Args &args, const char *name, Range range, double *value) {
   if (!args.has(name)) return nullptr;
   const std::string &text = args.get(name);
   char *end = nullptr;
@@ -134,6 +144,10 @@ vepra_error_t *parse_double(const Args &args, const char *name, double *value) {
   const double v = std::strtod(text.c_str(), &end);
   if (text.empty() || *end != '\0' || errno == ERANGE || !std::isfinite(v)) {
     return fail(VEPRA_E_STR_TO_DOUBLE, "Invalid number '%s' for option '%s'.", text.c_str(), name);
+  }
+  if (!((range.low_open ? v > range.low : v >= range.low) && v <= range.high)) {
+    return fail(VEPRA_E_STR_TO_DOUBLE, "Invalid value '%s' for option '%s' (%s %.15g, at most %.15g).",
+                text.c_str(), name, range.low_open ? "above" : "at least", range.low, range.high);
   }
   *value = v;
   return nullptr;
@@ -197,8 +211,44 @@ const char *photometric_name(int32_t p) {
 
 uint32_t full_scale(const vepra_img_t &img) { return img.bits_per_sample[0] == 8 ? 255 : 65535; }
 
-vepra_error_t *read_image(const std::string &path, Image &img) {
-  vepra_error_t *e = vepra_img_read(path.c_str(), &img.rec);
+// A file name for one field of the line-oriented output, escaped the way
+// `ls --quoting-style=escape` does (backslash, and C escapes or three octal
+// digits for control characters), so that tabs and newlines in names
+// cannot break lines or columns. Spaces are kept: they separate nothing.
+std::string escaped(const std::string &name) {
+  std::string out;
+  for (const char ch : name) {
+    const auto c = static_cast<unsigned char>(ch);
+    const char *named = c == '\\' ? "\\\\" : c == '\t' ? "\\t" : c == '\n' ? "\\n"
+                      : c == '\r' ? "\\r" : c == '\a' ? "\\a" : c == '\b' ? "\\b"
+                      : c == '\f' ? "\\f" : c == '\v' ? "\\v" : nullptr;
+    if (named != nullptr) {
+      out += named;
+    } else if (c < 0x20 || c == 0x7F) {
+      char octal[5];
+      std::snprintf(octal, sizeof octal, "\\%03o", c);
+      out += octal;
+    } else {
+      out += ch;
+    }
+  }
+  return out;
+}
+
+// Every file is read so that undecodable data are refused rather than
+// measured, and a resolution without a unit reads as none.
+constexpr uint32_t kReadFlags = VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_UNITLESS;
+
+vepra_error_t *read_image(const std::string &path, Image &img, uint32_t flags = 0) {
+  // A FIFO or a terminal would block or never end: only files that can be
+  // sought are read. A path that does not exist is left to the library.
+  struct stat st {};
+  vepra_error_t *e = nullptr;
+  if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
+    e = fail(VEPRA_E_IO_OPEN, "'%s' is not a regular file or block device", path.c_str());
+  } else {
+    e = vepra_img_read_ex(path.c_str(), &img.rec, kReadFlags | flags, 0);
+  }
   return e != nullptr ? wrap(e, "Cannot open image '%s'.", path.c_str()) : nullptr;
 }
 
@@ -217,14 +267,14 @@ int run_info(const Args &args) {
   bool first = true;
   for (const std::string &path : args.operands) {
     Image img;
-    if (vepra_error_t *e = read_image(path, img)) {
+    if (vepra_error_t *e = read_image(path, img, VEPRA_IMG_READ_HEADER)) {
       status = report(e);
       continue;
     }
     const vepra_img_t &r = img.rec;
     if (!first) std::printf("\n");
     first = false;
-    std::printf("file: %s\n", path.c_str());
+    std::printf("file: %s\n", escaped(path).c_str());
     std::printf("size: %u x %u pixels\n", r.width, r.height);
     std::printf("depth: %u bits per sample, %u sample(s) per pixel\n", r.bits_per_sample[0],
                 r.samples_per_pixel);
@@ -234,6 +284,8 @@ int run_info(const Args &args) {
       report(vepra_img_get_resmm(&r, &xmm, &ymm));
       std::printf("resolution: %g x %g pixels per inch, %g x %g pixels per mm\n", r.xres, r.yres,
                   xmm, ymm);
+    } else if (r.res_unit == 1) {
+      std::printf("resolution: none (ResolutionUnit 1, no absolute unit)\n");
     } else {
       std::printf("resolution: none\n");
     }
@@ -250,16 +302,22 @@ int run_info(const Args &args) {
 
 // ----------------------------------------------------------------- stats
 
+// A histogram as the library returns it.
+struct Counts {
+  size_t nbins = 0;
+  uint64_t *bins = nullptr;
+  Counts() = default;
+  Counts(const Counts &) = delete;
+  Counts &operator=(const Counts &) = delete;
+  ~Counts() { vepra_mem_free(bins); }
+};
+
+// A histogram kept for the CSV file: the counts up to the last occupied
+// value (the rest are 0) and the number of values.
 struct Histogram {
   std::string path;
   size_t nbins = 0;
-  uint64_t *bins = nullptr;
-  Histogram() = default;
-  Histogram(Histogram &&o) noexcept : path(std::move(o.path)), nbins(o.nbins), bins(o.bins) {
-    o.bins = nullptr;
-  }
-  Histogram(const Histogram &) = delete;
-  ~Histogram() { vepra_mem_free(bins); }
+  std::vector<uint64_t> bins;
 };
 
 vepra_error_t *write_histograms(const std::string &out, const std::vector<Histogram> &hists) {
@@ -278,8 +336,11 @@ vepra_error_t *write_histograms(const std::string &out, const std::vector<Histog
   for (size_t v = 0; v < rows; ++v) {
     std::fprintf(f, "%zu", v);
     for (const Histogram &h : hists) {
-      if (v < h.nbins) std::fprintf(f, ",%llu", static_cast<unsigned long long>(h.bins[v]));
-      else std::fprintf(f, ",");
+      if (v < h.nbins) {
+        std::fprintf(f, ",%llu", static_cast<unsigned long long>(v < h.bins.size() ? h.bins[v] : 0));
+      } else {
+        std::fprintf(f, ",");
+      }
     }
     std::fprintf(f, "\n");
   }
@@ -291,10 +352,12 @@ vepra_error_t *write_histograms(const std::string &out, const std::vector<Histog
   return nullptr;
 }
 
-vepra_error_t *file_stats(const std::string &path, Histogram &hist) {
+// Prints the statistics line of path; with keep, also fills hist.
+vepra_error_t *file_stats(const std::string &path, Histogram *keep) {
   Image img;
   if (vepra_error_t *e = read_image(path, img)) return e;
   const char *context = "Cannot compute statistics of '%s'.";
+  Counts hist;
   if (vepra_error_t *e = vepra_img_histogram(&img.rec, &hist.nbins, &hist.bins)) {
     return wrap(e, context, path.c_str());
   }
@@ -312,13 +375,18 @@ vepra_error_t *file_stats(const std::string &path, Histogram &hist) {
     count += hist.bins[v];
     sum += static_cast<unsigned __int128>(v) * hist.bins[v];
   }
+  const std::string name = escaped(path);
   if (count == 0) {
-    std::printf("%s\t-\t-\t-\t%.6f\t%.4f\n", path.c_str(), entropy, threshold);
+    std::printf("%s\t-\t-\t-\t%.6f\t%.4f\n", name.c_str(), entropy, threshold);
   } else {
-    std::printf("%s\t%zu\t%zu\t%.4f\t%.6f\t%.4f\n", path.c_str(), min, max,
+    std::printf("%s\t%zu\t%zu\t%.4f\t%.6f\t%.4f\n", name.c_str(), min, max,
                 static_cast<double>(sum) / static_cast<double>(count), entropy, threshold);
   }
-  hist.path = path;
+  if (keep != nullptr) {
+    keep->path = path;
+    keep->nbins = hist.nbins;
+    keep->bins.assign(hist.bins, hist.bins + (count == 0 ? 0 : max + 1));
+  }
   return nullptr;
 }
 
@@ -326,13 +394,14 @@ int run_stats(const Args &args) {
   int status = 0;
   std::vector<Histogram> hists;
   std::printf("file\tmin\tmax\tmean\tentropy\tthreshold\n");
+  const bool keep = args.has("--histogram");
   for (const std::string &path : args.operands) {
     Histogram h;
-    if (vepra_error_t *e = file_stats(path, h)) {
+    if (vepra_error_t *e = file_stats(path, keep ? &h : nullptr)) {
       status = report(e);
       continue;
     }
-    hists.push_back(std::move(h));
+    if (keep) hists.push_back(std::move(h));
   }
   std::fflush(stdout);
   if (args.has("--histogram")) {
@@ -343,28 +412,6 @@ int run_stats(const Args &args) {
 
 // --------------------------------------------------- mask, psl, density
 
-// Replaces infinities by the largest (smallest) finite value, so that the
-// linear scaling of the written image keeps the finite values apart.
-void clamp_infinities(const Doubles &m, uint32_t h, uint32_t w) {
-  double lo = std::numeric_limits<double>::infinity(), hi = -lo;
-  for (uint32_t r = 0; r < h; ++r) {
-    for (uint32_t c = 0; c < w; ++c) {
-      const double v = m.rows[r][c];
-      if (std::isfinite(v)) {
-        lo = std::min(lo, v);
-        hi = std::max(hi, v);
-      }
-    }
-  }
-  if (lo > hi) lo = hi = 0.0;  // nothing finite at all
-  for (uint32_t r = 0; r < h; ++r) {
-    for (uint32_t c = 0; c < w; ++c) {
-      double &v = m.rows[r][c];
-      if (std::isinf(v)) v = v > 0 ? hi : lo;
-    }
-  }
-}
-
 // Parameters of the measures, read from the command line before any file.
 struct MeasureOptions {
   double pixel_size = 100, sensitivity = 4000, latitude = 5;
@@ -372,12 +419,26 @@ struct MeasureOptions {
   double saturated = 0;
 };
 
+// Scanner pixels of up to 10 mm, sensitivities (S values) of 1 to 10^6 and
+// latitudes of up to 10 decades: every PSL is then a finite number.
 vepra_error_t *parse_measure_options(const Args &args, MeasureOptions &o) {
-  if (vepra_error_t *e = parse_double(args, "--pixel-size", &o.pixel_size)) return e;
-  if (vepra_error_t *e = parse_double(args, "--sensitivity", &o.sensitivity)) return e;
-  if (vepra_error_t *e = parse_double(args, "--latitude", &o.latitude)) return e;
+  if (vepra_error_t *e = parse_double(args, "--pixel-size", {0.0, 1e4}, &o.pixel_size)) return e;
+  if (vepra_error_t *e = parse_double(args, "--sensitivity", {1.0, 1e6, false}, &o.sensitivity)) {
+    return e;
+  }
+  if (vepra_error_t *e = parse_double(args, "--latitude", {0.0, 10.0}, &o.latitude)) return e;
   o.has_saturated = args.has("--saturated");
-  return parse_double(args, "--saturated", &o.saturated);
+  return parse_double(args, "--saturated", {}, &o.saturated);
+}
+
+// Whether the measures accept img: the output is allocated only then, so
+// that a refused image is reported as such (by the library) however large
+// it claims to be.
+bool measurable(const vepra_img_t &img) {
+  const uint32_t depth = img.bits_per_sample[0];
+  const bool has_rows = depth == 8 ? img.data8 != nullptr : img.data16 != nullptr;
+  return img.samples_per_pixel == 1 && (img.photometric == 0 || img.photometric == 1) &&
+         (depth == 8 || depth == 16) && (img.width == 0 || img.height == 0 || has_rows);
 }
 
 using Measure = vepra_error_t *(*)(const MeasureOptions &, const vepra_img_t &, double **);
@@ -397,14 +458,14 @@ int run_measure(const Args &args, const char *what, Measure measure) {
   Doubles m;
   double *no_rows[1] = {nullptr};
   double **rows = no_rows;
-  if (h > 0 && w > 0) {
+  if (!measurable(img.rec)) rows = nullptr;  // the library says why
+  else if (h > 0 && w > 0) {
     if (vepra_error_t *e = m.alloc(h, w)) return report(wrap(e, "Cannot compute %s.", what));
     rows = m.rows;
   }
   if (vepra_error_t *e = measure(options, img.rec, rows)) {
     return report(wrap(e, "Cannot compute %s of '%s'.", what, path.c_str()));
   }
-  if (h > 0 && w > 0) clamp_infinities(m, h, w);
   if (vepra_error_t *e = vepra_img_darr_to_tiff(out.c_str(), rows, h, w)) {
     return report(wrap(e, "Cannot write %s to '%s'.", what, out.c_str()));
   }
@@ -533,15 +594,16 @@ const Command kCommands[] = {
      "  --pixel-size UM   scanner pixel size in micrometres (default 100)\n"
      "  --sensitivity S   scan sensitivity setting (default 4000)\n"
      "  --latitude L      scan latitude in decades (default 5)\n"
-     "Infinite values are written as the largest (smallest) finite one.\n",
+     "UM lies above 0 and at most 10000, S from 1 to 1000000, L above 0 and at\n"
+     "most 10.\n",
      {"--output", "--pixel-size", "--sensitivity", "--latitude"}, run_psl},
     {"density", "FILE -o OUT.tif [--saturated D]",
      "Writes the optical density as a 16-bit TIFF scaled linearly from its\n"
      "minimum to its maximum.\n"
      "  --saturated D   value for full-scale samples (default: log10 of the\n"
      "                  full scale under WhiteIsZero, 0 under BlackIsZero)\n"
-     "Infinite values (black pixels of BlackIsZero images) are written as the\n"
-     "largest finite value.\n",
+     "Infinite values (black pixels of BlackIsZero images) are written as\n"
+     "65535, like the largest finite value.\n",
      {"--output", "--saturated"}, run_density},
     {"synth", "-o OUT.tif [--width W] [--height H] [--pattern N]",
      "Writes a synthetic 16-bit BlackIsZero sample scan: a background\n"

@@ -1,5 +1,9 @@
 // The image record: release, resolution query, the general read entry
 // point, and the helpers the TIFF reader and writer share.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
 
 #include "core/error_internal.hpp"
@@ -9,12 +13,23 @@
 
 namespace vepra::detail::tiff {
 
-vepra_error_t *open_file(const char *path, const char *mode, const char *context,
-                         File *out) noexcept {
-  FILE *f = path != nullptr ? std::fopen(path, mode) : nullptr;
+vepra_error_t *open_for_reading(const char *path, const char *context, File *out) noexcept {
+  const char *shown = path != nullptr ? path : "(null)";
+  // Opening without blocking keeps a FIFO that has no writer from stopping
+  // the caller; the descriptor is made blocking again for the reads.
+  const int fd = path != nullptr ? open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+  if (fd < 0) return make_wrapped(VEPRA_E_IO_OPEN, context, "Cannot open file '%s'", shown);
+  struct stat st {};
+  if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    close(fd);
+    return make_wrapped(VEPRA_E_IO_OPEN, context, "Cannot open file '%s': it is a directory",
+                        shown);
+  }
+  const int fl = fcntl(fd, F_GETFL);
+  FILE *f = fl != -1 && fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) == 0 ? fdopen(fd, "rb") : nullptr;
   if (f == nullptr) {
-    return make_wrapped(VEPRA_E_IO_OPEN, context, "Cannot open file '%s'",
-                        path != nullptr ? path : "(null)");
+    close(fd);
+    return make_wrapped(VEPRA_E_IO_OPEN, context, "Cannot open file '%s'", shown);
   }
   out->reset(f);
   return nullptr;

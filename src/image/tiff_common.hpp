@@ -36,6 +36,8 @@ enum Tag : uint16_t {
   kPlanarConfig = 284,
   kResolutionUnit = 296,
   kSoftware = 305,
+  kTileWidth = 322,
+  kTileOffsets = 324,
 };
 
 enum FieldType : uint16_t { kAscii = 2, kShort = 3, kLong = 4 };
@@ -102,10 +104,11 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-// Opens path with the stdio mode; on failure returns code 120030 naming the
-// path, wrapped by context.
-[[nodiscard]] vepra_error_t *open_file(const char *path, const char *mode, const char *context,
-                                       File *out) noexcept;
+// Opens path for binary reading; on failure returns code 120030 naming the
+// path, wrapped by context. A directory is refused with the same code, and a
+// FIFO without a writer does not block the opening (it reads as empty).
+[[nodiscard]] vepra_error_t *open_for_reading(const char *path, const char *context,
+                                              File *out) noexcept;
 
 // The error for a null image record, wrapped by context.
 [[nodiscard]] vepra_error_t *null_record(const char *context) noexcept;
@@ -116,5 +119,16 @@ using File = std::unique_ptr<FILE, FileCloser>;
 void reset(vepra_img_t *img) noexcept;
 
 }  // namespace vepra::detail::tiff
+
+namespace vepra::testing {
+
+// Makes the TIFF writer's output behave like a device with `bytes` bytes of
+// room from now on: the write that reaches the limit stores what fits and
+// fails with ENOSPC, as do all later ones. When close_fails is set, closing
+// the output fails as well (as a delayed write error would). A negative
+// `bytes` switches both off.
+void fail_tiff_output_after(long long bytes, bool close_fails = false) noexcept;
+
+}  // namespace vepra::testing
 
 #endif  // VEPRA_SRC_IMAGE_TIFF_COMMON_HPP

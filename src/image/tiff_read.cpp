@@ -26,6 +26,9 @@ namespace {
 
 constexpr const char *kInfoContext = "Cannot read TIFF information from file.";
 constexpr const char *kImageContext = "Cannot read TIFF image.";
+constexpr const char *kReadContext = "Cannot read image.";
+constexpr uint32_t kKnownFlags =
+    VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_UNITLESS | VEPRA_IMG_READ_HEADER;
 
 // How often the directory parser may read the file over: a valid file reads
 // each directory and array once (or a few times, if directories share their
@@ -33,6 +36,14 @@ constexpr const char *kImageContext = "Cannot read TIFF image.";
 // ever.
 constexpr int64_t kRereadFactor = 16;
 constexpr int64_t kRereadSlack = 4096;
+
+// The read budget of a file of the given size, saturating for sizes near
+// the largest offset (a huge sparse file, or a device that reports one).
+constexpr int64_t read_budget(int64_t size) noexcept {
+  return size <= (INT64_MAX - kRereadSlack) / kRereadFactor ? size * kRereadFactor + kRereadSlack
+                                                             : INT64_MAX;
+}
+static_assert(read_budget(INT64_MAX) == INT64_MAX && read_budget(0) == kRereadSlack);
 
 int64_t file_size(FILE *f) noexcept {
   struct stat st {};
@@ -48,10 +59,13 @@ int64_t file_size(FILE *f) noexcept {
 // many bytes the directory parser may still read.
 class Reader {
  public:
-  explicit Reader(FILE *f) noexcept
-      : file_(f), size_(file_size(f)), budget_(size_ * kRereadFactor + kRereadSlack) {}
+  Reader(FILE *f, uint32_t flags) noexcept
+      : file_(f), size_(file_size(f)), budget_(read_budget(size_)), flags_(flags) {}
 
   FILE *file() const noexcept { return file_; }
+  bool has(uint32_t flag) const noexcept { return (flags_ & flag) != 0; }
+  // Whether a directory described tiles, which this reader cannot place.
+  bool tiled = false;
   int64_t size() const noexcept { return size_; }
   int64_t position() const noexcept { return pos_; }
 
@@ -91,6 +105,7 @@ class Reader {
   FILE *file_;
   int64_t size_;
   int64_t budget_;
+  uint32_t flags_;
   int64_t pos_ = 0;
 };
 
@@ -220,6 +235,8 @@ vepra_error_t *read_entry(Reader &r, const Entry &e, vepra_img_t *img) noexcept 
     case kPlanarConfig: img->planar_config = e.value; return nullptr;
     case kResolutionUnit: img->res_unit = static_cast<int32_t>(e.value); return nullptr;
     case kSoftware: return read_software(r, e, img);
+    case kTileWidth:
+    case kTileOffsets: r.tiled = true; return nullptr;
     default: return nullptr;
   }
 }
@@ -261,14 +278,71 @@ vepra_error_t *read_tiff_directory(vepra_img_t *img, Reader &r) noexcept {
   switch (img->res_unit) {
     case -1:
     case 2: return nullptr;
+    case 1:
+      if (!r.has(VEPRA_IMG_READ_UNITLESS)) break;
+      // No absolute unit: the ratio says nothing about the scanned size.
+      img->xres = img->yres = 0;
+      return nullptr;
     case 3:
       img->xres *= 2.54;
       img->yres *= 2.54;
       return nullptr;
-    default:
-      return make_error(VEPRA_E_TIFF_STRUCTURE, "Unknown resolution units [%d] in TIFF file",
-                        img->res_unit);
+    default: break;
   }
+  return make_error(VEPRA_E_TIFF_STRUCTURE, "Unknown resolution units [%d] in TIFF file",
+                    img->res_unit);
+}
+
+const char *compression_name(uint32_t c) noexcept {
+  switch (c) {
+    case 2: return "CCITT RLE";
+    case 3: return "CCITT Group 3";
+    case 4: return "CCITT Group 4";
+    case 5: return "LZW";
+    case 6:
+    case 7: return "JPEG";
+    case 8:
+    case 32946: return "Deflate";
+    case 32773: return "PackBits";
+    case 34925: return "LZMA";
+    case 50000: return "ZSTD";
+    case 50001: return "WebP";
+    default: return "unknown";
+  }
+}
+
+// With VEPRA_IMG_READ_STRICT: gives absent fields (0) their TIFF defaults
+// (no compression, one sample, chunky), then refuses what the directory
+// describes but the pixel reader would only copy as raw bytes.
+vepra_error_t *check_decodable(vepra_img_t *img, const Reader &r) noexcept {
+  if (!r.has(VEPRA_IMG_READ_STRICT)) return nullptr;
+  for (uint32_t *field : {&img->compression, &img->samples_per_pixel, &img->planar_config}) {
+    if (*field == 0) *field = 1;
+  }
+  if (img->compression > 1) {
+    return make_error(0,
+                      "TIFF compression %u (%s) is not supported: only uncompressed images are "
+                      "read (convert with: tiffcp -c none IN OUT)",
+                      img->compression, compression_name(img->compression));
+  }
+  if (img->samples_per_pixel > 1 && img->planar_config > 1) {
+    return make_error(0,
+                      "TIFF planar configuration %u with %u samples per pixel is not supported: "
+                      "only one sample per pixel is read",
+                      img->planar_config, img->samples_per_pixel);
+  }
+  if (img->samples_per_pixel > 1) {
+    return make_error(0,
+                      "TIFF image with %u samples per pixel is not supported: only one sample "
+                      "per pixel is read",
+                      img->samples_per_pixel);
+  }
+  if (r.tiled) {
+    return make_error(0,
+                      "Tiled TIFF is not supported: only strips are read (convert with: tiffcp -s "
+                      "IN OUT)");
+  }
+  return nullptr;
 }
 
 vepra_error_t *check_strip_counts(const vepra_img_t *img) noexcept {
@@ -360,11 +434,13 @@ vepra_error_t *seek_strips(const vepra_img_t *img, Reader &r) noexcept {
 
 vepra_error_t *read_info(vepra_img_t *img, Reader &r) noexcept {
   if (vepra_error_t *e = read_tiff_directory(img, r)) return e;
-  return check_strip_counts(img);
+  if (vepra_error_t *e = check_strip_counts(img)) return e;
+  return check_decodable(img, r);
 }
 
 vepra_error_t *read_image(vepra_img_t *img, Reader &r) noexcept {
   if (vepra_error_t *e = read_tiff_directory(img, r)) return e;
+  if (vepra_error_t *e = check_decodable(img, r)) return e;
   if (img->photometric == -1) {
     return make_error(VEPRA_E_TIFF_STRUCTURE, "Unknown photometric interpretation");
   }
@@ -388,12 +464,12 @@ struct Outcome {
 // Opens path and runs read over the reset record. A record that could not
 // be read is released; one that could is typed TIFF.
 Outcome read_file(const char *path, vepra_img_t *img, const char *context,
-                  vepra_error_t *(*read)(vepra_img_t *, Reader &)) noexcept {
+                  vepra_error_t *(*read)(vepra_img_t *, Reader &), uint32_t flags = 0) noexcept {
   if (img == nullptr) return {null_record(context), nullptr};
   File file;
-  if (vepra_error_t *e = open_file(path, "rb", context, &file)) return {e, nullptr};
+  if (vepra_error_t *e = open_for_reading(path, context, &file)) return {e, nullptr};
   reset(img);
-  Reader r(file.get());
+  Reader r(file.get(), flags);
   vepra_error_t *e = read(img, r);
   if (e != nullptr) {
     vepra_img_free(img);
@@ -418,6 +494,25 @@ vepra_error_t *vepra_img_read_tiff_info(const char *path, vepra_img_t *img) noex
 vepra_error_t *vepra_img_read_tiff(const char *path, vepra_img_t *img) noexcept {
   const Outcome out = read_file(path, img, kImageContext, read_image);
   return out.unread != nullptr ? wrap_error(out.unread, "%s", kImageContext) : out.unopened;
+}
+
+vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img, uint32_t flags,
+                                 uint32_t page) noexcept {
+  if (img == nullptr) return null_record(kReadContext);
+  if ((flags & ~kKnownFlags) != 0) {
+    return make_wrapped(VEPRA_E_ASSERT, kReadContext, "Unknown image reading flags 0x%x",
+                        static_cast<unsigned>(flags & ~kKnownFlags));
+  }
+  if (page != 0) {
+    return make_wrapped(VEPRA_E_ASSERT, kReadContext,
+                        "Page %u cannot be selected: only page 0 is read", page);
+  }
+  const Outcome out = read_file(path, img, kImageContext,
+                                (flags & VEPRA_IMG_READ_HEADER) != 0 ? read_info : read_image,
+                                flags);
+  vepra_error_t *e = out.unread != nullptr ? wrap_error(out.unread, "%s", kImageContext)
+                                           : out.unopened;
+  return e != nullptr ? wrap_error(e, "%s", kReadContext) : nullptr;
 }
 
 }  // extern "C"

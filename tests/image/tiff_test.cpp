@@ -1,9 +1,12 @@
 // TIFF reading and writing: hand-built files for each failure and edge case,
 // byte-exact output, libtiff as the peer both ways, allocation failures.
+#include <sys/stat.h>
 #include <tiffio.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -13,6 +16,7 @@
 #include <tuple>
 #include <vector>
 
+#include "image/tiff_common.hpp"
 #include "support/test_support.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
@@ -136,6 +140,7 @@ class TiffTest : public vepra_test::LibraryTest {
     TIFFSetErrorHandler(nullptr);
   }
   void TearDown() override {
+    vepra::testing::fail_tiff_output_after(-1);
     vepra_img_free(&img_);
     LibraryTest::TearDown();
   }
@@ -420,6 +425,7 @@ TEST_F(TiffTest, WriteFailuresAreReported) {
   // A full device takes nothing: a short write, reported once.
   for (auto [path, cause] :
        {std::pair{dir, "Error(120030): Cannot open file '" + dir + "' "},
+        std::pair{std::string(), std::string("Error(120030): Cannot open file '' ")},
         std::pair{std::string("/dev/full"),
                   std::string("Error(120032): Cannot write to IO stream. ")}}) {
     const std::string code = cause.substr(0, 15);
@@ -430,14 +436,83 @@ TEST_F(TiffTest, WriteFailuresAreReported) {
   }
 }
 
+TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
+  namespace fs = std::filesystem;
+  const fs::path dir = temp_path("keep");
+  fs::create_directory(dir);
+  const std::string target = dir / "scan.tif", link = dir / "link.tif", fresh = dir / "new.tif";
+  fs::create_symlink("scan.tif", link);
+  const std::vector<uint32_t> samples{1, 11, 21, 31, 41, 51};
+  read_ok(image({}, 3, 2, 8, samples));
+  double r0[3] = {1, 2, 3}, r1[3] = {4, 5, 6}, *rows[2] = {r0, r1};
+  auto entries = [&] {
+    std::vector<std::string> names;
+    for (const auto &entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  const std::vector<std::string> both{"link.tif", "scan.tif"};
+  const std::string full = "Error(120032): %s \nError(120032): Cannot write to IO stream. ";
+  auto chain = [&](const char *context) {
+    std::string c = full;
+    return c.replace(c.find("%s"), 2, context);
+  };
+  const Bytes old{'o', 'l', 'd'};
+  // The files are 152 and 158 bytes: room for none, part of the header, all
+  // but the pixels, all but one byte of the first; or all of it with the
+  // closing failing.
+  for (auto [room, close_fails] : {std::pair{0ll, false}, {100ll, false}, {146ll, false},
+                                   {151ll, false}, {152ll, true}}) {
+    for (const std::string &path : {target, link}) {
+      SCOPED_TRACE(path + " " + std::to_string(room));
+      std::ofstream(target, std::ios::binary).write("old", 3);
+      fs::permissions(target, fs::perms(0640));
+      vepra::testing::fail_tiff_output_after(room, close_fails);
+      EXPECT_EQ(take_printed(vepra_img_write_tiff(path.c_str(), &img_)),
+                chain("Cannot write TIFF image."));
+      vepra::testing::fail_tiff_output_after(room, close_fails);
+      EXPECT_EQ(take_printed(vepra_img_darr_to_tiff(path.c_str(), rows, 2, 3)),
+                chain("Cannot convert double array to TIFF image."));
+      vepra::testing::fail_tiff_output_after(room, close_fails);
+      EXPECT_NE(vepra_img_write_tiff(fresh.c_str(), &img_), nullptr);
+      vepra::testing::fail_tiff_output_after(-1);
+      EXPECT_EQ(load(target), old);
+      EXPECT_EQ(entries(), both);  // no temporary file left, nothing created
+    }
+  }
+  // A successful write through the link replaces its target, keeping the
+  // link and the target's mode.
+  ASSERT_EQ(vepra_img_write_tiff(link.c_str(), &img_), nullptr);
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(load(target), written(3, 2, 8, 1, 1, 6, samples));
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0640));
+  EXPECT_EQ(entries(), both);
+  // A dangling link creates its target, with the mode of a new file.
+  fs::remove(target);
+  const mode_t mask = umask(022);
+  ASSERT_EQ(vepra_img_darr_to_tiff(link.c_str(), rows, 2, 3), nullptr);
+  umask(mask);
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0644));
+  EXPECT_EQ(libtiff_read(target).samples,
+            (std::vector<uint32_t>{0, 13107, 26214, 39321, 52428, 65535}));
+  fs::remove_all(dir);
+}
+
 TEST_F(TiffTest, DoubleArraysAreScaledToSixteenBits) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double nan = std::numeric_limits<double>::quiet_NaN(),
+               inf = std::numeric_limits<double>::infinity();
   const std::pair<std::vector<std::vector<double>>, std::vector<uint32_t>> cases[] = {
       {{{-1, 0, 1}}, {0, 32767, 65535}},
       {{{4, 4}, {4, 4}}, {0, 0, 0, 0}},
       {{{1, 2, 3}, {4, 5, 6}}, {0, 13107, 26214, 39321, 52428, 65535}},
       {{{nan, 10}, {20, nan}}, {0, 0, 65535, 0}},
       {{{-1e305, 1e305, 0}}, {0, 65535, 32767}},
+      // Ranges beyond the largest double; infinities go to the ends.
+      {{{-1.7e308, 0, 1, 1.7e308}}, {0, 32767, 32767, 65535}},
+      {{{1e306, 2e306}}, {0, 65535}},
+      {{{inf, 1}, {2, -inf}}, {65535, 0, 65535, 0}},
+      {{{inf, 5, nan, -inf}}, {65535, 0, 0, 0}},
   };
   const std::string path = temp_path("darr.tif");
   for (auto [values, samples] : cases) {
@@ -450,10 +525,12 @@ TEST_F(TiffTest, DoubleArraysAreScaledToSixteenBits) {
     EXPECT_EQ(p.shape, std::tuple(width, height, 16, PHOTOMETRIC_MINISWHITE));
     EXPECT_EQ(p.samples, samples);
   }
-  // A 0 x 0 array: a valid header with no samples, which reads back.
+  // A 0 x 0 or 3 x 0 array: a valid header with no samples, which reads back.
   ASSERT_EQ(vepra_img_darr_to_tiff(path.c_str(), nullptr, 0, 0), nullptr);
   EXPECT_EQ(load(path), written(0, 0, 16, 0, 1, 0, {}));
   read_ok(load(path));
+  ASSERT_EQ(vepra_img_darr_to_tiff(path.c_str(), nullptr, 3, 0), nullptr);
+  EXPECT_EQ(load(path), written(0, 3, 16, 0, 1, 0, {}));
 }
 
 // ------------------------------------------------------------ with libtiff
@@ -508,6 +585,143 @@ TEST_F(TiffTest, InteroperatesWithLibtiff) {
     EXPECT_EQ(p.shape, std::tuple(width, height, bits, photometric));
     EXPECT_TRUE(p.samples == want);
   }
+}
+
+// A 16 x 16 file written by libtiff with these fields over 8-bit, one
+// sample, BlackIsZero; its sample bytes count up from 0 in file order. A
+// ResolutionUnit comes with a resolution of 72.
+void libtiff_write(const std::string &path, const std::vector<std::pair<int, uint32_t>> &fields) {
+  const Libtiff tif = libtiff(path, "w");
+  if (tif == nullptr) return;
+  TIFF *t = tif.get();
+  const std::pair<int, uint32_t> base[] = {{TIFFTAG_IMAGEWIDTH, 16},
+                                           {TIFFTAG_IMAGELENGTH, 16},
+                                           {TIFFTAG_BITSPERSAMPLE, 8},
+                                           {TIFFTAG_SAMPLESPERPIXEL, 1},
+                                           {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK}};
+  for (auto [tag, value] : base) TIFFSetField(t, tag, value);
+  for (auto [tag, value] : fields) TIFFSetField(t, tag, value);
+  uint16_t spp = 1, planar = PLANARCONFIG_CONTIG, unit = 0;
+  TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &spp);
+  TIFFGetFieldDefaulted(t, TIFFTAG_PLANARCONFIG, &planar);
+  if (TIFFGetField(t, TIFFTAG_RESOLUTIONUNIT, &unit))
+    TIFFSetField(t, TIFFTAG_XRESOLUTION, 72.0f), TIFFSetField(t, TIFFTAG_YRESOLUTION, 72.0f);
+  const int planes = planar == PLANARCONFIG_SEPARATE ? spp : 1;
+  const tmsize_t line = TIFFScanlineSize(t);
+  Bytes buf(size_t(std::max<tmsize_t>(16 * line, TIFFIsTiled(t) ? TIFFTileSize(t) : 0)));
+  for (size_t i = 0; i < buf.size(); ++i) buf[i] = uint8_t(i);
+  for (int p = 0; p < planes; ++p) {
+    if (TIFFIsTiled(t)) {
+      ASSERT_GT(TIFFWriteTile(t, buf.data(), 0, 0, 0, uint16_t(p)), 0);
+      continue;
+    }
+    for (uint32_t r = 0; r < 16; ++r)
+      ASSERT_EQ(TIFFWriteScanline(t, buf.data() + r * line, r, uint16_t(p)), 1);
+  }
+}
+
+TEST_F(TiffTest, FlaggedReadsNameWhatCannotBeDecoded) {
+  const std::string path = temp_path("outside.tif");
+  const uint32_t strict = VEPRA_IMG_READ_STRICT, unitless = VEPRA_IMG_READ_UNITLESS,
+                 header = VEPRA_IMG_READ_HEADER, both = strict | unitless;
+  auto cause = [&](int code, const std::string &m) {
+    const std::string tag = code == 0 ? "Error: " : "Error(" + std::to_string(code) + "): ";
+    return tag + "Cannot read image. \n" + tag + "Cannot read TIFF image. \n" + tag + m + " ";
+  };
+  const std::string uncompress = " is not supported: only uncompressed images are read (convert "
+                                 "with: tiffcp -c none IN OUT)",
+                    one = " is not supported: only one sample per pixel is read";
+  const std::string unit = cause(VEPRA_E_TIFF_STRUCTURE, "Unknown resolution units [1] in TIFF file");
+  struct Case {
+    std::vector<std::pair<int, uint32_t>> fields;
+    uint32_t flags;
+    std::string chain;  // empty: read, with the pixels libtiff reads
+  };
+  const Case cases[] = {
+      {{}, both, ""},
+      {{{TIFFTAG_COMPRESSION, COMPRESSION_LZW}}, strict,
+       cause(0, "TIFF compression 5 (LZW)" + uncompress)},
+      {{{TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE}, {TIFFTAG_BITSPERSAMPLE, 16}},
+       strict | header, cause(0, "TIFF compression 8 (Deflate)" + uncompress)},
+      {{{TIFFTAG_COMPRESSION, COMPRESSION_PACKBITS}}, both,
+       cause(0, "TIFF compression 32773 (PackBits)" + uncompress)},
+      {{{TIFFTAG_SAMPLESPERPIXEL, 3}, {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}}, both,
+       cause(0, "TIFF image with 3 samples per pixel" + one)},
+      {{{TIFFTAG_SAMPLESPERPIXEL, 2}, {TIFFTAG_PLANARCONFIG, PLANARCONFIG_SEPARATE}}, strict,
+       cause(0, "TIFF planar configuration 2 with 2 samples per pixel" + one)},
+      {{{TIFFTAG_TILEWIDTH, 16}, {TIFFTAG_TILELENGTH, 16}}, strict,
+       cause(0, "Tiled TIFF is not supported: only strips are read (convert with: tiffcp -s IN "
+                "OUT)")},
+      // ResolutionUnit 1, as Python's tifffile writes it by default.
+      {{{TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE}}, both, ""},
+      {{{TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE}}, header | unitless, ""},
+      {{{TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE}}, strict, unit},
+      {{{TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE}}, header, unit},
+      // Without the strict flag the compressed strips are read as raw bytes.
+      {{{TIFFTAG_COMPRESSION, COMPRESSION_LZW}}, unitless, "raw"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.chain + " flags " + std::to_string(c.flags));
+    libtiff_write(path, c.fields);
+    vepra_img_free(&img_);
+    vepra_error_t *e = vepra_img_read_ex(path.c_str(), &img_, c.flags, 0);
+    if (!c.chain.empty() && c.chain != "raw") {
+      EXPECT_EQ(take_printed(e), c.chain);
+      EXPECT_TRUE(owns_nothing(img_));
+      continue;
+    }
+    ASSERT_EQ(e, nullptr) << take_printed(e);
+    EXPECT_EQ(std::tuple(img_.type, img_.width, img_.xres, img_.yres), std::tuple(1u, 16u, 0.0, 0.0));
+    if (c.flags & header) {
+      EXPECT_EQ(img_.data8, nullptr);
+    } else {
+      EXPECT_EQ(pixels() == libtiff_read(path).samples, c.chain.empty());
+    }
+    // The other readers give the same record where they read the file at all.
+    vepra_img_t old{};
+    vepra_error_t *e2 = vepra_img_read(path.c_str(), &old);
+    EXPECT_EQ(e2 == nullptr, img_.res_unit != RESUNIT_NONE) << take_printed(e2);
+    vepra_error_clear(e2);
+    if (old.type == 1 && !(c.flags & header)) {
+      EXPECT_EQ(std::tuple(old.compression, old.strip_count, old.software == nullptr),
+                std::tuple(img_.compression, img_.strip_count, img_.software == nullptr));
+      EXPECT_TRUE(std::equal(old.data8[0], old.data8[0] + 16, img_.data8[0]));
+    }
+    vepra_img_free(&old);
+  }
+  EXPECT_EQ(img_.compression, uint32_t(COMPRESSION_LZW));
+  EXPECT_EQ(img_.res_unit, -1);
+  vepra_img_free(&img_);
+
+  // Failures of the directory pass are reported with their cause; a
+  // directory or a FIFO without a writer is refused without blocking.
+  const std::string dir = temp_path("dir"), fifo = temp_path("fifo"),
+                    motorola = save("mm.tif", {'M', 'M', 0, 42, 0, 0, 0, 8});
+  std::filesystem::create_directory(dir);
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::pair<std::string, std::string> refused[] = {
+      {motorola, cause(VEPRA_E_TIFF_NOT, "Motorola TIFF is not supported.")},
+      {dir, cause(VEPRA_E_IO_OPEN, "Cannot open file '" + dir + "': it is a directory")},
+      {fifo, cause(VEPRA_E_IO_READ, "Cannot read IO stream.")},
+  };
+  for (const auto &[file, chain] : refused) {
+    EXPECT_EQ(take_printed(vepra_img_read_ex(file.c_str(), &img_, both, 0)), chain);
+  }
+  EXPECT_EQ(take_printed(vepra_img_read(dir.c_str(), &img_)),
+            "Error(120030): Cannot read image. \nError(120030): Cannot read TIFF information from "
+            "file. \nError(120030): Cannot open file '" + dir + "': it is a directory ");
+  std::filesystem::remove(dir);
+  std::filesystem::remove(fifo);
+  // Reserved flags and pages are refused before the record is touched.
+  img_.type = 7;
+  for (auto [flags, page, m] : {std::tuple{0x8u, 0u, "Unknown image reading flags 0x8"},
+                                {0x80000001u, 0u, "Unknown image reading flags 0x80000000"},
+                                {0u, 1u, "Page 1 cannot be selected: only page 0 is read"}}) {
+    EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, flags, page)),
+              "Error(120020): Cannot read image. \nError(120020): " + std::string(m) + " ");
+  }
+  EXPECT_EQ(img_.type, 7u);
+  EXPECT_NE(vepra_img_read_ex(path.c_str(), nullptr, 0, 0), nullptr);
 }
 
 // ----------------------------------------------------- allocation failures
