@@ -453,6 +453,7 @@ int run_files(const std::vector<std::string> &files, unsigned jobs,
 
   int status = 0;
   Progress progress(n);
+  const bool stdout_terminal = isatty(STDOUT_FILENO) == 1;
   for (size_t i = 0; i < n; ++i) {
     Outcome<Extra> outcome;
     {
@@ -469,7 +470,8 @@ int run_files(const std::vector<std::string> &files, unsigned jobs,
       results[i].reset();
     }
     done(i, outcome);  // may take what it keeps and adjust the text
-    if (!outcome.text.empty() || outcome.error != nullptr) progress.erase();
+    // The line goes before anything else reaches the terminal.
+    if ((!outcome.text.empty() && stdout_terminal) || outcome.error != nullptr) progress.erase();
     std::fwrite(outcome.text.data(), 1, outcome.text.size(), stdout);
     if (outcome.error != nullptr) {
       std::fflush(stdout);
