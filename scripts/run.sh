@@ -196,8 +196,9 @@ count_ctest() {
 
 bench() {
   install_missing "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
+  # The tools are built too: vepra_image_bench runs vepra-image.
   configure_and_build build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
-    -DVEPRA_BUILD_BENCH=ON -DVEPRA_BUILD_TOOLS=OFF
+    -DVEPRA_BUILD_BENCH=ON
   for b in build-bench/bench/*_bench; do
     log "$b"
     "$b"
