@@ -112,6 +112,19 @@ struct OptionSpec {
   const char *help;
 };
 
+// What the value of an option stands for, in --help.
+const char *value_name(const std::string &key) {
+  static const std::map<std::string, const char *> names = {
+      {"--include", "PATTERNS"}, {"--exclude", "PATTERNS"}, {"--jobs", "N"},
+      {"--histogram", "OUT.csv"}, {"--plot", "OUT.svg"},     {"--roi", "REGION"},
+      {"--rois", "FILE.csv"},     {"--ring", "R1,R2"},        {"--output", "OUT.tif"},
+      {"--percentiles", "P1,P2"}, {"--pixel-size", "UM"},     {"--sensitivity", "S"},
+      {"--latitude", "L"},        {"--saturated", "D"},       {"--width", "W"},
+      {"--height", "H"},          {"--pattern", "N"}};
+  const auto it = names.find(key);
+  return it != names.end() ? it->second : "VALUE";
+}
+
 struct Command {
   const char *name;
   const char *usage;  // operands and options, after the command name
@@ -1611,9 +1624,11 @@ int dispatch(int argc, char **argv) {
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
         break;
     }
+    if (spec.kind != Kind::kFlag) opt->type_name(value_name(spec.key));
     found[spec.key] = opt;
   }
-  sub->add_option("operands", args.operands, "files (and, where allowed, directories)");
+  sub->add_option("operands", args.operands, "files (and, where allowed, directories)")
+      ->type_name(cmd->takes_files ? "PATH" : "");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp &) {
