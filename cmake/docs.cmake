@@ -14,8 +14,8 @@ if(DOXYGEN_FOUND)
     OUTPUT ${VEPRA_DOCS_DIR}/html/index.html
     COMMAND ${CMAKE_COMMAND} -E make_directory ${VEPRA_DOCS_DIR}
     COMMAND ${CMAKE_COMMAND} -E rm -f ${VEPRA_DOCS_DIR}/warnings.log
-    COMMAND ${DOXYGEN_EXECUTABLE} ${PROJECT_BINARY_DIR}/Doxyfile
-    COMMAND ${CMAKE_COMMAND} -E cat ${VEPRA_DOCS_DIR}/warnings.log
+    # The warnings are in the log: show them when Doxygen fails.
+    COMMAND sh -c "'${DOXYGEN_EXECUTABLE}' '${PROJECT_BINARY_DIR}/Doxyfile' || { cat '${VEPRA_DOCS_DIR}/warnings.log'; exit 1; }"
     DEPENDS ${_doc_inputs} ${PROJECT_SOURCE_DIR}/README.md
             ${PROJECT_BINARY_DIR}/Doxyfile
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
