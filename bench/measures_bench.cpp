@@ -1,6 +1,8 @@
 // Speed of the image statistics and measures on an 8192 x 8192 scan, next
 // to a plain read of the pixels (memory speed) and to the PSL and density
-// formulas evaluated with pow/log10 at every pixel.
+// formulas evaluated with pow/log10 at every pixel; and 16-bit histograms
+// of constant, random, scan-like, ramp and two-level images next to
+// four interleaved sub-histograms.
 #include <benchmark/benchmark.h>
 
 #include "bench_main.hpp"
@@ -8,7 +10,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "vepra.h"
@@ -175,6 +182,131 @@ void BM_DensityPerPixel16(benchmark::State &state) {
   }
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(scan16().bytes()));
 }
+
+// 16-bit histograms of images with different sample statistics, each
+// next to the peer: four interleaved 32-bit sub-histograms summed into the
+// same zeroed 64-bit result the library returns.
+enum class Pattern { kConstant, kRandom, kScan, kRamp, kTwoLevel };
+
+class Patterned {
+ public:
+  Patterned(Pattern pattern, uint32_t side) : side_(side) {
+    rec_.height = rec_.width = side;
+    rec_.samples_per_pixel = 1;
+    rec_.bits_per_sample[0] = rec_.bits_per_sample[1] = rec_.bits_per_sample[2] = 16;
+    rec_.photometric = 1;
+    void *m = nullptr;
+    if (vepra_mem_matrix_alloc(&m, 2, 0, int(side) - 1, 0, int(side) - 1) != nullptr) std::abort();
+    auto **rows = static_cast<uint16_t **>(m);
+    uint64_t state = 987654321;
+    for (uint32_t r = 0; r < side; ++r) {
+      for (uint32_t c = 0; c < side; ++c) {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        const auto bits = static_cast<uint32_t>(state >> 32);
+        uint16_t v = 0;
+        switch (pattern) {
+          case Pattern::kConstant: v = 1000; break;
+          case Pattern::kRandom: v = static_cast<uint16_t>(bits >> 16); break;
+          case Pattern::kScan: {
+            const double noise = static_cast<double>(bits >> 8) / double(1 << 24) - 0.5;
+            const double blob = ((r / 256 + c / 256) % 5 == 0) ? 0.4 : 0.0;
+            double x = 65535.0 * (0.1 + 0.3 * c / side + blob + 0.05 * noise);
+            v = static_cast<uint16_t>(x < 0 ? 0 : (x > 65535 ? 65535 : x));
+            break;
+          }
+          case Pattern::kRamp: v = static_cast<uint16_t>(r + c); break;
+          case Pattern::kTwoLevel: v = (bits >> 31) != 0 ? 65535 : 0; break;
+        }
+        rows[r][c] = v;
+      }
+    }
+    rec_.data16 = rows;
+  }
+  ~Patterned() { vepra_mem_matrix_free(rec_.data16, 2, 0, int(side_) - 1, 0); }
+  const vepra_img_t *get() const { return &rec_; }
+  size_t pixels() const { return size_t{side_} * side_; }
+
+ private:
+  uint32_t side_;
+  vepra_img_t rec_{};
+};
+
+const Patterned &patterned(Pattern pattern, uint32_t side) {
+  static std::map<std::pair<Pattern, uint32_t>, std::unique_ptr<Patterned>> cache;
+  auto &slot = cache[{pattern, side}];
+  if (!slot) slot = std::make_unique<Patterned>(pattern, side);
+  return *slot;
+}
+
+uint64_t *peer_histogram16(const vepra_img_t *img) {
+  auto *out = static_cast<uint64_t *>(std::calloc(65536, sizeof(uint64_t)));
+  auto *sub = static_cast<uint32_t *>(std::calloc(4 * 65536, sizeof(uint32_t)));
+  const uint32_t w = img->width;
+  for (uint32_t r = 0; r < img->height; ++r) {
+    const uint16_t *row = img->data16[r];
+    uint32_t c = 0;
+    for (; c + 4 <= w; c += 4) {
+      ++sub[row[c]];
+      ++sub[65536 + row[c + 1]];
+      ++sub[2 * 65536 + row[c + 2]];
+      ++sub[3 * 65536 + row[c + 3]];
+    }
+    for (; c < w; ++c) ++sub[row[c]];
+  }
+  for (size_t v = 0; v < 65536; ++v)
+    out[v] = uint64_t{sub[v]} + sub[65536 + v] + sub[2 * 65536 + v] + sub[3 * 65536 + v];
+  std::free(sub);
+  return out;
+}
+
+void BM_Histogram16(benchmark::State &state, Pattern pattern, uint32_t side, bool peer) {
+  const Patterned &img = patterned(pattern, side);
+  {
+    size_t nbins = 0;
+    uint64_t *hist = nullptr;
+    check(vepra_img_histogram(img.get(), &nbins, &hist), state);
+    uint64_t *expected = peer_histogram16(img.get());
+    if (hist == nullptr || std::memcmp(hist, expected, 65536 * sizeof(uint64_t)) != 0)
+      state.SkipWithError("histograms differ");
+    std::free(expected);
+    vepra_mem_free(hist);
+  }
+  for (auto _ : state) {
+    if (peer) {
+      uint64_t *hist = peer_histogram16(img.get());
+      benchmark::DoNotOptimize(hist);
+      std::free(hist);
+    } else {
+      size_t nbins = 0;
+      uint64_t *hist = nullptr;
+      check(vepra_img_histogram(img.get(), &nbins, &hist), state);
+      benchmark::DoNotOptimize(hist);
+      vepra_mem_free(hist);
+    }
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(img.pixels()));
+}
+
+// Library and peer back to back for every pattern; 4096 x 4096 images and,
+// for the cost of the fixed work, 1024 x 1024 and 256 x 256 ones.
+[[maybe_unused]] const bool kHistogramsRegistered = [] {
+  const std::pair<Pattern, const char *> patterns[] = {{Pattern::kConstant, "constant"},
+                                                       {Pattern::kRandom, "random"},
+                                                       {Pattern::kScan, "scan"},
+                                                       {Pattern::kRamp, "ramp"},
+                                                       {Pattern::kTwoLevel, "two_level"}};
+  for (uint32_t side : {4096u, 1024u, 256u}) {
+    for (auto [pattern, name] : patterns) {
+      for (bool peer : {false, true}) {
+        const std::string label = std::string("Histogram16/") + name + "/" + std::to_string(side) +
+                                  (peer ? "/sub_histograms" : "/library");
+        benchmark::RegisterBenchmark(label.c_str(), BM_Histogram16, pattern, side, peer)
+            ->Unit(benchmark::kMicrosecond);
+      }
+    }
+  }
+  return true;
+}();
 
 BENCHMARK_TEMPLATE(BM_ReadPixels, uint8_t)->Unit(benchmark::kMillisecond);
 BENCHMARK_TEMPLATE(BM_ReadPixels, uint16_t)->Unit(benchmark::kMillisecond);

@@ -1,4 +1,4 @@
-// Insertion, search and deletion of one million random keys of 8 to 16
+// Insertion, search and deletion of 1 Mi random keys of 8 to 16
 // bytes in the nibble trie, against std::unordered_map and std::map on the
 // same keys. Throughputs are in items per second (one item = one key).
 // Insertion reports the heap memory a built container holds ("bytes/key",
@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr size_t kKeys = 1000000;
+constexpr size_t kKeys = size_t{1} << 20;
 
 struct Keys {
   std::vector<std::string> insert_order;

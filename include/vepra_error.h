@@ -322,6 +322,28 @@ VEPRA_API vepra_error_malfunction_fn vepra_error_get_malfunction_handler(void)
     VEPRA_NOTHROW;
 /** @} */
 
+/** @name Serialization and checksum
+ *  @{ */
+/** Writes chain as a tpl image of format "A(iissis)" (type, code, message,
+ *  file, line, function of each record, root cause first) into a new
+ *  buffer: *buf and *length receive it, or null and 0 if it could not be
+ *  made. A null chain gives the image of an empty array. The caller frees
+ *  *buf with free(). */
+VEPRA_API void vepra_error_serialize(const vepra_error_t *chain, void **buf,
+                                     size_t *length) VEPRA_NOTHROW;
+/** Rebuilds a chain from an image of vepra_error_serialize() into *chain
+ *  (a new pool under the error system's; file stored as its base name).
+ *  An empty, truncated, corrupt or foreign image gives a null chain.
+ *  Returns chain (null for a null chain). The caller owns the result. */
+VEPRA_API vepra_error_t **vepra_error_deserialize(vepra_error_t **chain,
+                                                  const void *buf,
+                                                  size_t length) VEPRA_NOTHROW;
+/** CRC-16/ARC of the chain, head to root: each record's type, code and line
+ *  (4 bytes each, machine order), then message, file and function when
+ *  present (without their zero). 0 for null. */
+VEPRA_API uint16_t vepra_error_crc16(const vepra_error_t *chain) VEPRA_NOTHROW;
+/** @} */
+
 VEPRA_END_DECL
 
 #endif /* VEPRA_ERROR_H */

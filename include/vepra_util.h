@@ -1,6 +1,6 @@
 /**
  * @file vepra_util.h
- * @brief Path helpers.
+ * @brief Path helpers, checksums and bit helpers.
  */
 #ifndef VEPRA_UTIL_H
 #define VEPRA_UTIL_H
@@ -24,6 +24,44 @@ VEPRA_API char *vepra_util_dirname(const char *path, char *buf, size_t size)
 
 /** Number of bits set in value (population count), 0 to 64. */
 VEPRA_API unsigned vepra_util_nsb64(uint64_t value) VEPRA_NOTHROW;
+/** @name Checksums
+ *  @{ */
+/** CRC-16/ARC update (reflected polynomial 0xA001, no inversion): feeds
+ *  length bytes of buf to the running value crc and returns the new value.
+ *  From 0 this is the standard CRC-16/ARC, and calls chain. A null buf
+ *  returns 0; length 0 returns crc. */
+VEPRA_API uint16_t vepra_util_crc16(uint16_t crc, const void *buf, size_t length)
+    VEPRA_NOTHROW;
+/** CRC-32 update (ISO-HDLC, as zlib's crc32): feeds length bytes of buf to
+ *  the running value crc and returns the new value; from 0 this is the
+ *  standard CRC-32, and calls chain. A null buf returns 0; length 0 returns
+ *  crc. */
+VEPRA_API uint32_t vepra_util_crc32(uint32_t crc, const void *buf, size_t length)
+    VEPRA_NOTHROW;
+/** @} */
+
+/** @name Bit helpers
+ *  Bits are numbered from 0 (least significant) to 63.
+ *  @{ */
+/** Number of significant bits of v: 0 for 0, 64 when bit 63 is set. */
+VEPRA_API unsigned vepra_util_nsigbits64(uint64_t v) VEPRA_NOTHROW;
+/** Index of the lowest set bit of v (0 to 63); -1 for 0. */
+VEPRA_API int vepra_util_bsf64(uint64_t v) VEPRA_NOTHROW;
+/** Index of the highest set bit of v (0 to 63); -1 for 0. */
+VEPRA_API int vepra_util_bsr64(uint64_t v) VEPRA_NOTHROW;
+/** A word with the low n bits set: 0 for n 0, all 64 bits for n >= 64. */
+VEPRA_API uint64_t vepra_util_lowmask64(unsigned n) VEPRA_NOTHROW;
+/** The width bits of word starting at bit shift, moved down to bit 0; bits
+ *  past bit 63 read as 0, so width 0 or shift >= 64 gives 0. */
+VEPRA_API uint64_t vepra_util_bitfield_get64(uint64_t word, unsigned shift,
+                                             unsigned width) VEPRA_NOTHROW;
+/** word with its width bits at bit shift replaced by the low width bits of
+ *  value; bits past bit 63 are dropped, so width 0 or shift >= 64 returns
+ *  word unchanged. */
+VEPRA_API uint64_t vepra_util_bitfield_set64(uint64_t word, unsigned shift,
+                                             unsigned width, uint64_t value)
+    VEPRA_NOTHROW;
+/** @} */
 
 VEPRA_END_DECL
 

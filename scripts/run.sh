@@ -15,8 +15,9 @@ JOBS=${JOBS:-$(nproc)}
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev
                 libcli11-dev nlohmann-json3-dev)
 TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev
-               doxygen dpkg-dev lintian)
-BENCH_PACKAGES=(libbenchmark-dev)
+               nlohmann-json3-dev doxygen dpkg-dev lintian)
+# Peers of the benchmarks: libsigc++ 3 and GObject (signals), ISA-L (CRC-32).
+BENCH_PACKAGES=(libbenchmark-dev libsigc++-3.0-dev libglib2.0-dev libisal-dev)
 
 log() { printf '\n== %s\n' "$*"; }
 
@@ -84,7 +85,7 @@ demo() {
 fuzz_seconds() {
   case $1 in
     tiff_read_fuzzer) echo 60 ;;
-    readline_keys_fuzzer) echo 30 ;;
+    error_deserialize_fuzzer) echo 60 ;;
     *) echo 30 ;;
   esac
 }

@@ -18,10 +18,22 @@ namespace {
 
 constexpr const char *kAllocFormat = "Failed to allocate %zu bytes of memory.";
 
-TrieNode *as_node(TrieLeaf *leaf) noexcept { return reinterpret_cast<TrieNode *>(leaf); }
-TrieNode *as_node(TrieInner *inner) noexcept { return reinterpret_cast<TrieNode *>(inner); }
+// A record and its header share their address (trie_internal.hpp), so the
+// casts from a header to the record its kind names are exact. Null stays
+// null.
+TrieNode *as_node(TrieLeaf *leaf) noexcept { return leaf != nullptr ? &leaf->head : nullptr; }
+TrieNode *as_node(TrieInner *inner) noexcept { return inner != nullptr ? &inner->head : nullptr; }
+const TrieNode *as_node(const TrieLeaf *leaf) noexcept {
+  return leaf != nullptr ? &leaf->head : nullptr;
+}
 TrieLeaf *as_leaf(TrieNode *node) noexcept { return reinterpret_cast<TrieLeaf *>(node); }
 TrieInner *as_inner(TrieNode *node) noexcept { return reinterpret_cast<TrieInner *>(node); }
+const TrieLeaf *as_leaf(const TrieNode *node) noexcept {
+  return reinterpret_cast<const TrieLeaf *>(node);
+}
+const TrieInner *as_inner(const TrieNode *node) noexcept {
+  return reinterpret_cast<const TrieInner *>(node);
+}
 
 // The digits of a key: digit d is the low nibble of byte d / 2 for even d
 // and its high nibble for odd d. A key of n bytes has 2n digits; at depth
@@ -64,12 +76,15 @@ struct Store {
     TrieLeaf *leaf = nullptr;
     char *copy = nullptr;
     if (heap) {
-      if (vepra_error_t *e = vepra_mem_malloc(sizeof(TrieLeaf), reinterpret_cast<void **>(&leaf)))
-        return e;
-      if (vepra_error_t *e = vepra_mem_calloc(key.length + 1, 1, reinterpret_cast<void **>(&copy))) {
-        vepra_mem_free(leaf);
+      void *record = nullptr;
+      void *bytes = nullptr;
+      if (vepra_error_t *e = vepra_mem_malloc(sizeof(TrieLeaf), &record)) return e;
+      if (vepra_error_t *e = vepra_mem_calloc(key.length + 1, 1, &bytes)) {
+        vepra_mem_free(record);
         return e;
       }
+      leaf = static_cast<TrieLeaf *>(record);
+      copy = static_cast<char *>(bytes);
     } else {
       if (key.length > SIZE_MAX - sizeof(TrieLeaf) - 1)
         return make_error(VEPRA_E_ALLOC, kAllocFormat, SIZE_MAX);
@@ -80,7 +95,7 @@ struct Store {
     }
     if (key.length != 0) std::memcpy(copy, key.bytes, key.length);
     copy[key.length] = '\0';
-    leaf->kind = kTrieLeaf;
+    leaf->head.kind = kTrieLeaf;
     leaf->key = copy;
     leaf->length = key.length;
     leaf->data = data;
@@ -96,7 +111,7 @@ struct Store {
             heap ? vepra_mem_calloc(1, sizeof(TrieInner), &block) : pool_alloc(sizeof(TrieInner), &block))
       return e;
     auto *inner = static_cast<TrieInner *>(block);
-    inner->kind = kTrieInner;
+    inner->head.kind = kTrieInner;
     inner->count = 2;
     *out = inner;
     return nullptr;
@@ -234,7 +249,7 @@ vepra_error_t *insert(vepra_trie_t *trie, const void *bytes, size_t length, void
 // The one non-null entry (own leaf or child) of an inner node, or null when
 // it has none or several.
 TrieNode *sole_entry(const TrieInner *inner) noexcept {
-  TrieNode *sole = inner->own != nullptr ? as_node(inner->own) : nullptr;
+  TrieNode *sole = as_node(inner->own);
   for (TrieNode *child : inner->child) {
     if (child == nullptr) continue;
     if (sole != nullptr) return nullptr;
@@ -407,13 +422,13 @@ auto in_digit_order(const vepra_trie_t *trie, WalkPath &path) noexcept {
       visit(root);
       return;
     }
-    if (root->kind != kTrieInner || !path.push(reinterpret_cast<const TrieInner *>(root))) return;
+    if (root->kind != kTrieInner || !path.push(as_inner(root))) return;
     while (!path.empty()) {
       WalkPath::Frame &frame = path.top();
       const unsigned next = frame.next++;
       if (next == 0) {
         const TrieLeaf *own = frame.node->own;
-        if (own != nullptr && own->kind == kTrieLeaf && visit(reinterpret_cast<const TrieNode *>(own)))
+        if (own != nullptr && own->head.kind == kTrieLeaf && visit(as_node(own)))
           return;
         continue;
       }
@@ -426,7 +441,7 @@ auto in_digit_order(const vepra_trie_t *trie, WalkPath &path) noexcept {
       if (child->kind == kTrieLeaf) {
         if (visit(child)) return;
       } else if (child->kind == kTrieInner) {
-        if (!path.push(reinterpret_cast<const TrieInner *>(child))) return;
+        if (!path.push(as_inner(child))) return;
       }
     }
   };
@@ -505,19 +520,21 @@ vepra_error_t *vepra_triem_insert(vepra_trie_t *trie, const void *key, size_t le
 void *vepra_trie_search(const vepra_trie_t *trie, const void *key, size_t length) noexcept {
   if (trie == nullptr || (key == nullptr && length != 0)) return nullptr;
   const auto *bytes = static_cast<const unsigned char *>(key);
+  // Two digits a byte: the low nibble at an even depth, then the high one.
   const TrieNode *node = trie->root;
-  uint64_t depth = 0;
-  while (node != nullptr && node->kind == kTrieInner) {
-    const auto *inner = reinterpret_cast<const TrieInner *>(node);
-    if ((depth >> 1) >= length) {
-      node = reinterpret_cast<const TrieNode *>(inner->own);
+  for (size_t i = 0;; ++i) {
+    if (node == nullptr || node->kind != kTrieInner) break;
+    if (i == length) {
+      node = as_node(as_inner(node)->own);
       break;
     }
-    node = inner->child[(bytes[depth >> 1] >> ((depth & 1) << 2)) & 15u];
-    ++depth;
+    const unsigned byte = bytes[i];
+    node = as_inner(node)->child[byte & 15u];
+    if (node == nullptr || node->kind != kTrieInner) break;
+    node = as_inner(node)->child[byte >> 4];
   }
   if (node == nullptr || node->kind != kTrieLeaf) return nullptr;
-  const auto *leaf = reinterpret_cast<const TrieLeaf *>(node);
+  const TrieLeaf *leaf = as_leaf(node);
   if (!Key{bytes, length}.matches(leaf)) return nullptr;
   return leaf->data;
 }

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "vepra_trie.h"
 
@@ -17,13 +18,16 @@ namespace vepra::detail {
 
 enum TrieKind : uint32_t { kTrieLeaf = 0, kTrieInner = 1 };
 
-// What a slot points to: the kind word tells which record follows.
+// What a slot points to: the kind word tells which record it begins. Both
+// records start with this header as their first member, so a slot's node
+// is read as a TrieNode and converted to its record only once its kind is
+// known (the header and the record share their address).
 struct TrieNode {
   uint32_t kind;
 };
 
 struct TrieLeaf {
-  uint32_t kind;  // kTrieLeaf
+  TrieNode head;  // kind kTrieLeaf
   char *key;      // own copy, key[length] == 0
   uint64_t length;
   void *data;
@@ -32,13 +36,14 @@ struct TrieLeaf {
 // The count comes before the own leaf so that the record packs into 144
 // bytes; the header and the first six children share one cache line.
 struct TrieInner {
-  uint32_t kind;   // kTrieInner
+  TrieNode head;   // kind kTrieInner
   uint32_t count;  // leaves below, own leaf included; a hint (see delete)
   TrieLeaf *own;   // the leaf whose key ends here, or null
   TrieNode *child[16];
 };
 
-static_assert(offsetof(TrieLeaf, kind) == 0 && offsetof(TrieInner, kind) == 0);
+static_assert(std::is_standard_layout_v<TrieLeaf> && std::is_standard_layout_v<TrieInner>);
+static_assert(offsetof(TrieLeaf, head) == 0 && offsetof(TrieInner, head) == 0);
 static_assert(sizeof(TrieLeaf) == 32 && sizeof(TrieInner) == 144);
 
 }  // namespace vepra::detail

@@ -17,38 +17,6 @@
 #include "vepra_img.h"
 
 namespace vepra::detail {
-namespace {
-
-bool fits_int(int64_t v) noexcept { return v >= INT_MIN && v <= INT_MAX; }
-
-}  // namespace
-
-bool Plotter::operator()(int64_t x, int64_t y, double weight) noexcept {
-  if (!fits_int(x) || !fits_int(y)) return true;
-  error_ = fn_(static_cast<int>(x), static_cast<int>(y), data_, weight);
-  return error_ == nullptr;
-}
-
-bool Plotter::line(int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
-  const int64_t dx = x1 > x0 ? x1 - x0 : x0 - x1, sx = x0 < x1 ? 1 : -1;
-  const int64_t dy = -(y1 > y0 ? y1 - y0 : y0 - y1), sy = y0 < y1 ? 1 : -1;
-  int64_t err = dx + dy;
-  for (;;) {
-    if (!(*this)(x0, y0, 1.0)) return false;
-    const int64_t e2 = 2 * err;
-    if (e2 >= dy) {
-      if (x0 == x1) break;
-      err += dy;
-      x0 += sx;
-    }
-    if (e2 <= dx) {
-      if (y0 == y1) break;
-      err += dx;
-      y0 += sy;
-    }
-  }
-  return true;
-}
 
 namespace {
 
@@ -74,8 +42,8 @@ RectStart rect_start(int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
 
 // Plain ellipse about a centre. The error terms grow as a * b^2; 64-bit
 // integers hold them for semi-axes up to 2^19, wider integers beyond.
-template <typename Wide>
-vepra_error_t *ellipse_centre(Plotter &plot, int64_t xm, int64_t ym, int64_t a, int64_t b) noexcept {
+template <typename Wide, typename Plot>
+vepra_error_t *ellipse_centre(Plot plot, int64_t xm, int64_t ym, int64_t a, int64_t b) noexcept {
   int64_t x = -a, y = 0;
   const Wide bb = Wide{b} * b, aa = Wide{a} * a;
   Wide dx = (1 + 2 * Wide{x}) * bb, dy = Wide{x} * x, err = dx + dy;
@@ -101,7 +69,8 @@ vepra_error_t *ellipse_centre(Plotter &plot, int64_t xm, int64_t ym, int64_t a, 
   return nullptr;
 }
 
-vepra_error_t *ellipse_rect(Plotter &plot, int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
+template <typename Plot>
+vepra_error_t *ellipse_rect(Plot plot, int64_t x0, int64_t y0, int64_t x1, int64_t y1) noexcept {
   RectStart s = rect_start(x0, y0, x1, y1);
   const double a = static_cast<double>(s.a), b = static_cast<double>(s.b);
   double dx = 4 * (1.0 - a) * b * b, dy = 4 * static_cast<double>(s.b1 + 1) * a * a;
@@ -136,21 +105,25 @@ vepra_error_t *ellipse_rect(Plotter &plot, int64_t x0, int64_t y0, int64_t x1, i
 
 }  // namespace
 
-vepra_error_t *ellipser_aa_internal(Plotter &plot, int64_t x0, int64_t y0, int64_t x1,
+template <typename Plot>
+vepra_error_t *ellipser_aa_internal(Plot plot, int64_t x0, int64_t y0, int64_t x1,
                                     int64_t y1) noexcept {
   if (x0 == x1 || y0 == y1) return plot.line(x0, y0, x1, y1) ? nullptr : plot.error();
   RectStart s = rect_start(x0, y0, x1, y1);
   const double a = static_cast<double>(s.a), b = static_cast<double>(s.b);
   double dx = 4 * (a - 1.0) * b * b, dy = 4 * static_cast<double>(s.b1 + 1) * a * a;
   double err = static_cast<double>(s.b1) * a * a - dx + dy;
-  const double A = 8 * a * a, B = 8 * b * b;
+  const double A = 8 * a * a, B = 8 * b * b, tip_scale = 4 / A;
   for (;;) {
     // 1 / gradient: Zingl's approximation of 1 / sqrt(dx^2 + dy^2), or the
     // exact value at the flat x-tip.
     const double i = std::min(dx, dy), ed = std::max(dx, dy);
-    const double scale = (s.y0 == s.y1 + 1 && err > dy && A > B)
-                             ? 4 / A
-                             : 1 / (ed + 2 * ed * i * i / (4 * ed * ed + i * i));
+    double scale;
+    if (s.y0 == s.y1 + 1 && err > dy && A > B) {
+      scale = tip_scale;
+    } else {
+      scale = 1 / (ed + 2 * ed * i * i / (4 * ed * ed + i * i));
+    }
     if (!plot.four(s.x0, s.y0, s.x0, s.y1, s.x1, s.y0, s.x1, s.y1,
                    1 - std::fabs(err + dx - dy) * scale))
       return plot.error();
@@ -192,7 +165,8 @@ vepra_error_t *ellipser_aa_internal(Plotter &plot, int64_t x0, int64_t y0, int64
   return nullptr;
 }
 
-vepra_error_t *ellipser_waa_internal(Plotter &plot, int64_t x0, int64_t y0, int64_t x1, int64_t y1,
+template <typename Plot>
+vepra_error_t *ellipser_waa_internal(Plot plot, int64_t x0, int64_t y0, int64_t x1, int64_t y1,
                                      double th) noexcept {
   if (!(th >= 1.5)) return ellipser_aa_internal(plot, x0, y0, x1, y1);
   const int64_t ia = x1 > x0 ? x1 - x0 : x0 - x1, ib = y1 > y0 ? y1 - y0 : y0 - y1;
@@ -315,17 +289,25 @@ double stroke_width(double width) noexcept {
 
 int64_t magnitude(int v) noexcept { return std::llabs(static_cast<int64_t>(v)); }
 
-}  // namespace
-}  // namespace vepra::detail
-
-using vepra::detail::Plotter;
-
-extern "C" {
-
-vepra_error_t *vepra_img_circle(int xm, int ym, int r, vepra_img_pixel_fn fn, void *data) noexcept {
+// Runs draw(plot) with the plotter that suits the box [xlo, xhi] x [ylo,
+// yhi] of a shape: unchecked when every pixel the shape can report (two
+// beyond the box) fits an int, range-checked otherwise.
+template <typename Draw>
+vepra_error_t *draw_in_box(vepra_img_pixel_fn fn, void *data, int64_t xlo, int64_t ylo, int64_t xhi,
+                           int64_t yhi, const Draw &draw) noexcept {
   if (fn == nullptr) return nullptr;
+  constexpr int64_t kMargin = 2;
+  if (std::min(xlo, ylo) - kMargin >= INT_MIN && std::max(xhi, yhi) + kMargin <= INT_MAX) {
+    BasicPlotter<false> plot(fn, data);
+    return draw(plot);
+  }
   Plotter plot(fn, data);
-  int64_t x = -int64_t{r}, y = 0, err = 2 - 2 * int64_t{r};
+  return draw(plot);
+}
+
+template <typename Plot>
+vepra_error_t *circle(Plot plot, int64_t xm, int64_t ym, int64_t r) noexcept {
+  int64_t x = -r, y = 0, err = 2 - 2 * r;
   do {
     if (!plot.four(xm - x, ym + y, xm - y, ym - x, xm + x, ym - y, xm + y, ym + x, 1.0))
       return plot.error();
@@ -342,11 +324,9 @@ vepra_error_t *vepra_img_circle(int xm, int ym, int r, vepra_img_pixel_fn fn, vo
   return nullptr;
 }
 
-vepra_error_t *vepra_img_circle_aa(int xm, int ym, int r, vepra_img_pixel_fn fn,
-                                   void *data) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  int64_t x = vepra::detail::magnitude(r), y = 0, err = 2 - 2 * x;
+template <typename Plot>
+vepra_error_t *circle_aa(Plot plot, int64_t xm, int64_t ym, int64_t r) noexcept {
+  int64_t x = r, y = 0, err = 2 - 2 * x;
   const double R = static_cast<double>(1 - err);
   for (;;) {
     if (!plot.four(xm + x, ym - y, xm + y, ym + x, xm - x, ym + y, xm - y, ym - x,
@@ -375,68 +355,98 @@ vepra_error_t *vepra_img_circle_aa(int xm, int ym, int r, vepra_img_pixel_fn fn,
   return nullptr;
 }
 
+// The stroke variants' rectangle, grown by half the stroke away from its
+// centre whichever corner comes first.
+vepra_error_t *wide_rect(vepra_img_pixel_fn fn, void *data, int64_t x0, int64_t y0, int64_t x1,
+                         int64_t y1, double width) noexcept {
+  const int64_t h = half_stroke(width);
+  const int64_t lx = std::min(x0, x1) - h, hx = std::max(x0, x1) + h;
+  const int64_t ly = std::min(y0, y1) - h, hy = std::max(y0, y1) + h;
+  const double th = stroke_width(width);
+  return draw_in_box(fn, data, lx, ly, hx, hy, [&](auto &plot) {
+    return ellipser_waa_internal(plot, x0 <= x1 ? lx : hx, y0 <= y1 ? ly : hy, x0 <= x1 ? hx : lx,
+                                 y0 <= y1 ? hy : ly, th);
+  });
+}
+
+}  // namespace
+
+template vepra_error_t *ellipser_aa_internal<Plotter>(Plotter, int64_t, int64_t, int64_t,
+                                                      int64_t) noexcept;
+template vepra_error_t *ellipser_waa_internal<Plotter>(Plotter, int64_t, int64_t, int64_t, int64_t,
+                                                       double) noexcept;
+
+}  // namespace vepra::detail
+
+using vepra::detail::draw_in_box;
+using vepra::detail::magnitude;
+
+extern "C" {
+
+vepra_error_t *vepra_img_circle(int xm, int ym, int r, vepra_img_pixel_fn fn, void *data) noexcept {
+  const int64_t m = magnitude(r);
+  return draw_in_box(fn, data, xm - m, ym - m, xm + m, ym + m,
+                     [&](auto &plot) { return vepra::detail::circle(plot, xm, ym, r); });
+}
+
+vepra_error_t *vepra_img_circle_aa(int xm, int ym, int r, vepra_img_pixel_fn fn,
+                                   void *data) noexcept {
+  const int64_t m = magnitude(r);
+  return draw_in_box(fn, data, xm - m, ym - m, xm + m, ym + m,
+                     [&](auto &plot) { return vepra::detail::circle_aa(plot, xm, ym, m); });
+}
+
 vepra_error_t *vepra_img_circle_waa(int xm, int ym, int r, vepra_img_pixel_fn fn, void *data,
                                     double width) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  const int64_t h = vepra::detail::half_stroke(width), rr = vepra::detail::magnitude(r);
-  return vepra::detail::ellipser_waa_internal(plot, xm - rr - h, ym - rr - h, xm + rr + h,
-                                              ym + rr + h, vepra::detail::stroke_width(width));
+  const int64_t m = magnitude(r);
+  return vepra::detail::wide_rect(fn, data, xm - m, ym - m, xm + m, ym + m, width);
 }
 
 vepra_error_t *vepra_img_ellipse(int xm, int ym, int a, int b, vepra_img_pixel_fn fn,
                                  void *data) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  constexpr int kNarrow = 1 << 19;
-  if (a > -kNarrow && a < kNarrow && b > -kNarrow && b < kNarrow)
-    return vepra::detail::ellipse_centre<int64_t>(plot, xm, ym, a, b);
-  return vepra::detail::ellipse_centre<__int128>(plot, xm, ym, a, b);
+  const int64_t ma = magnitude(a), mb = magnitude(b);
+  return draw_in_box(fn, data, xm - ma, ym - mb, xm + ma, ym + mb, [&](auto &plot) {
+    // The error terms grow as a * b^2: 64-bit integers hold them for
+    // semi-axes up to 2^19, 128-bit ones beyond.
+    constexpr int64_t kNarrow = 1 << 19;
+    if (ma < kNarrow && mb < kNarrow)
+      return vepra::detail::ellipse_centre<int64_t>(plot, xm, ym, a, b);
+    return vepra::detail::ellipse_centre<__int128>(plot, xm, ym, a, b);
+  });
 }
 
 vepra_error_t *vepra_img_ellipser(int x0, int y0, int x1, int y1, vepra_img_pixel_fn fn,
                                   void *data) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  return vepra::detail::ellipse_rect(plot, x0, y0, x1, y1);
+  return draw_in_box(fn, data, std::min(x0, x1), std::min(y0, y1), std::max(x0, x1),
+                     std::max(y0, y1),
+                     [&](auto &plot) { return vepra::detail::ellipse_rect(plot, x0, y0, x1, y1); });
 }
 
 vepra_error_t *vepra_img_ellipse_aa(int xm, int ym, int a, int b, vepra_img_pixel_fn fn,
                                     void *data) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  const int64_t aa = vepra::detail::magnitude(a), bb = vepra::detail::magnitude(b);
-  return vepra::detail::ellipser_aa_internal(plot, xm - aa, ym - bb, xm + aa, ym + bb);
+  const int64_t ma = magnitude(a), mb = magnitude(b);
+  return draw_in_box(fn, data, xm - ma, ym - mb, xm + ma, ym + mb, [&](auto &plot) {
+    return vepra::detail::ellipser_aa_internal(plot, xm - ma, ym - mb, xm + ma, ym + mb);
+  });
 }
 
 vepra_error_t *vepra_img_ellipser_aa(int x0, int y0, int x1, int y1, vepra_img_pixel_fn fn,
                                      void *data) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  return vepra::detail::ellipser_aa_internal(plot, x0, y0, x1, y1);
+  return draw_in_box(fn, data, std::min(x0, x1), std::min(y0, y1), std::max(x0, x1),
+                     std::max(y0, y1), [&](auto &plot) {
+                       return vepra::detail::ellipser_aa_internal(plot, x0, y0, x1, y1);
+                     });
 }
 
 vepra_error_t *vepra_img_ellipse_waa(int xm, int ym, int a, int b, vepra_img_pixel_fn fn,
                                      void *data, double width) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  const int64_t h = vepra::detail::half_stroke(width);
-  const int64_t aa = vepra::detail::magnitude(a), bb = vepra::detail::magnitude(b);
-  return vepra::detail::ellipser_waa_internal(plot, xm - aa - h, ym - bb - h, xm + aa + h,
-                                              ym + bb + h, vepra::detail::stroke_width(width));
+  const int64_t ma = magnitude(a), mb = magnitude(b);
+  return vepra::detail::wide_rect(fn, data, xm - ma, ym - mb, xm + ma, ym + mb, width);
 }
 
 vepra_error_t *vepra_img_ellipser_waa(int x0, int y0, int x1, int y1, vepra_img_pixel_fn fn,
                                       void *data, double width) noexcept {
-  if (fn == nullptr) return nullptr;
-  Plotter plot(fn, data);
-  const int64_t h = vepra::detail::half_stroke(width);
-  // The rectangle grows away from its centre whichever corner comes first.
-  const int64_t lx = std::min(x0, x1) - h, hx = int64_t{std::max(x0, x1)} + h;
-  const int64_t ly = std::min(y0, y1) - h, hy = int64_t{std::max(y0, y1)} + h;
-  return vepra::detail::ellipser_waa_internal(plot, x0 <= x1 ? lx : hx, y0 <= y1 ? ly : hy,
-                                              x0 <= x1 ? hx : lx, y0 <= y1 ? hy : ly,
-                                              vepra::detail::stroke_width(width));
+  return vepra::detail::wide_rect(fn, data, x0, y0, x1, y1, width);
 }
 
 }  // extern "C"

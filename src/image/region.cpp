@@ -145,10 +145,17 @@ void accumulate(const vepra_img_t &img, const Sample *const *rows, const Shape &
         uint64_t sum = 0;
         Sample lo = row[c], hi = row[c];
         double psl = 0;
-        for (int64_t k = c; k <= last; ++k) {
-          sum += row[k];
-          lo = std::min(lo, row[k]);
-          hi = std::max(hi, row[k]);
+        // 32-bit partial sums vectorise better and cannot overflow within
+        // a block of 65536 samples.
+        for (int64_t block = c; block <= last; block += 65536) {
+          const int64_t block_end = std::min(last, block + 65535);
+          uint32_t part = 0;
+          for (int64_t k = block; k <= block_end; ++k) {
+            part += row[k];
+            lo = std::min(lo, row[k]);
+            hi = std::max(hi, row[k]);
+          }
+          sum += part;
         }
         if (psl_table != nullptr) {
           for (int64_t k = c; k <= last; ++k) psl += psl_table[row[k]];

@@ -3,6 +3,9 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
 
 #include "core/error_internal.hpp"
 #include "image/measure_common.hpp"
@@ -57,6 +60,64 @@ using vepra::detail::with_rows;
 constexpr const char *kHistogramContext = "Cannot create histogram of an image.";
 constexpr const char *kEntropyContext = "Can't calculate entropy for an image.";
 
+// Below this many pixels a 16-bit image is counted straight into the
+// result: the scratch counters of the split count would cost more than
+// they save.
+constexpr uint64_t kSplitCountPixels = uint64_t{1} << 20;
+
+// Counts the samples of 16-bit rows into bins, four columns at a time, each
+// into a 32-bit counter set of its own (the columns left over go to the
+// first). Runs of equal or few distinct values then no longer make every
+// increment wait for the previous one to the same counter. 32-bit bins
+// serve as the first set themselves; 64-bit bins are only added into, so
+// that the four sets take no more cache than two sets of 64-bit counters.
+// The scratch sets are added into bins after every band of rows that
+// could fill one of them to 2^32 - 1, and at the end. False, with nothing
+// counted, when the scratch cannot be had.
+template <typename Counter>
+bool count_split(const vepra_img_t &img, const uint16_t *const *rows, Counter *bins) noexcept {
+  constexpr size_t kBins = 65536;
+  constexpr bool kBinsFirst = std::is_same_v<Counter, uint32_t>;
+  constexpr size_t kScratch = (kBinsFirst ? 3 : 4) * kBins;
+  auto *scratch = static_cast<uint32_t *>(std::calloc(kScratch, sizeof(uint32_t)));
+  if (scratch == nullptr) return false;
+  uint32_t *s0 = nullptr;
+  if constexpr (kBinsFirst) {
+    s0 = bins;
+  } else {
+    s0 = scratch + 3 * kBins;
+  }
+  uint32_t *const s1 = scratch;
+  uint32_t *const s2 = scratch + kBins;
+  uint32_t *const s3 = scratch + 2 * kBins;
+  const uint32_t width = img.width;
+  const uint32_t most = width / 4 + 3;  // the most one set gains a row
+  const uint32_t band = UINT32_MAX / most;
+  for (uint32_t top = 0; top < img.height;) {
+    const uint32_t bottom = img.height - top > band ? top + band : img.height;
+    for (uint32_t r = top; r < bottom; ++r) {
+      const uint16_t *row = rows[r];
+      uint32_t c = 0;
+      for (; c + 4 <= width; c += 4) {
+        ++s0[row[c]];
+        ++s1[row[c + 1]];
+        ++s2[row[c + 2]];
+        ++s3[row[c + 3]];
+      }
+      for (; c < width; ++c) ++s0[row[c]];
+    }
+    for (size_t v = 0; v < kBins; ++v) {
+      uint64_t sum = uint64_t{s1[v]} + s2[v] + s3[v];
+      if constexpr (!kBinsFirst) sum += s0[v];
+      bins[v] += static_cast<Counter>(sum);
+    }
+    top = bottom;
+    if (top < img.height) std::memset(scratch, 0, kScratch * sizeof(uint32_t));
+  }
+  std::free(scratch);
+  return true;
+}
+
 // Adds the count of every sample value of the image to bins (kLevels
 // counters). Counters wrap like Counter does, so 32-bit counters give the
 // same result as counting into them one by one.
@@ -83,6 +144,7 @@ void count_samples(const vepra_img_t &img, const Sample *const *rows, Counter *b
       bins[v] += static_cast<Counter>(sub[0][v] + sub[1][v] + sub[2][v] + sub[3][v]);
     }
   } else {
+    if (vepra::detail::pixel_count(img) >= kSplitCountPixels && count_split(img, rows, bins)) return;
     for (uint32_t r = 0; r < img.height; ++r) {
       const Sample *row = rows[r];
       for (uint32_t c = 0; c < width; ++c) ++bins[row[c]];
@@ -103,13 +165,27 @@ double entropy_of(const Counter *bins, size_t nbins, Total total) noexcept {
   return h;
 }
 
-// Entropy with 32-bit counters in the call's own storage.
+// Entropy with 32-bit counters: 256 of them in the call's own storage, the
+// 65536 of a 16-bit image from the checked allocator, so that no call
+// needs a large stack frame. *out is written only on success.
 template <typename Sample>
-double entropy_in_place(const vepra_img_t &img, const Sample *const *rows) noexcept {
-  std::array<uint32_t, kLevels<Sample>> bins{};
-  count_samples(img, rows, bins.data());
+vepra_error_t *entropy_counted(const vepra_img_t &img, const Sample *const *rows,
+                               double *out) noexcept {
+  constexpr size_t kBins = kLevels<Sample>;
   const auto total = static_cast<uint32_t>(vepra::detail::pixel_count(img));
-  return entropy_of(bins.data(), bins.size(), total);
+  if constexpr (kBins <= 256) {
+    std::array<uint32_t, kBins> bins{};
+    count_samples(img, rows, bins.data());
+    *out = entropy_of(bins.data(), kBins, total);
+  } else {
+    void *block = nullptr;
+    if (vepra_error_t *e = vepra_mem_calloc(kBins, sizeof(uint32_t), &block)) return e;
+    auto *bins = static_cast<uint32_t *>(block);
+    count_samples(img, rows, bins);
+    *out = entropy_of(bins, kBins, total);
+    vepra_mem_free(block);
+  }
+  return nullptr;
 }
 
 // Lower and upper class means of the IsoData iteration.
@@ -153,8 +229,9 @@ vepra_error_t *vepra_img_histogram(const vepra_img_t *img, size_t *nbins,
 vepra_error_t *vepra_img_entropy(const vepra_img_t *img, double *entropy) noexcept {
   if (vepra_error_t *e = vepra::detail::check_measurable(img, entropy, kEntropyContext)) return e;
   if (vepra::detail::pixel_count(*img) <= UINT32_MAX) {
-    *entropy = with_rows(*img, [&](const auto *rows) { return entropy_in_place(*img, rows); });
-    return nullptr;
+    vepra_error_t *e =
+        with_rows(*img, [&](const auto *rows) { return entropy_counted(*img, rows, entropy); });
+    return e != nullptr ? wrap_error(e, "%s", kEntropyContext) : nullptr;
   }
   // Beyond the reach of 32-bit counters: count into a 64-bit histogram.
   size_t nbins = 0;

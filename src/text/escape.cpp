@@ -100,28 +100,22 @@ struct Output {
   }
 };
 
-// Writes code point v as UTF-8 (1 to 4 bytes); false when it does not fit.
-bool put_utf8(Output &out, uint32_t v) noexcept {
-  unsigned char buf[4];
+// Writes code point v, at least 0x80, as UTF-8; false when it does not
+// fit. An escape never yields more than 0xFFFF (\u takes at most four hex
+// digits, an octal escape at most three octal ones: 0777), so two or three
+// bytes always suffice.
+bool put_utf8(Output &out, uint16_t v) noexcept {
+  unsigned char buf[3];
   size_t n;
-  if (v < 0x80) {
-    buf[0] = static_cast<unsigned char>(v);
-    n = 1;
-  } else if (v < 0x800) {
+  if (v < 0x800) {
     buf[0] = static_cast<unsigned char>(0xC0 | (v >> 6));
     buf[1] = static_cast<unsigned char>(0x80 | (v & 0x3F));
     n = 2;
-  } else if (v < 0x10000) {
+  } else {
     buf[0] = static_cast<unsigned char>(0xE0 | (v >> 12));
     buf[1] = static_cast<unsigned char>(0x80 | ((v >> 6) & 0x3F));
     buf[2] = static_cast<unsigned char>(0x80 | (v & 0x3F));
     n = 3;
-  } else {
-    buf[0] = static_cast<unsigned char>(0xF0 | (v >> 18));
-    buf[1] = static_cast<unsigned char>(0x80 | ((v >> 12) & 0x3F));
-    buf[2] = static_cast<unsigned char>(0x80 | ((v >> 6) & 0x3F));
-    buf[3] = static_cast<unsigned char>(0x80 | (v & 0x3F));
-    n = 4;
   }
   if (!out.fits(n)) return false;
   for (size_t i = 0; i < n; ++i) out.put(buf[i]);
@@ -192,7 +186,7 @@ vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size, const char *src, 
       }
       if (v >= 256) utf8 = true;
       if (utf8) {
-        if (v != 0xFFFF && !put_utf8(out, v)) {
+        if (v != 0xFFFF && !put_utf8(out, static_cast<uint16_t>(v))) {
           out.finish(size);
           return make_error(0);
         }

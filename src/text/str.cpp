@@ -5,6 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "core/error_internal.hpp"
 #include "text/text_internal.hpp"
 #include "vepra_str.h"
@@ -80,16 +84,54 @@ class Builder {
   size_t len_ = 0;
 };
 
-// First occurrence of needle[0..n) in [p, end), or null. Short needles
-// are found by the first byte and a compare, which costs little per call
-// when occurrences are dense and at most n compares per byte; long ones
-// go to memmem, which is linear in any case.
+// True when the n bytes at a and b are equal; n is small here, so a plain
+// loop beats a call.
+bool same_bytes(const char *a, const char *b, size_t n) noexcept {
+  for (size_t i = 0; i < n; ++i)
+    if (a[i] != b[i]) return false;
+  return true;
+}
+
+// First occurrence of needle[0..n) in [p, end), or null. A single byte is
+// found by memchr. Needles of up to 32 bytes are found 32 or 16 starts at a
+// time where the vector unit allows: a start is a candidate when both the
+// first and the last byte of the needle stand where they belong, and only
+// candidates are compared, at most n bytes each. Longer needles go to
+// memmem, which is linear in any case.
 const char *find(const char *p, const char *end, const char *needle, size_t n) noexcept {
+  if (static_cast<size_t>(end - p) < n) return nullptr;
+  if (n == 1) return static_cast<const char *>(std::memchr(p, needle[0], static_cast<size_t>(end - p)));
   if (n > 32) return static_cast<const char *>(memmem(p, static_cast<size_t>(end - p), needle, n));
-  while (static_cast<size_t>(end - p) >= n) {
-    p = static_cast<const char *>(std::memchr(p, needle[0], static_cast<size_t>(end - p) - n + 1));
+  const char *const stop = end - (n - 1);  // every start lies before stop
+#if defined(__SSE2__)
+  const __m128i first = _mm_set1_epi8(needle[0]);
+  const __m128i last = _mm_set1_epi8(needle[n - 1]);
+  // Bit i of the result: start q + i is a candidate.
+  auto candidates = [&](const char *q) {
+    const __m128i head = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q));
+    const __m128i tail = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + n - 1));
+    return static_cast<uint32_t>(_mm_movemask_epi8(
+        _mm_and_si128(_mm_cmpeq_epi8(head, first), _mm_cmpeq_epi8(tail, last))));
+  };
+  // Thirty-two starts a step, then sixteen; the last byte of the last load
+  // is end[-1].
+  for (size_t step = 32; step >= 16; step /= 2) {
+    for (; static_cast<size_t>(stop - p) >= step; p += step) {
+      uint32_t mask = candidates(p);
+      if (step == 32) mask |= candidates(p + 16) << 16;
+      for (; mask != 0; mask &= mask - 1) {
+        const char *start = p + __builtin_ctz(mask);
+        if (same_bytes(start + 1, needle + 1, n - 2)) return start;
+      }
+    }
+  }
+#endif
+  // The starts left over, or all of them without the vector unit: by the
+  // first byte, then a compare.
+  while (p < stop) {
+    p = static_cast<const char *>(std::memchr(p, needle[0], static_cast<size_t>(stop - p)));
     if (p == nullptr) return nullptr;
-    if (std::memcmp(p + 1, needle + 1, n - 1) == 0) return p;
+    if (same_bytes(p + 1, needle + 1, n - 1)) return p;
     ++p;
   }
   return nullptr;

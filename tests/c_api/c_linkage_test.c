@@ -2,6 +2,7 @@
  * is usable from C and the exported names resolve. Prints "N passed, N
  * failed" and exits non-zero on a failure. */
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "vepra.h"
@@ -30,6 +31,12 @@ static vepra_error_t *count_pixel(int x, int y, void *data, double weight) {
   (void)weight;
   ++*(int *)data;
   return NULL;
+}
+
+static void count_emission(vepra_obj_t *src, unsigned code, vepra_obj_t *dest, void *usr,
+                           void *arg) {
+  (void)src, (void)code, (void)dest, (void)arg;
+  ++*(int *)usr;
 }
 
 int main(void) {
@@ -124,6 +131,48 @@ int main(void) {
   err = vepra_dir_traverse("/nonexistent/vepra-c-linkage", "*.c", NULL, &dir_options, vepra_pool);
   CHECK(err != NULL && dir_options.include != NULL && dir_options.include->nelts == 1);
   vepra_error_clear(err);
+
+  {
+    vepra_obj_t *sender = NULL, *receiver = NULL;
+    int calls = 0;
+    CHECK(vepra_obj_engine_init(vepra_pool) == NULL);
+    CHECK(vepra_obj_create(&sender, "sender", vepra_pool) == NULL);
+    CHECK(vepra_obj_create(&receiver, "receiver", vepra_pool) == NULL);
+    CHECK(vepra_obj_add_signal(sender, 100) == NULL);
+    CHECK(vepra_obj_connect(sender, 100, receiver, count_emission, &calls) == NULL);
+    CHECK(vepra_obj_emit_signal(sender, 100, NULL) == NULL && calls == 1);
+    vepra_obj_destroy(receiver);
+    CHECK(vepra_obj_emit_signal(sender, 100, NULL) == NULL && calls == 1);
+    vepra_obj_destroy(sender);
+    CHECK(osig_icd.sz == sizeof(osig));
+    CHECK(vepra_obj_engine_terminate() == NULL);
+  }
+
+  {
+    unsigned char digest[VEPRA_SHA1_DIGEST_LENGTH];
+    vepra_sha1_ctx_t sha;
+    void *image = NULL;
+    size_t image_len = 0;
+    vepra_error_t *back = NULL;
+    CHECK(vepra_util_crc32(0, "123456789", 9) == 0xCBF43926u);
+    CHECK(vepra_util_crc16(0, "123456789", 9) == 0xBB3Du);
+    vepra_sha1("abc", 3, digest);
+    CHECK(digest[0] == 0xa9 && digest[19] == 0x9d);
+    vepra_sha1_init(&sha);
+    vepra_sha1_update(&sha, "abc", 3);
+    vepra_sha1_final(&sha, digest);
+    CHECK(digest[0] == 0xa9 && digest[19] == 0x9d);
+    CHECK(vepra_util_nsigbits64(5) == 3 && vepra_util_bsf64(0) == -1 && vepra_util_bsr64(8) == 3);
+    CHECK(vepra_util_lowmask64(64) == UINT64_MAX);
+    CHECK(vepra_util_bitfield_get64(vepra_util_bitfield_set64(0, 4, 4, 9), 4, 4) == 9);
+    err = vepra_error_create(VEPRA_ERROR_TYPE_WARNING, VEPRA_E_IO_EOF, NULL, "end");
+    vepra_error_serialize(err, &image, &image_len);
+    CHECK(vepra_error_deserialize(&back, image, image_len) == &back);
+    CHECK(back != NULL && vepra_error_crc16(back) == vepra_error_crc16(err));
+    free(image);
+    vepra_error_clear(back);
+    vepra_error_clear(err);
+  }
 
   vepra_terminate();
   printf("%d passed, %d failed\n", passed, failed);

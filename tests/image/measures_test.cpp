@@ -100,9 +100,11 @@ class MeasuresTest : public vepra_test::LibraryTest {};
 TEST_F(MeasuresTest, HistogramEntropyAndThresholdMatchIndependentCounts) {
   uint32_t pattern = 1;
   for (auto [bits, photometric] : kKinds) {
-    // Widths that are not multiples of four reach the tail of the 8-bit loop.
-    for (auto [h, w] :
-         {std::pair{37u, 53u}, std::pair{1u, 3u}, std::pair{300u, 250u}, std::pair{0u, 7u}}) {
+    // Widths that are not multiples of four reach the tails of the loops
+    // that count four columns at a time (16-bit images of a million pixels
+    // and more).
+    for (auto [h, w] : {std::pair{37u, 53u}, std::pair{1u, 3u}, std::pair{300u, 250u},
+                        std::pair{0u, 7u}, std::pair{1025u, 1027u}}) {
       SCOPED_TRACE(std::to_string(h) + "x" + std::to_string(w) + " bits " + std::to_string(bits));
       Image img(h, w, bits, photometric, pattern++);
       std::map<uint32_t, uint64_t> counts;
@@ -272,7 +274,10 @@ TEST_F(MeasuresTest, RejectsWhatIsNotGrayscale) {
   EXPECT_EQ(std::tuple(nbins, hist, entropy), std::tuple(77u, nullptr, -3.0));
 }
 
-TEST_F(MeasuresTest, HistogramAllocationFailureIsReported) {
+// The 16-bit histogram's result and the 16-bit entropy's counters come
+// from the checked allocator; a failure is reported under the function's
+// context and leaves the output as it was.
+TEST_F(MeasuresTest, AllocationFailuresAreReported) {
   Image img(3, 4, 16, 0);
   size_t nbins = 0;
   uint64_t *hist = reinterpret_cast<uint64_t *>(&nbins);
@@ -290,6 +295,18 @@ TEST_F(MeasuresTest, HistogramAllocationFailureIsReported) {
                   "Error(120012): Cannot create histogram of an image. ");
       });
   EXPECT_EQ(made, 1);
+  double entropy = -3.0;
+  const long counted = vepra_test::for_each_allocation_failure(
+      [&] { return vepra_img_entropy(&img.rec, &entropy); },
+      [&](vepra_error_t *e, long) {
+        EXPECT_EQ(entropy, -3.0);
+        EXPECT_EQ(vepra_test::printed_lines(e),
+                  (std::vector<std::string>{
+                      "Error(120012): Can't calculate entropy for an image. ",
+                      "Error(120012): Failed to allocate 262144 bytes of memory. "}));
+      });
+  EXPECT_EQ(counted, 1);
+  EXPECT_NE(entropy, -3.0);
 }
 
 }  // namespace

@@ -94,12 +94,18 @@ TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
     std::string b = a.substr(0, rng() % (a.size() + 1)) + random_text(rng, printable, 2);
     EXPECT_EQ(sign(vepra_str_stricmp(a.c_str(), b.c_str())), sign(strcasecmp(a.c_str(), b.c_str())))
         << a << " / " << b;
-    // Every fourth search string is long, taken from a repeated text.
+    // Every fourth search string is long, taken from a repeated text; every
+    // other one is up to 32 bytes in a text of up to 200, its first byte
+    // and last byte frequent.
     std::string s = random_text(rng, "ab ", 40), to = random_text(rng, "ab ", 6), all;
     std::string from = "ab "[rng() % 3] + random_text(rng, "ab ", 3);
     if (round % 4 == 0) {
       s = s + s + s + from;
       from = s.substr(0, std::min<size_t>(s.size(), 33 + rng() % 4));
+    } else if (round % 2 == 1) {
+      s = random_text(rng, "aab", 200);
+      from = s.substr(rng() % (s.size() + 1), 1 + rng() % 32);
+      if (from.empty()) from = "ab";
     }
     std::string first = s;
     if (size_t hit = s.find(from); hit != std::string::npos) first.replace(hit, from.size(), to);

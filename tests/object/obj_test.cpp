@@ -1,0 +1,333 @@
+// The object engine against a reference model, its documented edge cases,
+// the printed format and allocation failures.
+#include "object/obj_world.hpp"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/test_support.hpp"
+#include "vepra.h"
+
+namespace {
+
+using namespace obj_model;
+using vepra_test::take_printed;
+
+std::string printed(vepra_error_t *e) { return take_printed(e); }
+
+class ObjTest : public vepra_test::LibraryTest {};
+
+// Random operations, nested ones included, against the model: the same
+// slot calls in the same order, and the same objects, signals,
+// destinations, slots and children after every step.
+TEST_F(ObjTest, MatchesModelUnderRandomNestedOperations) {
+  for (unsigned run = 0; run < 200; ++run) {
+    std::mt19937 rng(run);
+    std::vector<Op> nested;
+    std::vector<int> first{0, 1, 2, 3, 4, 5};
+    for (int i = 0; i < 10; ++i) nested.push_back(random_op(rng, first, true));
+    std::vector<Entry> real_log, model_log;
+    Real real(&nested, &real_log);
+    Model model(&nested, &model_log);
+    for (int i = 0; i < 4; ++i) {
+      const Op op{Kind::kCreate, 0, -1, 1, 0, 0, i % 3};
+      ASSERT_EQ(apply(real, op), apply(model, op));
+    }
+    for (int step = 0; step < 200; ++step) {
+      Op op = random_op(rng, model.live(), false);
+      int got = apply(real, op), want = apply(model, op);
+      SCOPED_TRACE("run " + std::to_string(run) + " step " + std::to_string(step) + " kind " +
+                   std::to_string(static_cast<int>(op.kind)));
+      ASSERT_EQ(got, want);
+      ASSERT_EQ(real_log, model_log);
+      ASSERT_EQ(real.count(), model.count());
+      for (int i = 0; i < model.count(); ++i) {
+        ASSERT_EQ(real.alive(i), model.alive(i)) << "object " << i;
+        if (!model.alive(i)) continue;
+        ASSERT_EQ(real.signals(i), model.signals(i)) << "object " << i;
+        ASSERT_EQ(real.children(i), model.objs[i].children) << "object " << i;
+        ASSERT_EQ(real.index_of(real.obj(i)->parent), model.objs[i].parent) << "object " << i;
+        for (const auto &[name, child] : model.objs[i].index)
+          ASSERT_EQ(vepra_obj_getc(real.obj(i), name.c_str()), real.obj(child)) << name;
+      }
+    }
+  }
+}
+
+// The print format, line by line, with the addresses printed by snprintf.
+TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
+  vepra_obj_t *a = nullptr, *b = nullptr;
+  ASSERT_EQ(vepra_obj_create(&a, "alpha", pool_), nullptr);
+  ASSERT_EQ(vepra_obj_create(&b, nullptr, pool_), nullptr);
+  ASSERT_EQ(vepra_obj_add_signal(a, 7), nullptr);
+  ASSERT_EQ(vepra_obj_set_signal_flags(a, 7, 0x10006), nullptr);
+  vepra_obj_slot_fn f = Real::slot<0>;
+  void *usr = reinterpret_cast<void *>(0x10);
+  ASSERT_EQ(vepra_obj_connect(a, 7, b, f, usr), nullptr);
+  auto *b1 = static_cast<osig *>(utarray_eltptr(b->signals, 0));
+  vepra_obj_slot_fn autodel =
+      static_cast<oslot *>(utarray_eltptr(b1->destinations->slots, 0))->callback;
+
+  char *text = nullptr;
+  size_t size = 0;
+  FILE *stream = open_memstream(&text, &size);
+  vepra_obj_print_signals(a, stream);
+  std::fclose(stream);
+  auto line = [](const char *format, auto... args) {
+    char buf[256];
+    std::snprintf(buf, sizeof buf, format, args...);
+    return std::string(buf);
+  };
+  void *cb = reinterpret_cast<void *>(f), *ad = reinterpret_cast<void *>(autodel);
+  std::string want = line("Object alpha (%p) has 2 signal(s).\n", static_cast<void *>(a)) +
+                     " Signal 1 (flags=0) has 1 destination(s).\n" +
+                     line("  Destination (null) (%p) has 1 slots(s).\n", static_cast<void *>(b)) +
+                     line("   Slot> usr: %p callback: %p (autodel)\n", nullptr, ad) +
+                     " Signal 7 (flags=6) has 1 destination(s).\n" +
+                     line("  Destination (null) (%p) has 1 slots(s).\n", static_cast<void *>(b)) +
+                     line("   Slot> usr: %p callback: %p\n", usr, cb);
+  EXPECT_EQ(std::string(text, size), want);
+  std::free(text);
+  vepra_obj_delete_signals(a);
+  stream = open_memstream(&text, &size);
+  vepra_obj_print_signals(a, stream);
+  std::fclose(stream);
+  EXPECT_EQ(size, 0u);
+  std::free(text);
+  vepra_obj_destroy(a);
+  vepra_obj_destroy(b);
+}
+
+// Registries of object types and signal types. Codes are compared relative
+// to the first one handed out here: the counters live as long as the
+// process.
+TEST_F(ObjTest, RegistersTypesAndSignalTypes) {
+  unsigned t = 0, t2 = 0, s = 0, s2 = 0;
+  EXPECT_EQ(printed(vepra_objtype_register(&t, nullptr, nullptr)),
+            "Error(120001): Cannot register object type. \n"
+            "Error(120001): VEPRA has not been initialized. ");
+  ASSERT_EQ(vepra_obj_engine_init(pool_), nullptr);
+  vepra_strlist_t *names = nullptr, *taken = nullptr;
+  ASSERT_EQ(vepra_strlist_create(&names, pool_), nullptr);
+  ASSERT_EQ(vepra_strlist_create(&taken, pool_), nullptr);
+  for (const char *n : {"widget", "gadget"}) ASSERT_EQ(vepra_strlist_addlast(names, n, pool_), nullptr);
+  for (const char *n : {"fresh", "gadget"}) ASSERT_EQ(vepra_strlist_addlast(taken, n, pool_), nullptr);
+
+  ASSERT_EQ(vepra_objtype_register(&t, names, nullptr), nullptr);
+  EXPECT_EQ(vepra_objtype_query_typecode("gadget"), t);
+  EXPECT_EQ(vepra_objtype_query_typecode("gizmo"), 0u);
+  EXPECT_TRUE(vepra_objtype_is_names_exist(taken));
+  // A taken name refuses the whole list, consumes no code and leaves the
+  // registry unlocked for the next registration.
+  t2 = 7;
+  EXPECT_EQ(printed(vepra_objtype_register(&t2, taken, nullptr)),
+            "Error(120101): The name(s) of type is(are) already registered. ");
+  EXPECT_EQ(t2, 7u);
+  EXPECT_EQ(vepra_objtype_query_typecode("fresh"), 0u);
+  vepra_strlist_clear(taken);
+  ASSERT_EQ(vepra_strlist_addlast(taken, "fresh", pool_), nullptr);
+  ASSERT_EQ(vepra_objtype_register(&t2, taken, nullptr), nullptr);
+  EXPECT_EQ(t2, t + 1);
+
+  // A type without a method makes plain objects, of type 0.
+  vepra_obj_t *o = nullptr;
+  ASSERT_EQ(vepra_objtype_create_object("widget", "w1", &o, pool_), nullptr);
+  EXPECT_STREQ(vepra_obj_get_name(o), "w1");
+  EXPECT_EQ(vepra_obj_get_type(o), 0u);
+  EXPECT_EQ(printed(vepra_objtype_create_object("gizmo", "g", &o, pool_)),
+            "Error: Cannot create object. Type [gizmo] is not registered. ");
+
+  ASSERT_EQ(vepra_objsig_register(&s, "clicked"), nullptr);
+  EXPECT_GE(s, 100u);
+  EXPECT_EQ(vepra_objsig_query_type("clicked"), s);
+  EXPECT_EQ(vepra_objsig_query_type("pressed"), 0u);
+  EXPECT_EQ(printed(vepra_objsig_register(&s2, "clicked")),
+            "Error(120103): Cannot register signal. \n"
+            "Error(120103): Object signal type [clicked] already exists. ");
+  // A freed registration is reused as it stands, old name included.
+  ASSERT_EQ(vepra_objsig_deregister(s), nullptr);
+  EXPECT_EQ(vepra_objsig_query_type("clicked"), 0u);
+  ASSERT_EQ(vepra_objsig_register(&s2, nullptr), nullptr);
+  EXPECT_EQ(s2, s + 1);
+  EXPECT_EQ(vepra_objsig_query_type("clicked"), s2);
+  ASSERT_EQ(vepra_obj_engine_terminate(), nullptr);
+  EXPECT_EQ(vepra_objtype_query_typecode("widget"), 0u);
+  ASSERT_EQ(vepra_obj_engine_init(pool_), nullptr);
+  ASSERT_EQ(vepra_objsig_register(&s, nullptr), nullptr);
+  EXPECT_EQ(s, s2 + 1);
+  ASSERT_EQ(vepra_obj_engine_terminate(), nullptr);
+}
+
+struct Trace {
+  std::vector<std::string> lines;
+  static void note(vepra_obj_t *o, void *self) {
+    static_cast<Trace *>(self)->lines.push_back(std::string("cleanup ") + vepra_obj_get_name(o));
+  }
+  static void destroyed(vepra_obj_t *src, unsigned, vepra_obj_t *, void *self, void *) {
+    static_cast<Trace *>(self)->lines.push_back(std::string("signal 1 ") + vepra_obj_get_name(src));
+  }
+};
+
+int is_named_b(uint32_t, void *data, void *) {
+  const char *n = vepra_obj_get_name(static_cast<vepra_obj_t *>(data));
+  return n != nullptr && std::strcmp(n, "b") == 0;
+}
+
+vepra_error_t *stop_at_first(uint32_t, void *, void *) { return VepraDLlistStopWalking; }
+
+TEST_F(ObjTest, ChildrenAndCleanupsFollowTheirRules) {
+  Trace trace;
+  vepra_obj_t *p = nullptr, *a = nullptr, *b = nullptr, *u1 = nullptr, *u2 = nullptr,
+              *a2 = nullptr, *watcher = nullptr;
+  for (auto [out, name] : {std::pair{&p, "p"}, {&a, "a"}, {&b, "b"}, {&u1, "u1"}, {&u2, "u2"},
+                           {&a2, "a"}, {&watcher, "w"}})
+    ASSERT_EQ(vepra_obj_create(out, name, pool_), nullptr);
+  vepra_obj_set_name(u1, nullptr);
+  vepra_obj_set_name(u2, nullptr);
+  for (vepra_obj_t *c : {a, b, u1, u2}) ASSERT_EQ(vepra_obj_addc(p, c), nullptr);
+  EXPECT_EQ(printed(vepra_obj_addc(p, a2)),
+            "Error(120102): Cannot add child to object \n"
+            "Error(120102): There is already a child with name 'a' ");
+  EXPECT_EQ(printed(vepra_obj_addc(watcher, a)),
+            "Error: Cannot add child to object \nError: The object already has a parent. ");
+  EXPECT_EQ(printed(vepra_obj_addc(a, p)),
+            "Error: Cannot add child to object \nError: The object cannot be its own descendant. ");
+  EXPECT_EQ(vepra_obj_removec(p, "a", nullptr), a);
+  EXPECT_EQ(a->parent, nullptr);
+  ASSERT_EQ(vepra_obj_addc(p, a2), nullptr);
+  EXPECT_EQ(vepra_obj_getc(p, "a"), a2);
+  vepra_obj_destroy(a);
+
+  // removec_func drops the name entry too; a renamed child is still found
+  // by its old name, and destroying it detaches it.
+  EXPECT_EQ(vepra_obj_removec_func(p, is_named_b, nullptr), b);
+  EXPECT_EQ(vepra_obj_getc(p, "b"), nullptr);
+  EXPECT_EQ(b->parent, nullptr);
+  vepra_obj_set_name(a2, "renamed");
+  EXPECT_EQ(vepra_obj_getc(p, "a"), a2);
+  vepra_obj_destroy(a2);
+  EXPECT_EQ(vepra_obj_getc(p, "a"), nullptr);
+  EXPECT_EQ(vepra_obj_child_walk_err_first(p, stop_at_first, nullptr, nullptr),
+            VepraDLlistStopWalking);
+
+  // Cleanup order: signal 1, the callbacks (one registered twice, one
+  // deregistered), then the children.
+  ASSERT_EQ(vepra_obj_addc(p, b), nullptr);
+  ASSERT_EQ(vepra_obj_connect(p, 1, watcher, Trace::destroyed, &trace), nullptr);
+  ASSERT_EQ(vepra_obj_cleanup_register(p, Trace::note, &trace), nullptr);
+  ASSERT_EQ(vepra_obj_cleanup_register(p, Trace::note, &trace), nullptr);
+  ASSERT_EQ(vepra_obj_cleanup_register(p, Trace::note, &trace), nullptr);
+  EXPECT_NE(vepra_obj_cleanup_deregister(p, Trace::note), nullptr);
+  EXPECT_EQ(vepra_obj_cleanup_deregister(p, nullptr), nullptr);
+  ASSERT_EQ(vepra_obj_cleanup_register(b, Trace::note, &trace), nullptr);
+  vepra_obj_destroy(p);
+  EXPECT_EQ(trace.lines, (std::vector<std::string>{"signal 1 p", "cleanup p", "cleanup p",
+                                                   "cleanup b"}));
+  // The watcher forgot p: only its own signal 1 is left, with nothing.
+  ASSERT_EQ(utarray_len(watcher->signals), 1u);
+  EXPECT_EQ(static_cast<osig *>(utarray_eltptr(watcher->signals, 0))->destinations, nullptr);
+  vepra_obj_destroy(watcher);
+}
+
+// Allocation failures: object creation, a connection's destination records
+// and type registration report the allocator's error and leave nothing
+// behind (the sanitizer build checks for leaks).
+TEST_F(ObjTest, ReportsAllocationFailures) {
+  vepra_obj_t *o = nullptr;
+  long made = vepra_test::for_each_allocation_failure(
+      [&] {
+        o = nullptr;
+        vepra_error_t *e = vepra_obj_create(&o, "x", pool_);
+        vepra_obj_destroy(o);
+        return e;
+      },
+      [](vepra_error_t *e, long) {
+        EXPECT_EQ(e->code, VEPRA_E_ALLOC);
+        EXPECT_STREQ(e->message, "Cannot create object.");
+      });
+  EXPECT_GE(made, 1);
+
+  vepra_obj_t *a = nullptr, *b = nullptr;
+  ASSERT_EQ(vepra_obj_create(&a, "a", pool_), nullptr);
+  ASSERT_EQ(vepra_obj_create(&b, "b", pool_), nullptr);
+  ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
+  made = vepra_test::for_each_allocation_failure(
+      [&] {
+        vepra_error_t *e = vepra_obj_connect(a, 5, b, Real::slot<0>, nullptr);
+        vepra_obj_disconnect(a, -1, nullptr, nullptr);
+        vepra_obj_disconnect(b, -1, nullptr, nullptr);
+        return e;
+      },
+      [](vepra_error_t *e, long) {
+        EXPECT_EQ(e->code, VEPRA_E_ALLOC);
+        EXPECT_STREQ(e->message, "Cannot connect objects by signal.");
+      });
+  EXPECT_EQ(made, 3);  // A.5 -> B, B.1 -> A, A.1 -> B
+  vepra_obj_destroy(a);
+  vepra_obj_destroy(b);
+
+  ASSERT_EQ(vepra_obj_engine_init(pool_), nullptr);
+  vepra_strlist_t *names = nullptr;
+  ASSERT_EQ(vepra_strlist_create(&names, pool_), nullptr);
+  ASSERT_EQ(vepra_strlist_addlast(names, "allocation-test-type", pool_), nullptr);
+  unsigned code = 0, refused = 0;
+  made = vepra_test::for_each_allocation_failure(
+      [&] { return vepra_objtype_register(&code, names, nullptr); },
+      [&](vepra_error_t *e, long) {
+        EXPECT_EQ(e->code, VEPRA_E_ALLOC);
+        EXPECT_STREQ(e->message, "Cannot register object type.");
+        EXPECT_EQ(vepra_objtype_query_typecode("allocation-test-type"), 0u);
+        refused = code;
+      });
+  EXPECT_GE(made, 1);
+  EXPECT_EQ(code, refused);  // the refused code was handed out next
+  ASSERT_EQ(vepra_obj_engine_terminate(), nullptr);
+}
+
+// A connect replayed after an emission may fail (here: the destination has
+// no signal 1); the failure is dropped, unless a queued removal of the
+// emitting signal follows, which hands the replay's errors back.
+struct Replay {
+  vepra_obj_t *target;
+  bool remove;
+  static void slot(vepra_obj_t *src, unsigned code, vepra_obj_t *, void *usr, void *) {
+    auto *r = static_cast<Replay *>(usr);
+    EXPECT_EQ(vepra_obj_connect(src, code, r->target, Real::slot<1>, nullptr), nullptr);
+    if (r->remove) vepra_obj_remove_signal(src, code);
+    EXPECT_EQ(vepra_obj_emit_signal(src, code, nullptr), nullptr);  // dropped
+  }
+};
+
+TEST_F(ObjTest, ReturnsReplayErrorsOnlyWhenTheSignalIsRemoved) {
+  for (bool remove : {false, true}) {
+    vepra_obj_t *a = nullptr, *b = nullptr, *mute = nullptr;
+    for (vepra_obj_t **o : {&a, &b, &mute}) ASSERT_EQ(vepra_obj_create(o, "o", pool_), nullptr);
+    vepra_obj_delete_signals(mute);
+    Replay r{mute, remove};
+    ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
+    ASSERT_EQ(vepra_obj_connect(a, 5, b, Replay::slot, &r), nullptr);
+    vepra_error_t *e = vepra_obj_emit_signal(a, 5, nullptr);
+    if (remove) {
+      // The automatic slot's connect is wrapped by the outer connect.
+      EXPECT_EQ(printed(e), "Error(120104): Cannot connect objects by signal. \n"
+                            "Error(120104): Cannot connect objects by signal. \n"
+                            "Error(120104): Cannot find signal with code 1. ");
+      EXPECT_EQ(printed(vepra_obj_emit_signal(a, 5, nullptr)),
+                "Error(120104): Cannot emit signal. \n"
+                "Error(120104): Cannot find signal with code 5. ");
+    } else {
+      EXPECT_EQ(e, nullptr);
+      // The connection itself was made before its automatic slots failed.
+      osig *sig = static_cast<osig *>(utarray_eltptr(a->signals, 1));
+      EXPECT_EQ(HASH_COUNT(sig->destinations), 2u);
+      EXPECT_EQ(sig->actions, nullptr);
+    }
+    vepra_obj_destroy(a);
+    vepra_obj_destroy(b);
+    vepra_obj_destroy(mute);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,40 @@
+// Bit helpers against bit-by-bit models, on random words and at the edges.
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "vepra_util.h"
+
+namespace {
+
+TEST(BitsTest, MatchBitByBitModels) {
+  std::mt19937_64 rng(99);
+  const auto bit = [](std::uint64_t w, unsigned i) { return i < 64 && ((w >> i) & 1u) != 0; };
+  for (unsigned round = 0; round < 20000; ++round) {
+    // Sparse and short words as well as full ones, 0 and all ones.
+    std::uint64_t w = round < 2 ? 0 - std::uint64_t{round} : rng() >> (rng() % 64);
+    if (round % 2 == 0) w &= rng();
+    int low = -1, high = -1;
+    for (unsigned i = 0; i < 64; ++i)
+      if (bit(w, i)) high = static_cast<int>(i), low = low < 0 ? high : low;
+    ASSERT_EQ(vepra_util_bsf64(w), low) << w;
+    ASSERT_EQ(vepra_util_bsr64(w), high) << w;
+    ASSERT_EQ(vepra_util_nsigbits64(w), static_cast<unsigned>(high + 1)) << w;
+
+    // Shifts and widths run past bit 63 on purpose.
+    const auto shift = static_cast<unsigned>(rng() % 70), width = round % 70;
+    const std::uint64_t value = rng();
+    std::uint64_t mask = 0, field = 0, set = w;
+    for (unsigned i = 0; i < width; ++i) {
+      if (i < 64) mask |= std::uint64_t{1} << i;
+      if (shift + i >= 64) continue;
+      field |= std::uint64_t{bit(w, shift + i)} << i;
+      set = (set & ~(std::uint64_t{1} << (shift + i))) | (std::uint64_t{bit(value, i)} << (shift + i));
+    }
+    ASSERT_EQ(vepra_util_lowmask64(width), mask) << width;
+    ASSERT_EQ(vepra_util_bitfield_get64(w, shift, width), field) << shift << "," << width;
+    ASSERT_EQ(vepra_util_bitfield_set64(w, shift, width, value), set) << shift << "," << width;
+  }
+}
+
+}  // namespace
