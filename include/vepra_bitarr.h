@@ -56,8 +56,11 @@ VEPRA_API vepra_error_t *vepra_bitarr_clone(const vepra_bitarr_t *source,
 
 /** @name Whole-array changes (null arrays are ignored)
  *  @{ */
+/** Sets every bit of array to 1. */
 VEPRA_API void vepra_bitarr_set_all(vepra_bitarr_t *array) VEPRA_NOTHROW;
+/** Sets every bit of array to 0. */
 VEPRA_API void vepra_bitarr_clear_all(vepra_bitarr_t *array) VEPRA_NOTHROW;
+/** Inverts every bit of array. */
 VEPRA_API void vepra_bitarr_toggle_all(vepra_bitarr_t *array) VEPRA_NOTHROW;
 /** @} */
 

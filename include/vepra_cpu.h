@@ -80,7 +80,7 @@ typedef struct vepra_cpu_cache_t {
   uint32_t line_size; /**< bytes */
   uint32_t ways;      /**< associativity; for a fully associative cache,
                            the number of lines */
-  uint32_t sets;
+  uint32_t sets;      /**< number of sets */
   uint32_t shared_by; /**< most logical processors that share it */
 } vepra_cpu_cache_t;
 
@@ -96,7 +96,7 @@ typedef struct vepra_cpu_info_t {
   int hypervisor;             /**< 1 when running under a hypervisor */
   uint32_t family;            /**< display family */
   uint32_t model;             /**< display model */
-  uint32_t stepping;
+  uint32_t stepping;          /**< stepping (revision) */
   uint32_t max_leaf;          /**< largest standard leaf */
   uint32_t max_ext_leaf;      /**< largest extended leaf (0x8000xxxx) */
   uint64_t features;          /**< VEPRA_CPU_* bits the processor reports */

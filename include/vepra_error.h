@@ -228,14 +228,19 @@ VEPRA_API vepra_error_t *vepra_error_quick_wrap_i(int line, const char *file,
  *  define VEPRA_ERROR_NO_LOCATION before including this header to make
  *  them pass 0, NULL, NULL instead.
  *  @{ */
+/** vepra_error_create_i() at the caller's location. */
 #define vepra_error_create(type, code, cause, message) \
   vepra_error_create_i((type), (code), VEPRA_ERROR_LOCATION_, (cause), (message))
+/** vepra_error_createf_i() at the caller's location. */
 #define vepra_error_createf(type, code, cause, ...) \
   vepra_error_createf_i((type), (code), VEPRA_ERROR_LOCATION_, (cause), __VA_ARGS__)
+/** vepra_error_aprwrap_i() at the caller's location. */
 #define vepra_error_aprwrap(status) \
   vepra_error_aprwrap_i((status), VEPRA_ERROR_LOCATION_)
+/** vepra_error_aprwrapf_i() at the caller's location. */
 #define vepra_error_aprwrapf(status, ...) \
   vepra_error_aprwrapf_i((status), VEPRA_ERROR_LOCATION_, __VA_ARGS__)
+/** vepra_error_quick_wrap_i() at the caller's location. */
 #define vepra_error_quick_wrap(cause, message) \
   vepra_error_quick_wrap_i(VEPRA_ERROR_LOCATION_, (cause), (message))
 /** @} */

@@ -363,8 +363,10 @@ enum {
 /** A region and its optional background ring. */
 typedef struct vepra_img_roi_t {
   int shape;          /**< VEPRA_IMG_ROI_CIRCLE, _ELLIPSE or _RECT */
-  double x, y;        /**< centre, or first corner of a rectangle */
-  double a, b;        /**< radius, semi-axes, or opposite corner */
+  double x;           /**< centre, or first corner of a rectangle: column */
+  double y;           /**< centre, or first corner of a rectangle: row */
+  double a;           /**< radius, semi-axis along x, or opposite corner: column */
+  double b;           /**< semi-axis along y, or opposite corner: row */
   double ring_inner;  /**< ring: inner radius (circle) or scale of the size */
   double ring_outer;  /**< ring: outer radius or scale; both 0: no ring */
 } vepra_img_roi_t;

@@ -53,9 +53,11 @@ VEPRA_BEGIN_DECL
  *  caller's. */
 #define VEPRA_SIG_BUSY 0x0001u
 
-/** Kinds of queued signal actions (osigact.action). */
+/** Kinds of queued signal actions (osigact.action): a connection. */
 #define OSIGACT_CONNECT 1u
+/** A disconnection. */
 #define OSIGACT_DISCONNECT 2u
+/** A removal of the signal. */
 #define OSIGACT_REMOVE 3u
 
 /** An object. Allocated zero-filled in its own pool; read the fields

@@ -89,13 +89,18 @@ VEPRA_API void vepra_sl_destroy(vepra_sl_t **list) VEPRA_NOTHROW;
 
 /** @name Walks from node forward to the end of the list
  *  @{ */
+/** Calls fn on every node from node on. */
 VEPRA_API void vepra_sl_walk(vepra_sl_t *node, vepra_walk_fn fn, void *user)
     VEPRA_NOTHROW;
+/** Calls fn until it returns non-zero; returns that value, or 0. */
 VEPRA_API int vepra_sl_walk_int_first(vepra_sl_t *node, vepra_walk_int_fn fn,
                                       void *user) VEPRA_NOTHROW;
+/** Calls fn until it returns non-null; returns that pointer, or null. */
 VEPRA_API void *vepra_sl_walk_ptr_first(vepra_sl_t *node,
                                         vepra_walk_ptr_fn fn, void *user)
     VEPRA_NOTHROW;
+/** Calls fn until it returns an error and returns that chain unchanged
+ *  (VepraDLlistStopWalking included), or null. */
 VEPRA_API vepra_error_t *vepra_sl_walk_err_first(vepra_sl_t *node,
                                                  vepra_walk_err_fn fn,
                                                  void *user) VEPRA_NOTHROW;

@@ -113,13 +113,13 @@ VEPRA_API int vepra_str_vasprintf(char **out, const char *format, va_list ap)
  *  source length of 0 or less gives the empty result.
  *  @{ */
 /**
- * Turns C escapes of src[0..len) into bytes. Escapes: octal \ooo (1 to 3
- * digits), \a \b \f \n \r \t \v, \x with 1 or 2 hex digits, \u
+ * Turns C escapes of src[0..len) into bytes. Escapes: octal `\ooo` (1 to 3
+ * digits), `\a` `\b` `\f` `\n` `\r` `\t` `\v`, `\x` with 1 or 2 hex digits, `\u`
  * with 1 to 4 hex digits, and \ before any other byte for that byte (a
  * backslash that ends the source is kept as it is). A value below 256 (and
- * a \u value below 128) gives one byte, or in wide mode the two bytes
- * value, 0. A \u value of 128 or more and an octal value of 256 or more
- * give their UTF-8 bytes in both modes; \uFFFF gives nothing. Other bytes
+ * a `\u` value below 128) gives one byte, or in wide mode the two bytes
+ * value, 0. A `\u` value of 128 or more and an octal value of 256 or more
+ * give their UTF-8 bytes in both modes; `\uFFFF` gives nothing. Other bytes
  * are copied, or in wide mode written as a 16-bit little-endian unit: the
  * byte itself, or its UniCode value when table is non-zero. A byte whose
  * CharSet class has 0x80 is copied together with the byte after it.
@@ -130,7 +130,7 @@ VEPRA_API int vepra_str_vasprintf(char **out, const char *format, va_list ap)
  * except when *size is 0, which allows any length: measure with *size 0.
  * On failure the output written so far is terminated.
  *
- * Errors: 120064 \x or \u without a hex digit; code 0 without message
+ * Errors: 120064 `\x` or `\u` without a hex digit; code 0 without message
  * when UTF-8 output does not fit; 120020 when size is null.
  */
 VEPRA_API vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size,
@@ -139,8 +139,8 @@ VEPRA_API vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size,
                                                 int table) VEPRA_NOTHROW;
 /**
  * Writes src[0..len) as C text: printable bytes (isprint) stay, except
- * '"', '\'' and '\\', which get a backslash; bytes 7 to 13 become \a \b
- * \t \n \v \f \r; every other byte becomes \xHH (upper-case hex).
+ * '"', '\'' and '\\', which get a backslash; bytes 7 to 13 become `\a` `\b`
+ * `\t` `\n` `\v` `\f` `\r`; every other byte becomes `\xHH` (upper-case hex).
  * With dst each piece is written only when it and the terminator fit;
  * otherwise the output is terminated where it stands, *size becomes the
  * bytes written plus one and the call fails with 120066. Without dst the
@@ -196,12 +196,16 @@ VEPRA_API extern uint16_t UniCode[256];
  *  Same contract as the system's vsnprintf, snprintf, vasprintf and
  *  asprintf (the asprintf results are freed with free()).
  *  @{ */
+/** vsnprintf(): formats into buf[0..size); returns the full length. */
 VEPRA_API int rpl_vsnprintf(char *buf, size_t size, const char *format,
                             va_list ap) VEPRA_NOTHROW VEPRA_PRINTF(3, 0);
+/** snprintf(): formats into buf[0..size); returns the full length. */
 VEPRA_API int rpl_snprintf(char *buf, size_t size, const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(3, 4);
+/** vasprintf(): formats into new memory in *out; returns the length or -1. */
 VEPRA_API int rpl_vasprintf(char **out, const char *format, va_list ap)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 0);
+/** asprintf(): formats into new memory in *out; returns the length or -1. */
 VEPRA_API int rpl_asprintf(char **out, const char *format, ...) VEPRA_NOTHROW
     VEPRA_PRINTF(2, 3);
 /** @} */

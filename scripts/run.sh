@@ -12,8 +12,10 @@ cd "$(dirname "$0")/.."
 ROOT=$PWD
 JOBS=${JOBS:-$(nproc)}
 
-BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev libdeflate-dev libzstd-dev)
-TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev nlohmann-json3-dev)
+BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev
+                libdeflate-dev libzstd-dev libcli11-dev nlohmann-json3-dev)
+TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev
+               nlohmann-json3-dev doxygen dpkg-dev lintian)
 # Peers of the benchmarks: libsigc++ 3 and GObject (signals), ISA-L (CRC-32).
 BENCH_PACKAGES=(libbenchmark-dev libsigc++-3.0-dev libglib2.0-dev libisal-dev)
 
@@ -48,17 +50,35 @@ demo() {
   cmake --install build --prefix "$out/prefix" >/dev/null
   local tool=$out/prefix/bin/vepra-image
   export LD_LIBRARY_PATH=$(dirname "$(find "$out/prefix" -name libvepra.so.1 | head -1)")
-  log "vepra-image synth -o $out/scan.tif"
-  "$tool" synth -o "$out/scan.tif"
+  log "vepra-image synth -o $out/scan.tif   (prints where its spots are)"
+  "$tool" synth -o "$out/scan.tif" | tee "$out/spots.tsv"
   log "vepra-image info $out/scan.tif"
   "$tool" info "$out/scan.tif"
-  log "vepra-image stats --histogram $out/histogram.csv $out/scan.tif"
-  "$tool" stats --histogram "$out/histogram.csv" "$out/scan.tif"
+  log "vepra-image stats --histogram $out/histogram.csv --plot $out/histogram.svg $out/scan.tif"
+  "$tool" stats --histogram "$out/histogram.csv" --plot "$out/histogram.svg" "$out/scan.tif"
   log "vepra-image density $out/scan.tif -o $out/density.tif"
   "$tool" density "$out/scan.tif" -o "$out/density.tif"
+  # Two spots: the first, and the unsaturated one farthest from it; each a
+  # circle of two deviations, the background in a ring beyond both.
+  local rois
+  rois=$(awk -F'\t' 'NR > 1 && $5 < 65535 { x[NR] = $2; y[NR] = $3; s[NR] = $4; last = NR }
+         END {
+           far = 3
+           for (i = 3; i <= last; i++)
+             if ((x[i] - x[2]) ^ 2 + (y[i] - y[2]) ^ 2 > (x[far] - x[2]) ^ 2 + (y[far] - y[2]) ^ 2) far = i
+           r1 = int(2 * s[2] + 0.5); r2 = int(2 * s[far] + 0.5); big = r1 > r2 ? r1 : r2
+           printf "--roi circle:%s,%s,%d --roi circle:%s,%s,%d --ring %d,%d",
+                  x[2], y[2], r1, x[far], y[far], r2, big + 4, big + 12 }' "$out/spots.tsv")
+  log "vepra-image measure $out/scan.tif $rois"
+  # shellcheck disable=SC2086
+  "$tool" measure "$out/scan.tif" $rois
+  log "vepra-image overlay $out/scan.tif $rois -o $out/overlay.tif"
+  # shellcheck disable=SC2086
+  "$tool" overlay "$out/scan.tif" $rois -o "$out/overlay.tif"
   log "done: the library and vepra-image are installed under $out/prefix;"
-  echo "   the sample scan is $out/scan.tif, its histogram $out/histogram.csv"
-  echo "   and its optical density $out/density.tif"
+  echo "   the sample scan is $out/scan.tif (its spots in $out/spots.tsv),"
+  echo "   its histogram $out/histogram.csv and $out/histogram.svg, its optical"
+  echo "   density $out/density.tif and the measured spots drawn on $out/overlay.tif"
 }
 
 # Durations of the fuzzers in the test run, in seconds (default 30).
@@ -127,6 +147,15 @@ test_all() {
   (cd build-asan && ctest -j "$JOBS" --output-on-failure --timeout 900) | tee "$summary" || true
   count_ctest "$summary"
 
+  log "API reference (Doxygen; an undocumented public name fails it)"
+  if cmake --build build-asan --target docs; then
+    echo "docs: build-asan/docs/html/index.html"
+    passed=$((passed + 1))
+  else
+    echo "docs: FAILED"
+    failed=$((failed + 1))
+  fi
+
   log "concurrency tests under ThreadSanitizer"
   # Only the concurrency tests are built here (files tests/*/*_tsan_test.cpp).
   cmake -S "$ROOT" -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -168,8 +197,9 @@ count_ctest() {
 
 bench() {
   install_missing "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
+  # The tools are built too: vepra_image_bench runs vepra-image.
   configure_and_build build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
-    -DVEPRA_BUILD_BENCH=ON -DVEPRA_BUILD_TOOLS=OFF
+    -DVEPRA_BUILD_BENCH=ON
   for b in build-bench/bench/*_bench; do
     log "$b"
     "$b"

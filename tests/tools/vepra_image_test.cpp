@@ -2,17 +2,26 @@
 // inspected and measured. The measures themselves are proven by the image
 // tests; here each command's output must be what the library gives for the
 // same file and options, and failures must print their chain and exit 1 or 2.
+#include <apr_file_io.h>
+#include <apr_xml.h>
+#include <fcntl.h>
+#include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <tiffio.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -220,16 +229,19 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
     EXPECT_NE(r.err.find(std::string("Invalid value '") + value + "' for option '" + option + "'"),
               std::string::npos) << r.err;
   }
-  // Neither a FIFO without a writer nor a directory is opened.
+  // A FIFO without a writer is not opened; a directory without a matching
+  // file is reported as such.
   const std::string fifo = temp_path("fifo"), dir = temp_path("dir");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
-  for (const std::string &path : {fifo, dir}) {
-    r = run_tool({"info", path});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("Error(120030): '" + path + "' is not a regular file or block device "),
-              std::string::npos) << r.err;
-  }
+  r = run_tool({"info", fifo});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error(120030): '" + fifo + "' is not a regular file or block device "),
+            std::string::npos) << r.err;
+  r = run_tool({"info", dir});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error: No file in '" + dir + "' matches '*.tif;*.tiff;*.TIF;*.TIFF' "),
+            std::string::npos) << r.err;
   std::remove(fifo.c_str());
   rmdir(dir.c_str());
   // A huge 12-bit image is refused as such, before any output is allocated;
@@ -353,6 +365,332 @@ TEST_F(VepraImageTest, TiledBigTiffGivesThePlainFigures) {
     EXPECT_NE(run_tool({"info", path}).out.find("\nsize: 20 x 19 pixels\ndepth: 16 bits"),
               std::string::npos);
   }
+}
+
+// A width x height 16-bit BlackIsZero file written by libtiff.
+void libtiff_scan(const std::string &path, uint32_t width, uint32_t height,
+                  const std::vector<uint16_t> &samples) {
+  TIFF *t = TIFFOpen(path.c_str(), "w");
+  ASSERT_NE(t, nullptr);
+  TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 16);
+  TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+  TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, height);
+  for (uint32_t r = 0; r < height; ++r) {
+    TIFFWriteScanline(t, const_cast<uint16_t *>(samples.data() + size_t{r} * width), r, 0);
+  }
+  TIFFClose(t);
+}
+
+std::vector<std::string> lines_of(const std::string &text) {
+  std::vector<std::string> lines;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// A folder of 200 small scans (150 at the top, 50 in sub/), a text file
+// the default patterns leave out, and a broken .tif file that sorts first.
+class VepraImageFolderTest : public VepraImageTest {
+ protected:
+  void SetUp() override {
+    VepraImageTest::SetUp();
+    if (IsSkipped()) return;
+    dir_ = temp_path("scans");
+    ASSERT_EQ(mkdir(dir_.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((dir_ + "/sub").c_str(), 0700), 0);
+    std::mt19937 rng(15);
+    for (int i = 0; i < 200; ++i) {
+      char name[32];
+      std::snprintf(name, sizeof name, "%sscan_%03d.tif", i < 150 ? "" : "sub/", i);
+      const uint32_t w = 5 + rng() % 12, h = 3 + rng() % 9;
+      std::vector<uint16_t> samples(size_t{w} * h);
+      for (uint16_t &v : samples) v = uint16_t(100 * i + rng() % 5000);
+      libtiff_scan(dir_ + "/" + name, w, h, samples);
+      const auto [lo, hi] = std::minmax_element(samples.begin(), samples.end());
+      expected_.push_back({dir_ + "/" + name, *lo, *hi, w, h});
+    }
+    std::ofstream(dir_ + "/notes.txt") << "not a scan\n";
+    std::ofstream(dir_ + "/broken.tif") << "not a scan either\n";
+  }
+  void TearDown() override {
+    if (!dir_.empty()) std::system(("rm -rf " + quote(dir_)).c_str());
+    VepraImageTest::TearDown();
+  }
+  struct Scan {
+    std::string path;
+    unsigned min, max, width, height;
+  };
+  std::string dir_;
+  std::vector<Scan> expected_;
+};
+
+TEST_F(VepraImageFolderTest, ParallelRunsGiveTheSameOrderedOutputAndReportTheBrokenFile) {
+  const ToolRun one = run_tool({"stats", "--recursive", "--jobs", "1", dir_});
+  const ToolRun four = run_tool({"stats", "-r", "-j", "4", dir_ + "/"});
+  EXPECT_EQ(one.status, 1);
+  EXPECT_EQ(four.status, 1);
+  EXPECT_EQ(one.out, four.out);
+  EXPECT_EQ(one.err, four.err);
+  const std::string broken = "Error(120150): Cannot open image '" + dir_ + "/broken.tif'. \n";
+  EXPECT_EQ(one.err.find(broken), 0u) << one.err;
+  EXPECT_EQ(one.err.find("Cannot open image", broken.size()), std::string::npos) << one.err;
+  const std::vector<std::string> lines = lines_of(one.out);
+  ASSERT_EQ(lines.size(), 201u) << one.out;
+  EXPECT_EQ(lines[0], "file\tmin\tmax\tmean\tentropy\tthreshold");
+  for (size_t i = 0; i < expected_.size(); ++i) {
+    const Scan &s = expected_[i];
+    const std::string head = s.path + "\t" + std::to_string(s.min) + "\t" + std::to_string(s.max) + "\t";
+    EXPECT_EQ(lines[i + 1].substr(0, head.size()), head) << i;
+  }
+
+  // Without --recursive only the top level; patterns narrow it further.
+  ToolRun r = run_tool({"stats", "--jobs", "3", dir_});
+  EXPECT_EQ(lines_of(r.out).size(), 151u);
+  r = run_tool({"stats", "-r", "--exclude", "*/broken.tif;*/scan_1*", dir_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(lines_of(r.out).size(), 101u);  // 000-099
+  r = run_tool({"stats", "-r", "--include", "*/sub/*", dir_});
+  EXPECT_EQ(lines_of(r.out).size(), 51u);
+
+  // JSON: one object a line, numbers as numbers, in the same order.
+  r = run_tool({"stats", "--json", "-r", "-j", "2", "--exclude", "*/broken.tif", dir_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::vector<std::string> json = lines_of(r.out);
+  ASSERT_EQ(json.size(), 200u);
+  for (size_t i = 0; i < json.size(); ++i) {
+    const auto j = nlohmann::json::parse(json[i]);
+    EXPECT_EQ(j.at("file"), expected_[i].path);
+    EXPECT_EQ(j.at("min").get<unsigned>(), expected_[i].min);
+    EXPECT_EQ(j.at("max").get<unsigned>(), expected_[i].max);
+    EXPECT_TRUE(j.at("mean").is_number_float() && j.at("threshold").is_number() &&
+                j.at("entropy").is_number());
+  }
+  r = run_tool({"info", "--json", "-r", "-j", "3", dir_});
+  EXPECT_EQ(r.status, 1);
+  json = lines_of(r.out);
+  ASSERT_EQ(json.size(), 200u);
+  for (size_t i = 0; i < json.size(); ++i) {
+    const auto j = nlohmann::json::parse(json[i]);
+    EXPECT_EQ(std::pair(j.at("width").get<unsigned>(), j.at("height").get<unsigned>()),
+              std::pair(expected_[i].width, expected_[i].height));
+    EXPECT_EQ(j.at("bits_per_sample"), 16);
+  }
+  EXPECT_EQ(run_tool({"stats", "--jobs", "0", dir_}).status, 2);
+}
+
+TEST_F(VepraImageFolderTest, ProgressLineOnlyOnATerminal) {
+#ifdef VEPRA_IMAGE_TOOL
+  int master = -1, slave = -1;
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDOUT_FILENO);
+    dup2(slave, STDERR_FILENO);
+    close(master);
+    execl(VEPRA_IMAGE_TOOL, "vepra-image", "stats", "-r", "-j", "2", dir_.c_str(),
+          static_cast<char *>(nullptr));
+    _exit(127);
+  }
+  close(slave);
+  std::string terminal;
+  char buf[4096];
+  for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0;) terminal.append(buf, size_t(n));
+  close(master);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_NE(terminal.find("\r\033[K201/201 files, "), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find(" files/s, "), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find("broken.tif"), std::string::npos) << terminal;
+  // The same run into a file: the error only.
+  const ToolRun r = run_tool({"stats", "-r", "-j", "2", dir_});
+  EXPECT_EQ(r.err.find("files/s"), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find('\r'), std::string::npos);
+  EXPECT_NE(r.err.find("broken.tif"), std::string::npos);
+#endif
+}
+
+// The attributes of the elements of an XML file, parsed by APR-util.
+std::vector<std::map<std::string, std::string>> xml_elements(apr_pool_t *pool,
+                                                             const std::string &path,
+                                                             const std::string &name) {
+  std::vector<std::map<std::string, std::string>> found;
+  apr_file_t *file = nullptr;
+  apr_xml_parser *parser = nullptr;
+  apr_xml_doc *doc = nullptr;
+  EXPECT_EQ(apr_file_open(&file, path.c_str(), APR_FOPEN_READ, 0, pool), APR_SUCCESS);
+  if (file == nullptr) return found;
+  EXPECT_EQ(apr_xml_parse_file(pool, &parser, &doc, file, 4096), APR_SUCCESS);
+  apr_file_close(file);
+  if (doc == nullptr) return found;
+  std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
+    for (; e != nullptr; e = e->next) {
+      if (name == e->name) {
+        std::map<std::string, std::string> attrs;
+        for (const apr_xml_attr *a = e->attr; a != nullptr; a = a->next) attrs[a->name] = a->value;
+        found.push_back(attrs);
+      }
+      visit(e->first_child);
+    }
+  };
+  found.push_back({});  // the root's attributes come first
+  for (const apr_xml_attr *a = doc->root->attr; a != nullptr; a = a->next) {
+    found[0][a->name] = a->value;
+  }
+  visit(doc->root->first_child);
+  return found;
+}
+
+TEST_F(VepraImageTest, PlotMarksSitAtTheirValues) {
+  const std::string scan = temp_path("scan.tif"), svg = temp_path("plot.svg");
+  ASSERT_EQ(run_tool({"synth", "-o", scan, "--width", "80", "--height", "60"}).status, 0);
+  ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
+  size_t nbins = 0;
+  uint64_t *hist = nullptr;
+  ASSERT_EQ(vepra_img_histogram(&img_, &nbins, &hist), nullptr);
+  double sum = 0, count = 0;
+  size_t min = nbins, max = 0;
+  for (size_t v = 0; v < nbins; ++v) {
+    if (hist[v] == 0) continue;
+    min = std::min(min, v), max = v;
+    sum += double(v) * double(hist[v]), count += double(hist[v]);
+  }
+  const std::map<std::string, double> values = {{"min", double(min)},
+                                                {"max", double(max)},
+                                                {"mean", sum / count},
+                                                {"threshold", vepra_img_thres_IJ(nbins, hist)}};
+  vepra_mem_free(hist);
+  for (const bool log : {false, true}) {
+    std::vector<std::string> args = {"stats", "--plot", svg, scan};
+    if (log) args.push_back("--log");
+    ASSERT_EQ(run_tool(args).status, 0);
+    const auto root = xml_elements(pool_, svg, "line").at(0);
+    const double x0 = std::stod(root.at("data-x0")), x1 = std::stod(root.at("data-x1"));
+    const double left = std::stod(root.at("data-left")), width = std::stod(root.at("data-width"));
+    EXPECT_LT(x0, double(min));
+    EXPECT_GT(x1, double(max));
+    std::map<std::string, double> seen;
+    for (const auto &line : xml_elements(pool_, svg, "line")) {
+      if (!line.count("class") || line.at("class") != "mark") continue;
+      const std::string name = line.at("id").substr(5);  // "mark-..."
+      const double value = std::stod(line.at("data-value"));
+      EXPECT_NEAR(value, values.at(name), 5e-5) << name;
+      EXPECT_NEAR(std::stod(line.at("x1")), left + (value - x0) / (x1 - x0) * width, 0.01) << name;
+      EXPECT_EQ(line.at("x1"), line.at("x2"));
+      seen[name] = value;
+    }
+    EXPECT_EQ(seen.size(), 4u);
+    // Each mark has a label that names it.
+    size_t labels = 0;
+    for (const auto &text : xml_elements(pool_, svg, "text")) {
+      labels += text.count("class") && text.at("class") == "label";
+    }
+    EXPECT_EQ(labels, 4u);
+  }
+  const ToolRun r = run_tool({"stats", "--plot", svg, scan, scan});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("'--plot' takes exactly one input file, not 2."), std::string::npos) << r.err;
+}
+
+TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
+  const std::string scan = temp_path("scan.tif"), rois = temp_path("rois.csv"),
+                    out = temp_path("overlay.tif"), plain = temp_path("plain.tif");
+  ToolRun r = run_tool({"synth", "-o", scan, "--width", "96", "--height", "64"});
+  ASSERT_EQ(r.status, 0);
+  // synth tells where its spots are.
+  const std::vector<std::string> spots = lines_of(r.out);
+  ASSERT_EQ(spots.size(), 16u);
+  EXPECT_EQ(spots[0], "spot\tx\ty\tsigma\tamplitude");
+  EXPECT_EQ(spots[15].rfind("15\t67.2\t19.2\t", 0), 0u) << spots[15];  // the saturated one
+  ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
+
+  std::ofstream(rois) << "shape,x,y,a,b\n# the saturated spot\ncircle,67.2,19.2,6\n\n"
+                         "ellipse:20,30,8,5\nrect,-5,-5,3,4\n";
+  r = run_tool({"measure", scan, "--rois", rois, "--ring", "8,12", "--roi", "circle:30,20,6"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<std::string> lines = lines_of(r.out);
+  ASSERT_EQ(lines.size(), 5u) << r.out;
+  EXPECT_EQ(lines[0].rfind("region\tarea\tsum\tmean\tmin\tmax\tring_area\t", 0), 0u);
+  const struct {
+    const char *text;
+    vepra_img_roi_t roi;
+  } want[] = {{"circle:30,20,6", {VEPRA_IMG_ROI_CIRCLE, 30, 20, 6, 6, 8, 12}},
+              {"circle,67.2,19.2,6", {VEPRA_IMG_ROI_CIRCLE, 67.2, 19.2, 6, 6, 8, 12}},
+              {"ellipse:20,30,8,5", {VEPRA_IMG_ROI_ELLIPSE, 20, 30, 8, 5, 8, 12}},
+              {"rect,-5,-5,3,4", {VEPRA_IMG_ROI_RECT, -5, -5, 3, 4, 8, 12}}};
+  for (size_t i = 0; i < 4; ++i) {
+    vepra_img_measure_t m{};
+    ASSERT_EQ(vepra_img_measure_roi(&img_, &want[i].roi, nullptr, &m), nullptr);
+    const std::string head = std::string(want[i].text) + "\t" + format("%.4f", m.region.area) +
+                             "\t" + format("%.10g", m.region.sum) + "\t";
+    EXPECT_EQ(lines[i + 1].rfind(head, 0), 0u) << lines[i + 1] << "\nwant " << head;
+  }
+  r = run_tool({"measure", scan, "--json", "--psl", "--roi", "ellipse:20,30,8,5"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const auto j = nlohmann::json::parse(lines_of(r.out).at(0));
+  const vepra_img_plate_t plate{100, 4000, 5};
+  vepra_img_measure_t m{};
+  vepra_img_roi_t ellipse{VEPRA_IMG_ROI_ELLIPSE, 20, 30, 8, 5, 0, 0};
+  ASSERT_EQ(vepra_img_measure_roi(&img_, &ellipse, &plate, &m), nullptr);
+  EXPECT_EQ(j.at("shape"), "ellipse");
+  EXPECT_DOUBLE_EQ(j.at("area").get<double>(), m.region.area);
+  EXPECT_DOUBLE_EQ(j.at("psl_sum").get<double>(), m.region.psl_sum);
+  EXPECT_TRUE(j.at("ring_mean").is_null());  // no ring: nothing covered
+
+  // Region texts that cannot be understood name the argument and exit 2.
+  for (const auto &[args, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--roi", "circle:1,2"}, "Invalid region 'circle:1,2' for option '--roi': expected circle:X,Y,R"},
+           {{"--roi", "square:1,2,3"}, "Invalid region 'square:1,2,3' for option '--roi'"},
+           {{"--roi", "circle:1,2,-3"}, "Invalid region 'circle:1,2,-3' for option '--roi'"},
+           {{"--roi", "ellipse:1,2,3,nan"}, "Invalid region 'ellipse:1,2,3,nan' for option '--roi'"},
+           {{"--roi", "circle:1,2,3", "--ring", "5,3"}, "Invalid ring '5,3' for option '--ring'"},
+           {{}, "'measure' needs a region: --roi or --rois."}}) {
+    std::vector<std::string> argv = {"measure", scan};
+    argv.insert(argv.end(), args.begin(), args.end());
+    r = run_tool(argv);
+    EXPECT_EQ(r.status, 2) << message;
+    EXPECT_NE(r.err.find("Error: " + message), std::string::npos) << r.err;
+  }
+  std::ofstream(rois) << "circle,1,2,3\nrect,1,2\n";
+  r = run_tool({"measure", scan, "--rois", rois});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("Invalid region 'rect,1,2' at line 2 of '" + rois + "' (option '--rois')"),
+            std::string::npos) << r.err;
+  EXPECT_EQ(run_tool({"measure", scan, "--rois", temp_path("none.csv")}).status, 1);
+  EXPECT_EQ(run_tool({"measure", scan, scan, "--roi", "circle:1,2,3"}).status, 2);
+
+  // The overlay differs from a preview without outlines only on and next
+  // to the circle's stroke and ring.
+  ASSERT_EQ(run_tool({"overlay", scan, "--roi", "circle:-900,-900,1", "-o", plain}).status, 0);
+  r = run_tool({"overlay", scan, "--roi", "circle:40,30,10", "--ring", "14,18", "-o", out});
+  ASSERT_EQ(r.status, 0) << r.err;
+  vepra_img_t a{}, b{};
+  ASSERT_EQ(vepra_img_read(plain.c_str(), &a), nullptr);
+  ASSERT_EQ(vepra_img_read(out.c_str(), &b), nullptr);
+  ASSERT_EQ(b.bits_per_sample[0], 8u);
+  ASSERT_EQ(std::pair(b.width, b.height), std::pair(96u, 64u));
+  int changed = 0;
+  for (uint32_t y = 0; y < b.height; ++y) {
+    for (uint32_t x = 0; x < b.width; ++x) {
+      if (a.data8[y][x] == b.data8[y][x]) continue;
+      ++changed;
+      const double d = std::hypot(double(x) - 40, double(y) - 30);
+      EXPECT_TRUE(std::fabs(d - 10) < 2.5 || std::fabs(d - 14) < 1.5 || std::fabs(d - 18) < 1.5)
+          << x << "," << y;
+    }
+  }
+  EXPECT_GT(changed, 2 * 31 * 3);  // three outlines of more than 60 pixels each
+  vepra_img_free(&a);
+  vepra_img_free(&b);
+  EXPECT_EQ(run_tool({"overlay", scan, "--roi", "circle:1,2,3"}).status, 2);
+  r = run_tool({"overlay", scan, "--roi", "circle:1,2,3", "-o", out, "--percentiles", "50,10"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("Invalid percentiles '50,10' for option '--percentiles'"),
+            std::string::npos) << r.err;
 }
 
 }  // namespace
