@@ -104,11 +104,15 @@ NewRecord new_record(int type, int code, int line, const char *file,
   return {rec, nullptr};
 }
 
-// Gives the record its message; when the copy could not be made the whole
-// chain goes and the static record takes its place.
-vepra_error_t *with_message(vepra_error_t *rec, const char *message) noexcept {
-  rec->message = message;
-  if (message != nullptr) return rec;
+// Gives the record the message made by make(pool). When the record's pool
+// could not give the bytes (its abort function ran), the whole chain goes
+// and the static record takes its place; a null message for any other
+// reason (a format the printf engine refuses) leaves the record without.
+template <typename Make>
+vepra_error_t *with_message(vepra_error_t *rec, Make &&make) noexcept {
+  const unsigned aborts = t_pool_aborts;
+  rec->message = make(rec->pool);
+  if (aborts == t_pool_aborts) return rec;
   apr_pool_destroy(rec->pool);
   return &g_out_of_memory;
 }
@@ -119,7 +123,8 @@ vepra_error_t *create_v(int type, int code, int line, const char *file,
   NewRecord nr = new_record(type, code, line, file, function, cause);
   if (nr.record == nullptr) return nr.failure;
   if (format == nullptr) return nr.record;
-  return with_message(nr.record, vepra_str_pvsprintf(nr.record->pool, format, ap));
+  return with_message(nr.record,
+                      [&](apr_pool_t *pool) { return vepra_str_pvsprintf(pool, format, ap); });
 }
 
 vepra_error_t *create_text(int type, int code, vepra_error_t *cause,
@@ -265,7 +270,8 @@ vepra_error_t *vepra_error_create_i(int type, int code, int line, const char *fi
       vepra::detail::new_record(type, code, line, file, function, cause);
   if (nr.record == nullptr) return nr.failure;
   if (message == nullptr) return nr.record;
-  return vepra::detail::with_message(nr.record, apr_pstrdup(nr.record->pool, message));
+  return vepra::detail::with_message(
+      nr.record, [&](apr_pool_t *pool) { return apr_pstrdup(pool, message); });
 }
 
 vepra_error_t *vepra_error_createf_i(int type, int code, int line, const char *file,
@@ -292,18 +298,17 @@ vepra_error_t *vepra_error_aprwrapf_i(apr_status_t status, int line, const char 
   vepra::detail::NewRecord nr =
       vepra::detail::new_record(0, 0, line, file, function, nullptr);
   if (nr.record == nullptr) return nr.failure;
-  if (format != nullptr) {
-    va_list ap;
-    va_start(ap, format);
-    const char *text = vepra_str_pvsprintf(nr.record->pool, format, ap);
-    va_end(ap);
-    char buf[vepra::detail::kAprTextSize];
-    return vepra::detail::with_message(
-        nr.record, text == nullptr ? nullptr
-                                   : vepra_str_psprintf(nr.record->pool, "%s%s%s", text, ": ",
-                                                        vepra::detail::apr_text(status, buf)));
-  }
-  return nr.record;
+  if (format == nullptr) return nr.record;
+  va_list ap;
+  va_start(ap, format);
+  char buf[vepra::detail::kAprTextSize];
+  vepra_error_t *e = vepra::detail::with_message(nr.record, [&](apr_pool_t *pool) {
+    const char *text = vepra_str_pvsprintf(pool, format, ap);
+    return vepra_str_psprintf(pool, "%s%s%s", text ? text : "", ": ",
+                              vepra::detail::apr_text(status, buf));
+  });
+  va_end(ap);
+  return e;
 }
 
 vepra_error_t *vepra_error_quick_wrap_i(int line, const char *file, const char *function,
