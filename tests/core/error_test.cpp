@@ -279,8 +279,14 @@ TEST_F(ErrorTest, ComposeAppendsACopyAndFreesTheSource) {
   EXPECT_EQ(vepra_error_compose_create(nullptr, b), b);
   EXPECT_EQ(vepra_error_compose_create(a, nullptr), a);
   EXPECT_EQ(vepra_error_compose_create(nullptr, nullptr), nullptr);
+  const char *b_file = b->next->file;
+  const char *b_function = b->next->function;
   EXPECT_EQ(vepra_error_compose_create(a, b), a);  // b is gone now
   for (vepra_error_t *r = a; r != nullptr; r = r->next) EXPECT_EQ(r->pool, a->pool);
+  // The texts are copies in a's pool, not b's freed ones.
+  vepra_error_t *root = vepra_error_root_cause(a);
+  EXPECT_NE(root->file, b_file);
+  EXPECT_NE(root->function, b_function);
   EXPECT_EQ(take_printed(a),
             "Error: A1 \nError: A2 \nWarning: B1 \nWarning: B2 [b.c(0), g]");
   vepra_error_t *c = vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, "C");

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "support/test_support.hpp"
 #include "vepra_cdl.h"
@@ -176,12 +177,15 @@ TEST_F(PoolExhaustionTest, ErrorRecordsAndChains) {
   sweep("register", [](apr_pool_t *) -> vepra_error_t * {
     int code = 0;
     vepra_error_t *e = vepra_error_register(&code, "name");
-    if (e == nullptr) {
-      g_armed = false;
-      vepra_error_clear(vepra_error_deregister(code));
-      return made("registered");  // success must end the sweep, not fail it
-    }
-    return e;
+    if (e != nullptr) return e;
+    // A success must have registered the name.
+    g_armed = false;
+    vepra_error_t *r = vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, nullptr);
+    const bool named = vepra_test::printed_lines(r) == std::vector<std::string>{"Error(" +
+                           std::to_string(code) + "): name "};
+    vepra_error_clear(r);
+    vepra_error_clear(vepra_error_deregister(code));
+    return named ? made("registered") : nullptr;
   });
 }
 
