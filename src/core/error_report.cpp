@@ -152,13 +152,13 @@ class PrintedCodes {
   static size_t hash(int code) noexcept {
     return static_cast<size_t>(static_cast<uint32_t>(code) * 2654435761u);
   }
-  static bool insert(Slot *slots, size_t capacity, int code) noexcept {
+  static void insert(Slot *slots, size_t capacity, int code) noexcept {
     for (size_t i = hash(code) & (capacity - 1);; i = (i + 1) & (capacity - 1)) {
       if (!slots[i].used) {
         slots[i] = Slot{code, true};
-        return true;
+        return;
       }
-      if (slots[i].code == code) return false;
+      if (slots[i].code == code) return;
     }
   }
   bool grow() noexcept {
