@@ -60,6 +60,15 @@ int pool_abort(int status) noexcept {
   return status;
 }
 
+// What a pool creation that failed with status gives its caller: the fatal
+// chain with context goes to the handler, unless the pool's abort function
+// already raised one since aborts was read (or the fatal chain itself is
+// being built); a returning handler leaves its chain or the static record.
+vepra_error_t *pool_failure(apr_status_t status, const char *context, unsigned aborts) noexcept {
+  if (t_fatal_depth > 0 || aborts != t_pool_aborts) return &g_out_of_memory;
+  return after_fatal(fatal(status, context));
+}
+
 struct NewRecord {
   vepra_error_t *record;  // the fresh record, or null on failure
   vepra_error_t *failure; // on failure: the error to hand back instead
@@ -78,12 +87,7 @@ NewRecord new_record(int type, int code, int line, const char *file,
     const unsigned aborts = t_pool_aborts;
     apr_status_t status = pool_create_should_fail() ? APR_ENOMEM
                                                     : create_pool(&pool, g_error.pool);
-    if (status != APR_SUCCESS) {
-      // Already reported by the abort function, or met while the fatal
-      // chain itself is being built.
-      if (t_fatal_depth > 0 || aborts != t_pool_aborts) return {nullptr, &g_out_of_memory};
-      return {nullptr, after_fatal(fatal(status, "Cannot create error."))};
-    }
+    if (status != APR_SUCCESS) return {nullptr, pool_failure(status, "Cannot create error.", aborts)};
   }
   auto *rec = static_cast<vepra_error_t *>(pool_calloc(pool, sizeof(vepra_error_t)));
   if (rec == nullptr) {
@@ -369,11 +373,12 @@ vepra_error_t *vepra_error_compose_create(vepra_error_t *first,
 
 vepra_error_t *vepra_error_dup(const vepra_error_t *chain) noexcept {
   apr_pool_t *pool = nullptr;
+  const unsigned aborts = vepra::detail::t_pool_aborts;
   apr_status_t status = vepra::detail::pool_create_should_fail()
                             ? APR_ENOMEM
                             : vepra::detail::create_pool(&pool, g_error.pool);
   if (status != APR_SUCCESS) {
-    return vepra::detail::after_fatal(vepra::detail::fatal(status, "Cannot duplicate error."));
+    return vepra::detail::pool_failure(status, "Cannot duplicate error.", aborts);
   }
   if (chain == nullptr) return nullptr;
   vepra_error_t *head = nullptr;

@@ -432,6 +432,9 @@ TEST_F(ErrorTest, AReturningHandlerNeverLeavesTheCallerWithoutAnError) {
   vepra_error_t *e = vepra_mem_malloc(0, &p);
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->type, VEPRA_ERROR_TYPE_MALFUNCTION);
+  EXPECT_EQ(e->code, 0);
+  EXPECT_EQ(e->line, 0);
+  EXPECT_EQ(e->next, nullptr);
   EXPECT_EQ(p, &p);
   // Wrapping returns the record unchanged, clearing and setters leave it be.
   EXPECT_EQ(vepra_error_quick_wrap_i(0, nullptr, nullptr, e, "Cannot go on."), e);
