@@ -157,6 +157,10 @@ TEST_F(ErrorTest, HandlePrintsEachCodeOncePerChain) {
   EXPECT_EQ(take_printed(e),
             "Error(120012): B. \nError(120012): Failed to allocate memory \n"
             "Error(120012): A. ");
+
+  // A location is printed only when both file and function are known.
+  EXPECT_EQ(take_printed(vepra_error_create_i(0, 0, 3, "f.c", nullptr, nullptr, "m")), "Error: m ");
+  EXPECT_EQ(take_printed(vepra_error_create_i(0, 0, 3, nullptr, "g", nullptr, "m")), "Error: m ");
 }
 
 TEST_F(ErrorTest, HandleSkipRuleMatchesAHeadRescanOnLongChains) {
@@ -279,12 +283,14 @@ TEST_F(ErrorTest, ComposeAppendsACopyAndFreesTheSource) {
   EXPECT_EQ(vepra_error_compose_create(nullptr, b), b);
   EXPECT_EQ(vepra_error_compose_create(a, nullptr), a);
   EXPECT_EQ(vepra_error_compose_create(nullptr, nullptr), nullptr);
+  const char *b_message = b->next->message;
   const char *b_file = b->next->file;
   const char *b_function = b->next->function;
   EXPECT_EQ(vepra_error_compose_create(a, b), a);  // b is gone now
   for (vepra_error_t *r = a; r != nullptr; r = r->next) EXPECT_EQ(r->pool, a->pool);
   // The texts are copies in a's pool, not b's freed ones.
   vepra_error_t *root = vepra_error_root_cause(a);
+  EXPECT_NE(root->message, b_message);
   EXPECT_NE(root->file, b_file);
   EXPECT_NE(root->function, b_function);
   EXPECT_EQ(take_printed(a),
