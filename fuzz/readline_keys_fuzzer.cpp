@@ -20,7 +20,7 @@ struct Script {
   static int next(void *user) {
     auto *s = static_cast<Script *>(user);
     return s->pos < s->bytes->size() ? static_cast<unsigned char>((*s->bytes)[s->pos++])
-                                     : VEPRA_RI_END_OF_INPUT;
+                                     : static_cast<int>(VEPRA_RI_END_OF_INPUT);
   }
 };
 

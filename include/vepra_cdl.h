@@ -33,8 +33,9 @@ VEPRA_BEGIN_DECL
 /** @name Adding slots
  *  New slots come from pool and are occupied at once. An empty list's
  *  handle is set to the new slot, otherwise the handle is kept; the slot
- *  goes to *out when out is not null. A null list or pool gives 120051
- *  wrapped by the operation's text.
+ *  goes to *out when out is not null. Errors, wrapped by the operation's
+ *  text: 120051 for a null list or pool; 120012 ("Failed to allocate %zu
+ *  bytes of memory.") when the pool cannot give the slot.
  *  @{ */
 /** Adds a slot after the last node ("Unable to append DL object."). */
 VEPRA_API vepra_error_t *vepra_cdl_append(vepra_dl_t **list, uint32_t tag,

@@ -78,8 +78,11 @@ typedef struct vepra_hook_t {
 
 /** @name Creation and insertion
  *  @{ */
-/** Makes a free-standing node (no neighbours, flags 0) in pool. Never
- *  fails for a valid pool and out; null ones give 120051. */
+/** Makes a free-standing node (no neighbours, flags 0) in pool. Errors:
+ *  120051 for a null pool or out; 120012 ("Failed to allocate %zu bytes of
+ *  memory.") when the pool cannot give the node, which only a pool without
+ *  the library's abort function does (the library's own pools report to the
+ *  malfunction handler first). */
 VEPRA_API vepra_error_t *vepra_dl_create(uint32_t tag, void *data,
                                          vepra_dl_t **out, apr_pool_t *pool)
     VEPRA_NOTHROW;
@@ -100,41 +103,47 @@ VEPRA_API vepra_error_t *vepra_dl_insert_after(vepra_dl_t *node,
     VEPRA_NOTHROW;
 /** Adds a node before the first node of the chain *list points into; an
  *  empty list's handle is set to it, otherwise the handle is kept. The new
- *  node goes to *out when out is not null. A null list gives 120051 wrapped
- *  by "Unable to prepend DL object.". */
+ *  node goes to *out when out is not null. Errors, wrapped by "Unable to
+ *  prepend DL object.": 120051 for a null list or pool, 120012 when the
+ *  pool cannot give the node (as vepra_dl_create()). The list is unchanged
+ *  after a failure. */
 VEPRA_API vepra_error_t *vepra_dl_prepend(vepra_dl_t **list, uint32_t tag,
                                           void *data, vepra_dl_t **out,
                                           apr_pool_t *pool) VEPRA_NOTHROW;
-/** As vepra_dl_prepend(), after the last node ("Unable to append DL
- *  object."). */
+/** As vepra_dl_prepend(), after the last node; the same errors wrapped by
+ *  "Unable to append DL object.". */
 VEPRA_API vepra_error_t *vepra_dl_append(vepra_dl_t **list, uint32_t tag,
                                          void *data, vepra_dl_t **out,
                                          apr_pool_t *pool) VEPRA_NOTHROW;
-/** Adds a node directly after the handle's node, without rewinding ("Unable
- *  to add DL node."). */
+/** Adds a node directly after the handle's node, without rewinding; the
+ *  errors of vepra_dl_prepend() wrapped by "Unable to add DL node.". */
 VEPRA_API vepra_error_t *vepra_dl_add_after(vepra_dl_t **list, uint32_t tag,
                                             void *data, vepra_dl_t **out,
                                             apr_pool_t *pool) VEPRA_NOTHROW;
-/** Adds a node directly before the handle's node ("Unable to add DL
- *  node."). */
+/** Adds a node directly before the handle's node; the errors of
+ *  vepra_dl_prepend() wrapped by "Unable to add DL node.". */
 VEPRA_API vepra_error_t *vepra_dl_add_before(vepra_dl_t **list, uint32_t tag,
                                              void *data, vepra_dl_t **out,
                                              apr_pool_t *pool) VEPRA_NOTHROW;
-/** vepra_dl_prepend() with a vepra_mem_malloc() node. An allocation failure
- *  is wrapped by "Can't allocate memory for dlm node." and then by the
- *  operation's text; the list is unchanged. */
+/** vepra_dl_prepend() with a vepra_mem_malloc() node. Errors: 120051 for a
+ *  null list; an allocation failure (120012) wrapped by "Can't allocate
+ *  memory for dlm node." and then by the operation's text. The list is
+ *  unchanged after a failure. */
 VEPRA_API vepra_error_t *vepra_dlm_prepend(vepra_dl_t **list, uint32_t tag,
                                            void *data, vepra_dl_t **out)
     VEPRA_NOTHROW;
-/** vepra_dl_append() with a vepra_mem_malloc() node. */
+/** vepra_dl_append() with a vepra_mem_malloc() node; errors as
+ *  vepra_dlm_prepend(), wrapped by "Unable to append DL object.". */
 VEPRA_API vepra_error_t *vepra_dlm_append(vepra_dl_t **list, uint32_t tag,
                                           void *data, vepra_dl_t **out)
     VEPRA_NOTHROW;
-/** vepra_dl_add_after() with a vepra_mem_malloc() node. */
+/** vepra_dl_add_after() with a vepra_mem_malloc() node; errors as
+ *  vepra_dlm_prepend(), wrapped by "Unable to add DL node.". */
 VEPRA_API vepra_error_t *vepra_dlm_add_after(vepra_dl_t **list, uint32_t tag,
                                              void *data, vepra_dl_t **out)
     VEPRA_NOTHROW;
-/** vepra_dl_add_before() with a vepra_mem_malloc() node. */
+/** vepra_dl_add_before() with a vepra_mem_malloc() node; errors as
+ *  vepra_dlm_prepend(), wrapped by "Unable to add DL node.". */
 VEPRA_API vepra_error_t *vepra_dlm_add_before(vepra_dl_t **list, uint32_t tag,
                                               void *data, vepra_dl_t **out)
     VEPRA_NOTHROW;
@@ -236,8 +245,11 @@ VEPRA_API vepra_error_t *vepra_dl_destroy_errfunc(vepra_dl_t **list,
 /** @name Rearrangement
  *  @{ */
 /** Swaps the places of a and b (list handles keep pointing to their
- *  nodes). Errors: 120052 when either is null; 120051 wrapped by "Unable
- *  to exchange DL nodes." when a node without neighbours must be placed. */
+ *  nodes). Errors: 120052 when either is null (nothing changed); 120051
+ *  wrapped by "Unable to exchange DL nodes." when a node without neighbours
+ *  must be placed. That second failure is met after both nodes were taken
+ *  out of their places, and they are not put back: the chain is left
+ *  changed (a node out of it, or placed at the other's position only). */
 VEPRA_API vepra_error_t *vepra_dl_exchange(vepra_dl_t *a, vepra_dl_t *b)
     VEPRA_NOTHROW;
 /** Links the last node of a's chain to the first node of b's and returns

@@ -138,7 +138,16 @@ typedef struct vepra_error_t {
 typedef int (*vepra_error_printer_fn)(const char *line, FILE *stream);
 
 /** Malfunction handler: receives a fatal chain (ownership included). The
- *  default prints it to stderr, clears it and aborts. Must not throw. */
+ *  default prints it to stderr, clears it and aborts. Must not throw.
+ *
+ *  A handler may return. Whatever failed is then reported to the caller as
+ *  an error all the same, never as success: a creating function hands
+ *  back the chain the handler returned, or, when the handler returned
+ *  null or memory is too short even for a record, a static out-of-memory
+ *  record (type 2, code 0, "Out of memory: the error could not be
+ *  recorded.") that lives in no pool. vepra_error_clear() ignores that
+ *  record, wrapping it returns it unchanged, vepra_error_handle() prints
+ *  it, and the setters leave it as it is. */
 typedef vepra_error_t *(*vepra_error_malfunction_fn)(vepra_error_t *chain);
 
 /** Callback of vepra_error_walk(); its result is ignored. */
@@ -159,23 +168,34 @@ VEPRA_API extern vepra_error_t *VepraDLlistStopWalking;
 
 /** Initialises the library; only the first call does work, later calls
  *  count. Returns 0 on success, 1 if APR failed to initialise, 2 if the
- *  root pool could not be made, 3 if the error system failed. Not thread
- *  safe: call it before other threads use the library. */
+ *  root pool could not be made, 3 if the error system failed. A failed
+ *  call leaves the counter raised (the failure is not undone), so every
+ *  call, failed or not, is matched by one vepra_terminate(). Not thread
+ *  safe: call it before other threads use the library. The pools of the
+ *  library (vepra_pool and every pool under it) report a failed allocation
+ *  to the malfunction handler. */
 VEPRA_API int vepra_initialize(void) VEPRA_NOTHROW;
 /** Undoes vepra_initialize(); the last call frees the error system, the
- *  root pool and APR. */
+ *  root pool and APR. A call while the counter is 0 wraps it around and
+ *  does nothing else. */
 VEPRA_API void vepra_terminate(void) VEPRA_NOTHROW;
 /** Creates the error system under parent (called by vepra_initialize()).
  *  Returns 0, 2 if the error pool could not be made, 4 if the mutex could
  *  not be made. */
 VEPRA_API int vepra_error_initialize(apr_pool_t *parent) VEPRA_NOTHROW;
-/** Destroys the error system with every chain not yet cleared. */
+/** Destroys the error system with every chain not yet cleared. A failure to
+ *  destroy the mutex goes to the malfunction handler ("Cannot correctly
+ *  terminate Vepra error system."). */
 VEPRA_API void vepra_error_terminate(void) VEPRA_NOTHROW;
 
 /** @name Creating records
  *  The _i functions take the source location explicitly; use the macros
- *  of the same name without _i, which fill it in. Creating never fails:
- *  if no pool can be made the malfunction handler receives a fatal chain.
+ *  of the same name without _i, which fill it in. Creating never returns
+ *  null: if no pool can be made the malfunction handler receives a fatal
+ *  chain ("Cannot create error."); should the handler return, the result
+ *  is what it returned or the static out-of-memory record (see
+ *  vepra_error_malfunction_fn). A function given a cause takes it over in
+ *  every case, failure included.
  *  @{ */
 /** One record with the given fields; cause becomes next and its pool is
  *  shared. message is copied (may be null). The caller owns the result. */
@@ -248,12 +268,18 @@ VEPRA_API vepra_error_t *vepra_error_quick_wrap_i(int line, const char *file,
 /** @name Joining, copying and freeing chains
  *  @{ */
 /** Joins two chains: null if both are null, the other one if one is null,
- *  else first with second appended (second is freed). */
+ *  else first with second appended (second is freed). Chains that share
+ *  records (second is first, or a record of it, or they share a cause) are
+ *  refused: the result is then a record of type 0, code 0, "Cannot compose
+ *  an error chain with one of its own records." wrapping first, and
+ *  clearing it frees both. */
 VEPRA_API vepra_error_t *vepra_error_compose_create(vepra_error_t *first,
                                                     vepra_error_t *second)
     VEPRA_NOTHROW;
 /** Appends a copy of source behind dest's root cause (dest not null), then
- *  frees source. Nothing when source is null. */
+ *  frees source. Nothing when source is null, and nothing when source
+ *  shares records with dest (appending would make a loop). Should a pool
+ *  allocation fail, fewer records are appended. */
 VEPRA_API void vepra_error_compose(vepra_error_t *dest, vepra_error_t *source)
     VEPRA_NOTHROW;
 /** Last record of the chain; null for null. */
@@ -261,10 +287,14 @@ VEPRA_API vepra_error_t *vepra_error_root_cause(vepra_error_t *chain)
     VEPRA_NOTHROW;
 /** Copy of the chain in a new pool; the copy's file and function point at
  *  the original's texts, so it must not outlive a chain that carries a
- *  location. Null for null. */
+ *  location. Null for null (a pool is made and left idle all the same).
+ *  When no pool can be made the malfunction handler receives "Cannot
+ *  duplicate error.", and a returning handler gives what it returned or
+ *  the out-of-memory record. */
 VEPRA_API vepra_error_t *vepra_error_dup(const vepra_error_t *chain)
     VEPRA_NOTHROW;
-/** Frees the whole chain that record belongs to; nothing for null. */
+/** Frees the whole chain that record belongs to; nothing for null or for
+ *  the out-of-memory record. */
 VEPRA_API void vepra_error_clear(vepra_error_t *chain) VEPRA_NOTHROW;
 /** Passes chain to the installed malfunction handler and returns what the
  *  handler returns. */
@@ -298,15 +328,21 @@ VEPRA_API void *vepra_error_get_data_first(const vepra_error_t *chain)
 /** @name Error types, reporting and the malfunction handler
  *  @{ */
 /** Registers an error type named name (copied) and writes its code
- *  (125000 upward, lowest free first) to code. Returns null. */
+ *  (125000 upward, lowest free first) to code. Names are not checked for
+ *  duplicates. Returns null. Errors: 120020 wrapped by "Cannot register
+ *  error type." for a null name (nothing registered, code not written); a
+ *  failure of the registry lock goes to the malfunction handler, and a
+ *  returning handler's chain (or the out-of-memory record) is returned. */
 VEPRA_API vepra_error_t *vepra_error_register(int *code, const char *name)
     VEPRA_NOTHROW;
 /** Frees the registered code; other codes are ignored. Returns null, or a
- *  chain (code 0, APR's text) if the registry lock could not be taken. */
+ *  chain (code 0, APR's text, wrapped by "Cannot deregister error type.")
+ *  if the registry lock could not be taken. */
 VEPRA_API vepra_error_t *vepra_error_deregister(int code) VEPRA_NOTHROW;
 /** Prints every record of chain as one line through printer(line, stream),
- *  head first; a code's text is printed once per chain. Returns chain
- *  unchanged (not freed); null prints nothing. */
+ *  head first; a code's text is printed once per chain. Time is linear in
+ *  the chain's length. Returns chain unchanged (not freed); null prints
+ *  nothing. Cannot fail; over-long lines are cut. */
 VEPRA_API vepra_error_t *vepra_error_handle(vepra_error_t *chain,
                                             vepra_error_printer_fn printer,
                                             FILE *stream) VEPRA_NOTHROW;
@@ -314,7 +350,8 @@ VEPRA_API vepra_error_t *vepra_error_handle(vepra_error_t *chain,
  *  stream is null. Returns what fprintf returns. */
 VEPRA_API int vepra_error_stdhandler(const char *line, FILE *stream)
     VEPRA_NOTHROW;
-/** Installs handler and returns the previous one. */
+/** Installs handler and returns the previous one; null puts the default
+ *  handler back. */
 VEPRA_API vepra_error_malfunction_fn vepra_error_set_malfunction_handler(
     vepra_error_malfunction_fn handler) VEPRA_NOTHROW;
 /** The installed malfunction handler. */

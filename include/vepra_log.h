@@ -24,22 +24,32 @@ typedef struct vepra_log_t {
 } vepra_log_t;
 
 /** Opens filename for appending (created if missing) in a new pool under
- *  parent. Errors: code 0 with APR's text, wrapped by "Cannot create log."
- *  (when the file cannot be opened, *log is already set). */
+ *  parent. Errors, each wrapped by "Cannot create log.": code 0 with APR's
+ *  text when the pool cannot be made (*log untouched); 120012 when the pool
+ *  cannot give the record (*log untouched); code 0 with APR's text wrapped
+ *  by "Can't open file '%s'" when the file cannot be opened (*log is then
+ *  already set, to a record without file: writing to it is reported on
+ *  stderr, terminating it does nothing). */
 VEPRA_API vepra_error_t *vepra_log_create(vepra_log_t **log,
                                           const char *filename,
                                           apr_pool_t *parent) VEPRA_NOTHROW;
-/** Appends the formatted text (cut to 999 characters; no newline added).
- *  A failed write is printed on stderr. */
+/** Appends the formatted text (cut to 999 characters; no newline added;
+ *  nothing for an empty text). Never fails its caller: a failed write is
+ *  printed on stderr ("Cannot write to log." over APR's text), and so is a
+ *  write to a null log or one without file (failed creation, or after
+ *  vepra_log_terminate()), over "The log file is not open.". */
 VEPRA_API void vepra_log_printf(vepra_log_t *log, const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 3);
-/** As vepra_log_printf(), after the local date and time and ": ". */
+/** As vepra_log_printf(), after the local date and time and ": " (two
+ *  writes). A log without file is reported once, as above. */
 VEPRA_API void vepra_log_dtprintf(vepra_log_t *log, const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 3);
 /** Printer for vepra_error_handle(): pass it with the log cast to FILE * as
  *  the stream; appends the line and a newline. Returns 0. */
 VEPRA_API int vepra_log_errhandler(const char *line, FILE *log) VEPRA_NOTHROW;
-/** Closes the log's file; its pool goes with its parent. */
+/** Closes the log's file; its pool goes with its parent. Nothing for a
+ *  null log or one without file; a failed close is printed on stderr with
+ *  APR's text. */
 VEPRA_API void vepra_log_terminate(vepra_log_t *log) VEPRA_NOTHROW;
 
 /** Sets the clock-tick length; returns 0. Called by vepra_initialize(). */

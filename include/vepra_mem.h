@@ -5,7 +5,12 @@
  *
  * Blocks from these functions belong to the caller, who frees them with the
  * matching free function (and, for vectors and matrices, the same element
- * size and bounds). Failures are error records (type 0, no location).
+ * size and bounds). Failures are error records (type 0, no location);
+ * when memory is too short even for the record, the caller gets the static
+ * out-of-memory record of vepra_error.h instead, never null. Counts of
+ * vectors and matrices are hi - lo + 1 in 32-bit arithmetic, widened with
+ * their sign: a range with hi < lo - 1 asks for an impossible size and
+ * fails with 120012.
  */
 #ifndef VEPRA_MEM_H
 #define VEPRA_MEM_H
@@ -20,7 +25,8 @@
 VEPRA_BEGIN_DECL
 
 /** calloc of count elements of size bytes into *out (written also on
- *  failure). Errors: 120010 count 0, 120011 size 0, 120012 failure. */
+ *  failure, with null). Errors: 120010 count 0, 120011 size 0 (out
+ *  untouched for both), 120012 failure. */
 VEPRA_API vepra_error_t *vepra_mem_calloc(size_t count, size_t size, void **out)
     VEPRA_NOTHROW;
 /** malloc of size bytes into *out. Errors: 120014 size 0 (out untouched),

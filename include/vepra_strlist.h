@@ -26,21 +26,23 @@ VEPRA_BEGIN_DECL
 typedef vepra_dl_t *vepra_strlist_t;
 
 /** Allocates an empty cell in pool and stores its address in *out.
- *  Errors: 120051 when out or pool is null. */
+ *  Errors: 120051 when out or pool is null; 120012 ("Failed to allocate %zu
+ *  bytes of memory.") when the pool cannot give the cell. */
 VEPRA_API vepra_error_t *vepra_strlist_create(vepra_strlist_t **out,
                                               apr_pool_t *pool) VEPRA_NOTHROW;
 /** Empties the list (the strings stay in their pools). */
 VEPRA_API void vepra_strlist_destroy(vepra_strlist_t *list) VEPRA_NOTHROW;
 /** Same as vepra_strlist_destroy(). */
 VEPRA_API void vepra_strlist_clear(vepra_strlist_t *list) VEPRA_NOTHROW;
-/** Adds a copy of s (made in pool) at the front. Errors: those of
- *  vepra_dl_prepend() (120051 for a null list or pool). */
+/** Adds a copy of s (made in pool) at the front. Errors: 120012 unwrapped
+ *  when the pool cannot give the copy; those of vepra_dl_prepend() (120051
+ *  for a null list or pool, 120012 for the node). */
 VEPRA_API vepra_error_t *vepra_strlist_addfirst(vepra_strlist_t *list,
                                                 const char *s,
                                                 apr_pool_t *pool)
     VEPRA_NOTHROW;
-/** Adds a copy of s (made in pool) at the end. Errors: those of
- *  vepra_dl_append(). */
+/** Adds a copy of s (made in pool) at the end. Errors: as
+ *  vepra_strlist_addfirst(), with those of vepra_dl_append(). */
 VEPRA_API vepra_error_t *vepra_strlist_addlast(vepra_strlist_t *list,
                                                const char *s,
                                                apr_pool_t *pool)
@@ -56,8 +58,9 @@ VEPRA_API size_t vepra_strlist_nelts(vepra_strlist_t *list) VEPRA_NOTHROW;
 VEPRA_API int vepra_strlist_is_exists(vepra_strlist_t *list, const char *s)
     VEPRA_NOTHROW;
 /** Replaces dst by copies (in pool) of the strings of src, in order. An
- *  empty src leaves dst as it was. Errors: the list's, wrapped by "Cannot
- *  copy list of strings."; dst is then empty. */
+ *  empty src leaves dst as it was. Errors: the list's (120051, 120012 for a
+ *  copy or a node the pool cannot give), wrapped by "Cannot copy list of
+ *  strings."; dst is then empty. */
 VEPRA_API vepra_error_t *vepra_strlist_copy(vepra_strlist_t *dst,
                                             vepra_strlist_t *src,
                                             apr_pool_t *pool) VEPRA_NOTHROW;

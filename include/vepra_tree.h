@@ -51,16 +51,20 @@ typedef vepra_error_t *(*vepra_tree_delete_err_fn)(uint32_t tag, void *data,
                                                    void *user, void *links);
 
 /** @name Creation and insertion
- *  Errors: 120120 for null nodes, wrapped by the operation's text; a treem
- *  allocation failure is wrapped by "Can't allocate memory for treem node."
- *  and then by the operation's text, leaving the tree unchanged. The new
- *  node goes to *out when out is not null.
+ *  Errors: 120120 for null nodes, wrapped by the operation's text; a pool
+ *  that cannot give the node gives 120012 ("Failed to allocate %zu bytes of
+ *  memory."), wrapped likewise; a treem allocation failure (120012) is
+ *  wrapped by "Can't allocate memory for treem node." and then by the
+ *  operation's text. After a failure the tree is unchanged. The new node
+ *  goes to *out when out is not null.
  *  @{ */
-/** Makes a free-standing node in pool (null out or pool: 120120). */
+/** Makes a free-standing node in pool (null out or pool: 120120; 120012
+ *  when the pool cannot give it, unwrapped). */
 VEPRA_API vepra_error_t *vepra_tree_create(uint32_t tag, void *data,
                                            vepra_tree_t **out,
                                            apr_pool_t *pool) VEPRA_NOTHROW;
-/** Makes a free-standing node with vepra_mem_malloc(). */
+/** Makes a free-standing node with vepra_mem_malloc(). Errors: 120120 for a
+ *  null out; 120012 wrapped by "Can't allocate memory for treem node.". */
 VEPRA_API vepra_error_t *vepra_treem_create(uint32_t tag, void *data,
                                             vepra_tree_t **out) VEPRA_NOTHROW;
 /** Links the free-standing node fresh (no siblings, no parent) before node,

@@ -3,9 +3,11 @@
 #
 #   bash scripts/run.sh demo   install what is missing, build, and run
 #                              vepra-image on a sample scan it makes itself
-#   bash scripts/run.sh test   install what is missing, build, and run the
-#                              whole test suite: unit tests under ASan+UBSan,
-#                              the concurrency tests under TSan, the fuzzers
+#   bash scripts/run.sh test   install what is missing, build (warnings as
+#                              errors), and run the whole test suite: unit
+#                              tests, corpus replays and the stack-frame
+#                              check under ASan+UBSan, the concurrency tests
+#                              under TSan, the fuzzers
 #   bash scripts/run.sh bench  build the benchmarks and run them
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -136,13 +138,19 @@ wait_fuzzer() {  # PID NAME BUILD_DIR
   return $status
 }
 
+# Largest stack frame allowed to a library function in the test run.
+STACK_LIMIT=65536
+
 test_all() {
   install_missing "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
   local passed=0 failed=0 summary
 
+  # Warnings are errors here (not in a plain build, where a newer compiler
+  # may bring new ones); the stack frames are checked with -fstack-usage;
+  # the fuzzers' starting corpora are replayed by the unit tests.
   log "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
   configure_and_build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DVEPRA_SANITIZE="address;undefined"
+    -DVEPRA_SANITIZE="address;undefined" -DVEPRA_WERROR=ON -DVEPRA_STACK_LIMIT=$STACK_LIMIT
   summary=$(mktemp)
   (cd build-asan && ctest -j "$JOBS" --output-on-failure --timeout 900) | tee "$summary" || true
   count_ctest "$summary"
@@ -159,7 +167,7 @@ test_all() {
   log "concurrency tests under ThreadSanitizer"
   # Only the concurrency tests are built here (files tests/*/*_tsan_test.cpp).
   cmake -S "$ROOT" -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DVEPRA_SANITIZE=thread -DVEPRA_BUILD_TOOLS=OFF >/dev/null
+    -DVEPRA_SANITIZE=thread -DVEPRA_BUILD_TOOLS=OFF -DVEPRA_WERROR=ON >/dev/null
   local tsan_targets=()
   for t in tests/*/*_tsan_test.cpp; do tsan_targets+=("$(basename "$t" .cpp)"); done
   cmake --build build-tsan -j "$JOBS" --target "${tsan_targets[@]}"
@@ -169,7 +177,7 @@ test_all() {
   log "fuzzers (clang, libFuzzer, AddressSanitizer and UndefinedBehaviorSanitizer)"
   CC=clang CXX=clang++ configure_and_build build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DVEPRA_BUILD_FUZZERS=ON -DVEPRA_SANITIZE="address;undefined" -DBUILD_TESTING=OFF \
-    -DVEPRA_BUILD_TOOLS=OFF
+    -DVEPRA_BUILD_TOOLS=OFF -DVEPRA_WERROR=ON
   run_fuzzers build-fuzz | tee "$summary" || true
   passed=$((passed + $(grep -c 'no failure$' "$summary" || true)))
   failed=$((failed + $(grep -c ': FAILED' "$summary" || true)))

@@ -4,6 +4,7 @@
 
 #include "containers/dl_internal.hpp"
 #include "containers/links.hpp"
+#include "containers/node_source.hpp"
 #include "containers/walk.hpp"
 #include "core/error_internal.hpp"
 #include "vepra_dl.h"
@@ -14,27 +15,20 @@ namespace {
 
 vepra_error_t *invalid_insert() noexcept { return make_error(VEPRA_E_DL_INSERT); }
 
-vepra_error_t *pool_node(uint32_t tag, void *data, apr_pool_t *pool, vepra_dl_t **out) noexcept {
-  if (pool == nullptr || out == nullptr) return invalid_insert();
-  auto *node = static_cast<vepra_dl_t *>(apr_pcalloc(pool, sizeof(vepra_dl_t)));
-  if (node == nullptr) {
-    return make_error(VEPRA_E_ALLOC, "Failed to allocate %zu bytes of memory.", sizeof(vepra_dl_t));
-  }
-  node->tag = tag;
-  node->data = data;
-  *out = node;
-  return nullptr;
-}
-
-vepra_error_t *heap_node(uint32_t tag, void *data, vepra_dl_t **out) noexcept {
-  if (out == nullptr) return invalid_insert();
+vepra_error_t *new_node(uint32_t tag, void *data, NodeSource source, vepra_dl_t **out) noexcept {
+  if (out == nullptr || (!source.heap && source.pool == nullptr)) return invalid_insert();
   void *block = nullptr;
-  VEPRA_RETURN_IF_ERROR(vepra_mem_malloc(sizeof(vepra_dl_t), &block),
-                        "Can't allocate memory for dlm node.");
+  if (vepra_error_t *e = source.alloc(sizeof(vepra_dl_t), &block)) {
+    return source.heap ? wrap_error(e, "Can't allocate memory for dlm node.") : e;
+  }
   auto *node = static_cast<vepra_dl_t *>(block);
   *node = vepra_dl_t{tag, 0, nullptr, nullptr, data};
   *out = node;
   return nullptr;
+}
+
+NodeSource source_of(DlAlloc alloc, apr_pool_t *pool) noexcept {
+  return NodeSource{pool, alloc == DlAlloc::kHeap};
 }
 
 vepra_error_t *link_at(vepra_dl_t **list, DlPlace place, vepra_dl_t *fresh) noexcept {
@@ -109,12 +103,11 @@ vepra_error_t *dl_add(vepra_dl_t **list, DlPlace place, const char *context, vep
                       apr_pool_t *pool) noexcept {
   if (list == nullptr) return wrap_error(invalid_insert(), "%s", context);
   vepra_dl_t *fresh = nullptr;
-  VEPRA_RETURN_IF_ERROR(alloc == DlAlloc::kHeap ? heap_node(tag, data, &fresh)
-                                                : pool_node(tag, data, pool, &fresh),
-                        "%s", context);
+  const NodeSource source = source_of(alloc, pool);
+  VEPRA_RETURN_IF_ERROR(new_node(tag, data, source, &fresh), "%s", context);
   fresh->flags = flags;
   if (vepra_error_t *e = link_at(list, place, fresh)) {
-    if (alloc == DlAlloc::kHeap) vepra_mem_free(fresh);
+    source.release(fresh);
     return wrap_error(e, "%s", context);
   }
   if (out != nullptr) *out = fresh;
@@ -135,11 +128,11 @@ extern "C" {
 
 vepra_error_t *vepra_dl_create(uint32_t tag, void *data, vepra_dl_t **out,
                                apr_pool_t *pool) noexcept {
-  return pool_node(tag, data, pool, out);
+  return new_node(tag, data, source_of(DlAlloc::kPool, pool), out);
 }
 
 vepra_error_t *vepra_dlm_create(uint32_t tag, void *data, vepra_dl_t **out) noexcept {
-  return heap_node(tag, data, out);
+  return new_node(tag, data, source_of(DlAlloc::kHeap, nullptr), out);
 }
 
 vepra_error_t *vepra_dl_insert_before(vepra_dl_t *node, vepra_dl_t *fresh) noexcept {
@@ -413,7 +406,7 @@ vepra_error_t *vepra_dl_mwalk_err_first(vepra_dl_t *const *handles, size_t n,
                                         vepra_dl_mwalk_fn fn, void *user) noexcept {
   if (n == 0 || handles == nullptr || fn == nullptr) return nullptr;
   if (n > SIZE_MAX / sizeof(void *)) {
-    return make_error(VEPRA_E_ALLOC, "Failed to allocate %zu bytes of memory.", SIZE_MAX);
+    return alloc_error(SIZE_MAX);
   }
   void *blocks[3] = {nullptr, nullptr, nullptr};
   const size_t sizes[3] = {n * sizeof(vepra_dl_t *), n * sizeof(uint32_t), n * sizeof(void *)};

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "containers/links.hpp"
+#include "containers/node_source.hpp"
 #include "containers/walk.hpp"
 #include "core/error_internal.hpp"
 #include "vepra_mem.h"
@@ -20,17 +21,11 @@ vepra_error_t *invalid_insert() noexcept { return make_error(VEPRA_E_TREE_INSERT
 vepra_error_t *new_node(uint32_t tag, void *data, Alloc alloc, apr_pool_t *pool,
                         vepra_tree_t **out) noexcept {
   if (out == nullptr) return invalid_insert();
+  const NodeSource source{pool, alloc == Alloc::kHeap};
+  if (!source.heap && pool == nullptr) return invalid_insert();
   void *block = nullptr;
-  if (alloc == Alloc::kHeap) {
-    VEPRA_RETURN_IF_ERROR(vepra_mem_malloc(sizeof(vepra_tree_t), &block),
-                          "Can't allocate memory for treem node.");
-  } else {
-    if (pool == nullptr) return invalid_insert();
-    block = apr_palloc(pool, sizeof(vepra_tree_t));
-    if (block == nullptr) {
-      return make_error(VEPRA_E_ALLOC, "Failed to allocate %zu bytes of memory.",
-                        sizeof(vepra_tree_t));
-    }
+  if (vepra_error_t *e = source.alloc(sizeof(vepra_tree_t), &block)) {
+    return source.heap ? wrap_error(e, "Can't allocate memory for treem node.") : e;
   }
   auto *node = static_cast<vepra_tree_t *>(block);
   *node = vepra_tree_t{tag, 0, nullptr, nullptr, nullptr, nullptr, data};
@@ -39,7 +34,7 @@ vepra_error_t *new_node(uint32_t tag, void *data, Alloc alloc, apr_pool_t *pool,
 }
 
 void dispose_node(vepra_tree_t *node, Alloc alloc) noexcept {
-  if (alloc == Alloc::kHeap) vepra_mem_free(node);
+  NodeSource{nullptr, alloc == Alloc::kHeap}.release(node);
 }
 
 // Unlinks a node from its siblings and its parent, keeping its subtree.

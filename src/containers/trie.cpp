@@ -8,6 +8,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "containers/node_source.hpp"
 #include "containers/trie_internal.hpp"
 #include "containers/walk.hpp"
 #include "core/error_internal.hpp"
@@ -15,8 +16,6 @@
 
 namespace vepra::detail {
 namespace {
-
-constexpr const char *kAllocFormat = "Failed to allocate %zu bytes of memory.";
 
 // A record and its header share their address (trie_internal.hpp), so the
 // casts from a header to the record its kind names are exact. Null stays
@@ -58,16 +57,11 @@ Key key_of(const TrieLeaf *leaf) noexcept {
 // Where a trie's records come from: a caller's pool, whose records are
 // never freed one by one, or the checked allocator (pool null), whose
 // records are freed as soon as the trie lets go of them.
-struct Store {
-  apr_pool_t *pool;
-  bool heap;
+struct Store : NodeSource {
   const char *insert_context;
 
   vepra_error_t *pool_alloc(size_t size, void **out) const noexcept {
-    void *p = pool != nullptr ? apr_pcalloc(pool, size) : nullptr;
-    if (p == nullptr) return make_error(VEPRA_E_ALLOC, kAllocFormat, size);
-    *out = p;
-    return nullptr;
+    return NodeSource{pool, false}.alloc(size, out);
   }
 
   // A leaf holding a copy of key, with a zero byte after it. The pool
@@ -87,7 +81,7 @@ struct Store {
       copy = static_cast<char *>(bytes);
     } else {
       if (key.length > SIZE_MAX - sizeof(TrieLeaf) - 1)
-        return make_error(VEPRA_E_ALLOC, kAllocFormat, SIZE_MAX);
+        return alloc_error(SIZE_MAX);
       void *block = nullptr;
       if (vepra_error_t *e = pool_alloc(sizeof(TrieLeaf) + key.length + 1, &block)) return e;
       leaf = static_cast<TrieLeaf *>(block);
@@ -107,9 +101,7 @@ struct Store {
   // only ever made to separate two keys).
   vepra_error_t *new_inner(TrieInner **out) const noexcept {
     void *block = nullptr;
-    if (vepra_error_t *e =
-            heap ? vepra_mem_calloc(1, sizeof(TrieInner), &block) : pool_alloc(sizeof(TrieInner), &block))
-      return e;
+    if (vepra_error_t *e = alloc(sizeof(TrieInner), &block)) return e;
     auto *inner = static_cast<TrieInner *>(block);
     inner->head.kind = kTrieInner;
     inner->count = 2;
@@ -123,13 +115,11 @@ struct Store {
     vepra_mem_free(leaf);
   }
 
-  void release(TrieInner *inner) const noexcept {
-    if (heap) vepra_mem_free(inner);
-  }
+  void release(TrieInner *inner) const noexcept { NodeSource::release(inner); }
 };
 
-constexpr Store pool_store(apr_pool_t *pool) { return Store{pool, false, "Can't insert trie node."}; }
-constexpr Store kHeapStore{nullptr, true, "Can't insert triem node."};
+constexpr Store pool_store(apr_pool_t *pool) { return Store{{pool, false}, "Can't insert trie node."}; }
+constexpr Store kHeapStore{{nullptr, true}, "Can't insert triem node."};
 
 // Frees the chain of single-child inner nodes that starts at top at depth
 // depth and follows key's digits down to (and including) last; last may be

@@ -5,7 +5,10 @@
 #ifndef VEPRA_SRC_CORE_ERROR_INTERNAL_HPP
 #define VEPRA_SRC_CORE_ERROR_INTERNAL_HPP
 
+#include <cstddef>
+
 #include <apr_errno.h>
+#include <apr_pools.h>
 
 #include "vepra_error.h"
 
@@ -47,6 +50,29 @@ vepra_error_t *fatal(apr_status_t status, const char *context) noexcept;
 
 // The error system's own pool; null before vepra_error_initialize().
 apr_pool_t *error_pool() noexcept;
+
+// Code 120012 with "Failed to allocate %zu bytes of memory." for bytes: the
+// record of every failed allocation of a known size.
+[[nodiscard]] vepra_error_t *alloc_error(size_t bytes) noexcept;
+
+// The static record handed out when memory is too short even to build an
+// error and the malfunction handler returned: type 2, code 0, a fixed
+// message, in no pool. vepra_error_clear() ignores it, wrapping it returns
+// it unchanged, vepra_error_handle() prints it. Compared by address.
+vepra_error_t *out_of_memory() noexcept;
+
+// Frees a chain that nobody can be handed any more: clears it unless it is
+// null or the static out-of-memory record.
+void discard(vepra_error_t *chain) noexcept;
+
+// Creates a pool of the library under parent (null: a root pool) with the
+// library's abort function, so that a failed allocation in it, or in any
+// pool created under it, raises the fatal chain.
+apr_status_t create_pool(apr_pool_t **pool, apr_pool_t *parent) noexcept;
+
+// size zero-filled bytes from pool, or null when the pool cannot give them
+// (apr_pcalloc() would write through the null pointer).
+void *pool_calloc(apr_pool_t *pool, size_t size) noexcept;
 
 }  // namespace vepra::detail
 

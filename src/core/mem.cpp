@@ -7,6 +7,7 @@
 #include "core/testing.hpp"
 #include "vepra_mem.h"
 
+using vepra::detail::alloc_error;
 using vepra::detail::allocation_should_fail;
 using vepra::detail::make_error;
 using vepra::detail::wrap_error;
@@ -47,7 +48,7 @@ vepra_error_t *calloc_error(size_t count, size_t size, void **out) noexcept {
   }
   *out = checked_calloc(count, size);
   if (*out == nullptr) {
-    return make_error(VEPRA_E_ALLOC, "Failed to allocate %zu bytes of memory.", count * size);
+    return alloc_error(count * size);
   }
   return nullptr;
 }
@@ -63,7 +64,7 @@ vepra_error_t *vepra_mem_calloc(size_t count, size_t size, void **out) noexcept 
 vepra_error_t *vepra_mem_malloc(size_t size, void **out) noexcept {
   if (size == 0) return make_error(VEPRA_E_MEM_SIZE, "Cannot allocate memory of size %zu bytes.", size);
   *out = checked_malloc(size);
-  if (*out == nullptr) return make_error(VEPRA_E_ALLOC, "Failed to allocate %zu bytes of memory.", size);
+  if (*out == nullptr) return alloc_error(size);
   return nullptr;
 }
 
@@ -112,9 +113,7 @@ vepra_error_t *vepra_mem_matrix_alloc(void **out, size_t size, int row_lo, int r
     table = static_cast<void **>(checked_malloc(table_bytes));
   }
   if (table == nullptr) {
-    return wrap_error(make_error(VEPRA_E_ALLOC, "Failed to allocate %zu bytes of memory.",
-                                 widen(rows) * kRowPointerSize),
-                      "Cannot allocate matrix.");
+    return wrap_error(alloc_error(widen(rows) * kRowPointerSize), "Cannot allocate matrix.");
   }
   // Rows not yet made stay null, so that a matrix left behind by a failure
   // below can still be released with vepra_mem_matrix_free().

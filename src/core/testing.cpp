@@ -1,7 +1,9 @@
 // Fault-injection schedule for the tests (see testing.hpp).
 #include "core/testing.hpp"
 
-#include <atomic>
+namespace vepra::detail {
+
+std::atomic<bool> g_faults_armed{false};
 
 namespace {
 
@@ -9,6 +11,7 @@ namespace {
 std::atomic<long> g_alloc_countdown{0};
 std::atomic<long> g_alloc_count{0};
 std::atomic<long> g_pool_countdown{0};
+std::atomic<long> g_lock_countdown{0};
 
 bool tick(std::atomic<long> &countdown) noexcept {
   long left = countdown.load(std::memory_order_relaxed);
@@ -18,28 +21,44 @@ bool tick(std::atomic<long> &countdown) noexcept {
   return false;
 }
 
-}  // namespace
-
-namespace vepra::testing {
-
-void fail_allocation_at(long n) noexcept {
-  g_alloc_count = 0;
-  g_alloc_countdown = n > 0 ? n : 0;
+void rearm() noexcept {
+  g_faults_armed.store(g_alloc_countdown.load() > 0 || g_pool_countdown.load() > 0 ||
+                       g_lock_countdown.load() > 0);
 }
 
-void fail_pool_create_at(long n) noexcept { g_pool_countdown = n > 0 ? n : 0; }
+}  // namespace
 
-long allocation_count() noexcept { return g_alloc_count.load(); }
-
-}  // namespace vepra::testing
-
-namespace vepra::detail {
-
-bool allocation_should_fail() noexcept {
+bool allocation_should_fail_armed() noexcept {
   g_alloc_count.fetch_add(1, std::memory_order_relaxed);
   return tick(g_alloc_countdown);
 }
 
-bool pool_create_should_fail() noexcept { return tick(g_pool_countdown); }
+bool pool_create_should_fail_armed() noexcept { return tick(g_pool_countdown); }
+
+bool lock_should_fail_armed() noexcept { return tick(g_lock_countdown); }
 
 }  // namespace vepra::detail
+
+namespace vepra::testing {
+
+using namespace vepra::detail;
+
+void fail_allocation_at(long n) noexcept {
+  g_alloc_count = 0;
+  g_alloc_countdown = n > 0 ? n : 0;
+  rearm();
+}
+
+void fail_pool_create_at(long n) noexcept {
+  g_pool_countdown = n > 0 ? n : 0;
+  rearm();
+}
+
+void fail_lock_at(long n) noexcept {
+  g_lock_countdown = n > 0 ? n : 0;
+  rearm();
+}
+
+long allocation_count() noexcept { return g_alloc_count.load(); }
+
+}  // namespace vepra::testing

@@ -8,6 +8,7 @@
 #include "vepra_log.h"
 
 using vepra::detail::apr_error;
+using vepra::detail::make_error;
 using vepra::detail::wrap_error;
 
 namespace {
@@ -18,6 +19,14 @@ constexpr size_t kLogLineSize = 1000;
 // dropped.
 void report(vepra_error_t *chain) noexcept {
   vepra_error_clear(vepra_error_handle(chain, vepra_error_stdhandler, nullptr));
+}
+
+// A log whose creation failed, or that was terminated, has no file: a
+// write to it is reported like any failed write.
+bool writable(const vepra_log_t *log) noexcept {
+  if (log != nullptr && log->file != nullptr) return true;
+  report(wrap_error(make_error(0, "The log file is not open."), "Cannot write to log."));
+  return false;
 }
 
 void put(vepra_log_t *log, const char *text) noexcept {
@@ -37,9 +46,13 @@ extern "C" {
 vepra_error_t *vepra_log_create(vepra_log_t **log, const char *filename,
                                 apr_pool_t *parent) noexcept {
   apr_pool_t *pool = nullptr;
-  apr_status_t s = apr_pool_create(&pool, parent);
+  apr_status_t s = vepra::detail::create_pool(&pool, parent);
   if (s != APR_SUCCESS) return wrap_error(apr_error(s), "Cannot create log.");
-  auto *l = static_cast<vepra_log_t *>(apr_pcalloc(pool, sizeof(vepra_log_t)));
+  auto *l = static_cast<vepra_log_t *>(vepra::detail::pool_calloc(pool, sizeof(vepra_log_t)));
+  if (l == nullptr) {
+    apr_pool_destroy(pool);
+    return wrap_error(vepra::detail::alloc_error(sizeof(vepra_log_t)), "Cannot create log.");
+  }
   l->pool = pool;
   l->filename = apr_pstrdup(pool, filename);
   *log = l;
@@ -54,6 +67,7 @@ vepra_error_t *vepra_log_create(vepra_log_t **log, const char *filename,
 }
 
 void vepra_log_printf(vepra_log_t *log, const char *format, ...) noexcept {
+  if (!writable(log)) return;
   va_list ap;
   va_start(ap, format);
   vprint(log, format, ap);
@@ -61,6 +75,7 @@ void vepra_log_printf(vepra_log_t *log, const char *format, ...) noexcept {
 }
 
 void vepra_log_dtprintf(vepra_log_t *log, const char *format, ...) noexcept {
+  if (!writable(log)) return;
   char date[APR_CTIME_LEN] = "";
   apr_status_t s = apr_ctime(date, apr_time_now());
   if (s != APR_SUCCESS) report(wrap_error(apr_error(s), "Cannot write to log."));

@@ -5,6 +5,7 @@
 
 #include <apr_strings.h>
 
+#include "core/error_internal.hpp"
 #include "text/text_internal.hpp"
 #include "vepra_prsd.h"
 
@@ -24,7 +25,7 @@ bool reserve_one(vepra_prsd_t *rec, apr_pool_t *pool) noexcept {
   size_t extra = used > kFirstEntries ? used : kFirstEntries;
   if (extra > static_cast<size_t>(INT32_MAX) - used) extra = static_cast<size_t>(INT32_MAX) - used;
   auto *tokens = static_cast<vepra_prsd_token_t *>(
-      apr_pcalloc(pool, (used + extra) * sizeof(vepra_prsd_token_t)));
+      vepra::detail::pool_calloc(pool, (used + extra) * sizeof(vepra_prsd_token_t)));
   if (tokens == nullptr) return false;
   if (used > 0) std::memcpy(tokens, rec->tokens, used * sizeof(vepra_prsd_token_t));
   rec->tokens = tokens;

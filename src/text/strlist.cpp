@@ -33,8 +33,12 @@ class Appender {
   vepra_dl_t *tail_;
 };
 
-char *pool_copy(apr_pool_t *pool, const char *s, size_t n) noexcept {
-  return pool == nullptr ? nullptr : apr_pstrmemdup(pool, s, n);
+// A copy of s[0..n) in pool into *out: null for a null s or a null pool
+// (which the list refuses anyway); an error when the pool cannot give it.
+vepra_error_t *pool_copy(apr_pool_t *pool, const char *s, size_t n, char **out) noexcept {
+  *out = s == nullptr || pool == nullptr ? nullptr : apr_pstrmemdup(pool, s, n);
+  if (*out == nullptr && s != nullptr && pool != nullptr) return vepra::detail::alloc_error(n + 1);
+  return nullptr;
 }
 
 // The token being built: a vepra_mem block that grows as needed.
@@ -80,8 +84,8 @@ extern "C" {
 
 vepra_error_t *vepra_strlist_create(vepra_strlist_t **out, apr_pool_t *pool) noexcept {
   if (out == nullptr || pool == nullptr) return make_error(VEPRA_E_DL_INSERT);
-  *out = static_cast<vepra_strlist_t *>(apr_pcalloc(pool, sizeof(vepra_strlist_t)));
-  return nullptr;
+  *out = static_cast<vepra_strlist_t *>(vepra::detail::pool_calloc(pool, sizeof(vepra_strlist_t)));
+  return *out == nullptr ? vepra::detail::alloc_error(sizeof(vepra_strlist_t)) : nullptr;
 }
 
 void vepra_strlist_destroy(vepra_strlist_t *list) noexcept { vepra_dl_destroy(list); }
@@ -90,13 +94,15 @@ void vepra_strlist_clear(vepra_strlist_t *list) noexcept { vepra_dl_destroy(list
 
 vepra_error_t *vepra_strlist_addfirst(vepra_strlist_t *list, const char *s,
                                       apr_pool_t *pool) noexcept {
-  char *copy = s == nullptr ? nullptr : pool_copy(pool, s, std::strlen(s));
+  char *copy = nullptr;
+  if (vepra_error_t *e = pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), &copy)) return e;
   return vepra_dl_prepend(list, 0, copy, nullptr, pool);
 }
 
 vepra_error_t *vepra_strlist_addlast(vepra_strlist_t *list, const char *s,
                                      apr_pool_t *pool) noexcept {
-  char *copy = s == nullptr ? nullptr : pool_copy(pool, s, std::strlen(s));
+  char *copy = nullptr;
+  if (vepra_error_t *e = pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), &copy)) return e;
   return vepra_dl_append(list, 0, copy, nullptr, pool);
 }
 
@@ -128,8 +134,10 @@ vepra_error_t *vepra_strlist_copy(vepra_strlist_t *dst, vepra_strlist_t *src,
   Appender out(dst);
   for (; node != nullptr; node = node->next) {
     const auto *s = static_cast<const char *>(node->data);
-    char *copy = s == nullptr ? nullptr : pool_copy(pool, s, std::strlen(s));
-    if (vepra_error_t *e = out.add(copy, pool)) {
+    char *copy = nullptr;
+    vepra_error_t *e = pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), &copy);
+    if (e == nullptr) e = out.add(copy, pool);
+    if (e != nullptr) {
       vepra_dl_destroy(dst);
       return wrap_error(e, "Cannot copy list of strings.");
     }
@@ -153,7 +161,9 @@ vepra_error_t *vepra_strlist_tokenize(vepra_strlist_t *src, vepra_strlist_t *dst
   auto end_token = [&]() -> vepra_error_t * {
     state = State::kBetween;
     if (token.empty()) return nullptr;
-    vepra_error_t *e = out.add(pool_copy(pool, token.data(), token.size()), pool);
+    char *copy = nullptr;
+    vepra_error_t *e = pool_copy(pool, token.data(), token.size(), &copy);
+    if (e == nullptr) e = out.add(copy, pool);
     token.clear();
     return e;
   };

@@ -3,6 +3,7 @@
 #define VEPRA_ERROR_NO_LOCATION
 #include "support/test_support.hpp"
 #include "vepra_error.h"
+#include "vepra_mem.h"
 
 using ErrorNoLocationTest = vepra_test::LibraryTest;
 
@@ -21,6 +22,11 @@ TEST_F(ErrorNoLocationTest, MacrosPassNoLocation) {
   vepra_error_t *a = vepra_error_aprwrapf(APR_EGENERAL, "x");
   EXPECT_EQ(a->file, nullptr);
   vepra_error_clear(a);
+  // The library's own records carry no location either.
+  void *p = nullptr;
+  vepra_error_t *m = vepra_mem_vector_alloc(&p, 8, 1, 0);
+  for (vepra_error_t *r = m; r != nullptr; r = r->next) EXPECT_EQ(r->line, 0);
+  vepra_error_clear(m);
 }
 
 TEST(ErrorLifetimeTest, ChainsNotClearedDieWithTerminate) {

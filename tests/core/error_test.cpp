@@ -3,12 +3,15 @@
 #include <apr_strings.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "core/error_internal.hpp"
+#include "core/error_state.hpp"
 #include "support/test_support.hpp"
 #include "vepra_error.h"
+#include "vepra_mem.h"
 #include "vepra_str.h"
 #include "vepra_version.h"
 
@@ -154,6 +157,36 @@ TEST_F(ErrorTest, HandlePrintsEachCodeOncePerChain) {
   EXPECT_EQ(take_printed(e),
             "Error(120012): B. \nError(120012): Failed to allocate memory \n"
             "Error(120012): A. ");
+
+  // A location is printed only when both file and function are known.
+  EXPECT_EQ(take_printed(vepra_error_create_i(0, 0, 3, "f.c", nullptr, nullptr, "m")), "Error: m ");
+  EXPECT_EQ(take_printed(vepra_error_create_i(0, 0, 3, nullptr, "g", nullptr, "m")), "Error: m ");
+}
+
+TEST_F(ErrorTest, HandleSkipRuleMatchesAHeadRescanOnLongChains) {
+  // Many distinct codes, so the set of printed codes has to grow; the
+  // reference is the rule read literally: skip a record without message
+  // when an earlier record without message carries its code.
+  std::mt19937 rng(17);
+  vepra_error_t *e = nullptr;
+  std::vector<std::pair<int, bool>> records;  // root cause first
+  for (int i = 0; i < 3000; ++i) {
+    int code = 120001 + static_cast<int>(rng() % 700);
+    bool has_message = rng() % 2 == 0;
+    e = vepra_error_create_i(0, code, 0, nullptr, nullptr, e, has_message ? "m" : nullptr);
+    records.emplace_back(code, has_message);
+  }
+  std::vector<std::pair<int, bool>> head_first(records.rbegin(), records.rend());
+  size_t expected = 0;
+  for (size_t i = 0; i < head_first.size(); ++i) {
+    bool skipped = false;
+    for (size_t j = 0; j < i && !head_first[i].second; ++j) {
+      skipped = skipped || (!head_first[j].second && head_first[j].first == head_first[i].first);
+    }
+    expected += skipped ? 0 : 1;
+  }
+  EXPECT_EQ(printed_lines(e).size(), expected);
+  vepra_error_clear(e);
 }
 
 TEST_F(ErrorTest, HandleLabelsAndFallbackTexts) {
@@ -250,13 +283,37 @@ TEST_F(ErrorTest, ComposeAppendsACopyAndFreesTheSource) {
   EXPECT_EQ(vepra_error_compose_create(nullptr, b), b);
   EXPECT_EQ(vepra_error_compose_create(a, nullptr), a);
   EXPECT_EQ(vepra_error_compose_create(nullptr, nullptr), nullptr);
+  const char *b_message = b->next->message;
+  const char *b_file = b->next->file;
+  const char *b_function = b->next->function;
   EXPECT_EQ(vepra_error_compose_create(a, b), a);  // b is gone now
   for (vepra_error_t *r = a; r != nullptr; r = r->next) EXPECT_EQ(r->pool, a->pool);
+  // The texts are copies in a's pool, not b's freed ones.
+  vepra_error_t *root = vepra_error_root_cause(a);
+  EXPECT_NE(root->message, b_message);
+  EXPECT_NE(root->file, b_file);
+  EXPECT_NE(root->function, b_function);
   EXPECT_EQ(take_printed(a),
             "Error: A1 \nError: A2 \nWarning: B1 \nWarning: B2 [b.c(0), g]");
   vepra_error_t *c = vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, "C");
   vepra_error_compose(c, nullptr);
   EXPECT_EQ(take_printed(c), "Error: C ");
+}
+
+TEST_F(ErrorTest, ComposingAChainWithItsOwnRecordsIsRefused) {
+  const std::string refusal = "Error: Cannot compose an error chain with one of its own records. ";
+  vepra_error_t *a = vepra_error_create_i(0, 120051, 0, nullptr, nullptr, nullptr, nullptr);
+  vepra_error_t *r = vepra_error_compose_create(a, a);
+  EXPECT_EQ(r->code, 0);
+  EXPECT_EQ(r->next, a);
+  EXPECT_EQ(take_printed(r), refusal + "\nError(120051): DL insertion error: invalid pointer. ");
+  a = vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, "cause");
+  vepra_error_t *head = vepra_error_quick_wrap_i(0, nullptr, nullptr, a, "head");
+  EXPECT_EQ(take_printed(vepra_error_compose_create(head, a)),
+            refusal + "\nError: head \nError: cause ");
+  a = vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, "alone");
+  vepra_error_compose(a, a);  // refused quietly: nothing to report through
+  EXPECT_EQ(take_printed(a), "Error: alone ");
 }
 
 TEST_F(ErrorTest, DupCopiesIntoItsOwnPoolAndSharesLocations) {
@@ -337,6 +394,15 @@ TEST_F(ErrorTest, RegistryHandsOutLowestFreeCode) {
   EXPECT_EQ(e1, 125003);
 }
 
+TEST_F(ErrorTest, RegisteringANullNameIsRefused) {
+  int code = -1;
+  EXPECT_EQ(take_printed(vepra_error_register(&code, nullptr)),
+            "Error(120020): Cannot register error type. \nError(120020): Assertion failure ");
+  EXPECT_EQ(code, -1);
+  ASSERT_EQ(vepra_error_register(&code, "first"), nullptr);
+  EXPECT_EQ(code, 125000) << "the refused call must not take a slot";
+}
+
 TEST_F(ErrorTest, SentinelIsAOneRecordChain) {
   ASSERT_NE(VepraDLlistStopWalking, nullptr);
   EXPECT_STREQ(VepraDLlistStopWalking->message, "VepraDLlistStopWalking");
@@ -353,6 +419,67 @@ TEST_F(ErrorTest, MalfunctionHandlerIsReplaceable) {
   EXPECT_EQ(vepra_error_set_malfunction_handler(mine), recording_handler);
   EXPECT_EQ(vepra_error_malfunction(vepra::detail::make_error(0, "x")), nullptr);
   EXPECT_EQ(vepra_error_set_malfunction_handler(recording_handler), mine);
+}
+
+TEST_F(ErrorTest, NullHandlerRestoresTheDefault) {
+  EXPECT_EQ(vepra_error_set_malfunction_handler(nullptr), recording_handler);
+  EXPECT_EQ(vepra_error_get_malfunction_handler(), previous_);
+  EXPECT_EQ(vepra_error_set_malfunction_handler(recording_handler), previous_);
+}
+
+TEST_F(ErrorTest, AReturningHandlerNeverLeavesTheCallerWithoutAnError) {
+  const std::string oom = "Malfunction: Out of memory: the error could not be recorded. ";
+  vepra_error_set_malfunction_handler([](vepra_error_t *c) noexcept -> vepra_error_t * {
+    vepra_error_clear(c);
+    return nullptr;
+  });
+  void *p = &p;
+  vepra::testing::fail_pool_create_at(1);
+  vepra_error_t *e = vepra_mem_malloc(0, &p);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->type, VEPRA_ERROR_TYPE_MALFUNCTION);
+  EXPECT_EQ(e->code, 0);
+  EXPECT_EQ(e->line, 0);
+  EXPECT_EQ(e->next, nullptr);
+  EXPECT_EQ(p, &p);
+  // Wrapping returns the record unchanged, clearing and setters leave it be.
+  EXPECT_EQ(vepra_error_quick_wrap_i(0, nullptr, nullptr, e, "Cannot go on."), e);
+  vepra_error_set_type_all(e, 0);
+  vepra_error_clear(e);
+  EXPECT_EQ(take_printed(e), oom);
+  // Composing it into a chain copies it; composing onto it drops the other.
+  vepra_error_t *a = vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, "A");
+  EXPECT_EQ(take_printed(vepra_error_compose_create(a, e)), "Error: A \n" + oom);
+  a = vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, "A");
+  EXPECT_EQ(vepra_error_compose_create(e, a), e);
+
+  // The matrix's wrapping of a failed inner record used to crash.
+  void *m = nullptr;
+  vepra::testing::fail_pool_create_at(1);
+  EXPECT_EQ(take_printed(vepra_mem_matrix_alloc(&m, 8, 1, 0, 1, 1)), oom);
+  vepra::testing::fail_pool_create_at(2);
+  EXPECT_EQ(take_printed(vepra_error_dup(vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr,
+                                                              "x"))),
+            oom);
+}
+
+TEST_F(ErrorTest, AFailedLockIsNeitherUsedNorReleased) {
+  int code = -1;
+  vepra::testing::fail_lock_at(1);
+  const std::string chain = take_printed(vepra_error_register(&code, "lost"));
+  EXPECT_NE(chain.find("Error: Cannot register error type. "), std::string::npos) << chain;
+  EXPECT_EQ(code, -1);
+  ASSERT_EQ(g_malfunctions.size(), 1u);
+  // A lock that was not taken is not released: held here, the mutex stays
+  // held after a failed lock inside the library.
+  ASSERT_EQ(apr_thread_mutex_lock(vepra::detail::g_error.mutex), APR_SUCCESS);
+  vepra::testing::fail_lock_at(1);
+  EXPECT_EQ(vepra_error_set_malfunction_handler(recording_handler), recording_handler);
+  EXPECT_TRUE(APR_STATUS_IS_EBUSY(apr_thread_mutex_trylock(vepra::detail::g_error.mutex)));
+  ASSERT_EQ(apr_thread_mutex_unlock(vepra::detail::g_error.mutex), APR_SUCCESS);
+  ASSERT_EQ(vepra_error_register(&code, "kept"), nullptr);
+  EXPECT_EQ(code, 125000);
+  EXPECT_EQ(vepra_error_deregister(code), nullptr);
 }
 
 TEST_F(ErrorTest, PoolFailureSendsTheFatalChainToTheHandler) {

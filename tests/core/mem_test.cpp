@@ -62,6 +62,9 @@ TEST_F(MemTest, MoveAndCopy) {
   char dst[4] = {};
   EXPECT_EQ(vepra_mem_copy(dst, "xyz", 4), dst);
   EXPECT_STREQ(dst, "xyz");
+  EXPECT_EQ(vepra_mem_move(dst, "q", 1), dst);  // a single byte moves too
+  EXPECT_EQ(vepra_mem_copy(dst + 1, "r", 1), dst + 1);
+  EXPECT_STREQ(dst, "qrz");
 }
 
 TEST_F(MemTest, VectorUsesTheCallersIndexRange) {

@@ -143,3 +143,23 @@ TEST(PathTest, BaseNameAndDirName) {
   EXPECT_STREQ(vepra_util_basename("/dir/abcdef", small, sizeof small), "abc");
   EXPECT_STREQ(vepra_util_dirname("/abcdef/x", small, sizeof small), "/ab");
 }
+
+TEST_F(LogTest, WritesToALogWithoutFileAreReportedOnStderr) {
+  vepra_log_t *failed = nullptr;
+  const std::string path = temp_path("no-such-dir") + "/log.txt";
+  vepra_error_clear(vepra_log_create(&failed, path.c_str(), pool_));
+  vepra_log_t *closed = nullptr;
+  ASSERT_EQ(vepra_log_create(&closed, temp_path("closed.log").c_str(), pool_), nullptr);
+  vepra_log_terminate(closed);
+  for (vepra_log_t *log : {failed, closed, static_cast<vepra_log_t *>(nullptr)}) {
+    testing::internal::CaptureStderr();
+    vepra_log_printf(log, "x");
+    vepra_log_dtprintf(log, "y");
+    vepra_log_errhandler("z", reinterpret_cast<FILE *>(log));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Error: Cannot write to log. \nError: The log file is not open. \n"
+              "Error: Cannot write to log. \nError: The log file is not open. \n"
+              "Error: Cannot write to log. \nError: The log file is not open. \n");
+  }
+  vepra_log_terminate(closed);  // a second terminate stays quiet
+}
