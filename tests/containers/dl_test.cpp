@@ -255,12 +255,17 @@ TEST_F(DlTest, HookSortAgreesWithStdSort) {
   for (auto &h : hooks) {
     expect.push_back(h.order = static_cast<int32_t>(rng()));  // signed keys, both signs
     ASSERT_EQ(vepra_dl_append(&list, 0, &h, nullptr, pool_), nullptr);
+    // Nodes without data sort before every hook.
+    if (&h - hooks.data() == 50 || &h == &hooks.back()) {
+      ASSERT_EQ(vepra_dl_append(&list, 0, nullptr, nullptr, pool_), nullptr);
+    }
   }
   vepra_dl_t *held = vepra_dl_get_n(list, 17);
   ASSERT_EQ(vepra_dl_bubsort(held, vepra_hook_bubsort_callback, nullptr), nullptr);
   std::sort(expect.begin(), expect.end());
+  expect.insert(expect.begin(), 2, INT32_MIN);
   for (vepra_dl_t *p = vepra_dl_get_first(held); p != nullptr; p = p->next)
-    got.push_back(static_cast<vepra_hook_t *>(p->data)->order);
+    got.push_back(p->data == nullptr ? INT32_MIN : static_cast<vepra_hook_t *>(p->data)->order);
   EXPECT_EQ(got, expect);
 }
 
