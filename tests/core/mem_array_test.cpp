@@ -170,6 +170,10 @@ TEST_F(MemArrayTest, AllocationFailuresFreeEverything) {
   EXPECT_EQ(vepra::testing::allocation_count(), 2);  // header and dimension list only
   vepra::testing::fail_allocation_at(0);
   EXPECT_EQ(a, nullptr);
+  // The largest shape that fits is asked of the system allocator, which refuses it.
+  EXPECT_EQ(take_printed(vepra_mem_array_alloc(&a, PTRDIFF_MAX, 1, 0)),
+            "Error(120012): Cannot allocate array. \nError(120012): Failed to allocate " +
+                std::to_string(PTRDIFF_MAX) + " bytes of memory. ");
 }
 
 }  // namespace
