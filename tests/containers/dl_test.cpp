@@ -21,13 +21,15 @@ struct Item {
 };
 using Items = std::vector<Item>;
 
-// The chain around node, after checking that prev and next agree.
+// The chain around node, after checking that prev and next agree and that
+// no node has flags.
 Items read_chain(vepra_dl_t *node) {
   Items out;
   vepra_dl_t *first = vepra_dl_get_first(node);
   EXPECT_TRUE(first == nullptr || first->prev == nullptr);
   for (vepra_dl_t *p = first; p != nullptr; p = p->next) {
     EXPECT_TRUE(p->next == nullptr || p->next->prev == p) << "at id " << id_of(p->data);
+    EXPECT_EQ(p->flags, 0u) << "at id " << id_of(p->data);
     out.push_back({id_of(p->data), p->tag});
   }
   return out;
