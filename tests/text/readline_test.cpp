@@ -227,6 +227,25 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
   }
 }
 
+// The terminal goes away while a line is read: the read fails, and the
+// settings that can no longer be restored do not hold the caller.
+TEST_F(ReadlineTest, AVanishingTerminalEndsTheRead) {
+  int master = -1, slave = -1;
+  if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
+    GTEST_SKIP() << "no pseudo-terminals here";
+  std::thread hangup([master] {
+    termios t{};
+    while (tcgetattr(master, &t) == 0 && (t.c_lflag & ICANON) != 0) std::this_thread::yield();
+    close(master);
+  });
+  vepra_ri_readline_t *rl = make("> ", 0);
+  vepra_ri_readline_set_terminal(rl, slave);
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_CHAR);  // EIO
+  hangup.join();
+  close(slave);
+  vepra_ri_readline_terminate(rl);
+}
+
 // What a child reading one line from a pseudo-terminal reported.
 struct PtyRun {
   int code = -1;
