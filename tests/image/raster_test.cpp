@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <array>
 #include <climits>
 #include <cmath>
 #include <functional>
@@ -128,6 +129,18 @@ TEST(Raster, DocumentedEdgeCases) {
   EXPECT_EQ(positions(wide), positions(grown));
   EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 1.2); })),
             positions(pixels_of([](auto f, void *p) { return vepra_img_ellipse_aa(0, 0, 10, 10, f, p); })));
+  // The corners of a rectangle may come in any order.
+  for (auto [x0, y0, x1, y1] : {std::array{13, 8, 2, 1}, std::array{2, 8, 13, 1}}) {
+    for (double width : {0.0, 1.0, 3.0}) {
+      auto draw = [&](int xa, int ya, int xb, int yb) {
+        return positions(pixels_of([&](auto f, void *d) {
+          return width == 0 ? vepra_img_ellipser(xa, ya, xb, yb, f, d)
+                             : vepra_img_ellipser_waa(xa, ya, xb, yb, f, d, width);
+        }));
+      };
+      EXPECT_EQ(draw(x0, y0, x1, y1), draw(2, 1, 13, 8)) << x0 << "," << y0 << " width " << width;
+    }
+  }
   // Degenerate rectangles give the straight line between the corners, in
   // either direction (leftwards here at negative x).
   for (double width : {1.0, 4.0}) {
