@@ -21,13 +21,15 @@ struct Item {
 };
 using Items = std::vector<Item>;
 
-// The chain around node, after checking that prev and next agree.
+// The chain around node, after checking that prev and next agree and that
+// no node has flags.
 Items read_chain(vepra_dl_t *node) {
   Items out;
   vepra_dl_t *first = vepra_dl_get_first(node);
   EXPECT_TRUE(first == nullptr || first->prev == nullptr);
   for (vepra_dl_t *p = first; p != nullptr; p = p->next) {
     EXPECT_TRUE(p->next == nullptr || p->next->prev == p) << "at id " << id_of(p->data);
+    EXPECT_EQ(p->flags, 0u) << "at id " << id_of(p->data);
     out.push_back({id_of(p->data), p->tag});
   }
   return out;
@@ -255,12 +257,17 @@ TEST_F(DlTest, HookSortAgreesWithStdSort) {
   for (auto &h : hooks) {
     expect.push_back(h.order = static_cast<int32_t>(rng()));  // signed keys, both signs
     ASSERT_EQ(vepra_dl_append(&list, 0, &h, nullptr, pool_), nullptr);
+    // Nodes without data sort before every hook.
+    if (&h - hooks.data() == 50 || &h == &hooks.back()) {
+      ASSERT_EQ(vepra_dl_append(&list, 0, nullptr, nullptr, pool_), nullptr);
+    }
   }
   vepra_dl_t *held = vepra_dl_get_n(list, 17);
   ASSERT_EQ(vepra_dl_bubsort(held, vepra_hook_bubsort_callback, nullptr), nullptr);
   std::sort(expect.begin(), expect.end());
+  expect.insert(expect.begin(), 2, INT32_MIN);
   for (vepra_dl_t *p = vepra_dl_get_first(held); p != nullptr; p = p->next)
-    got.push_back(static_cast<vepra_hook_t *>(p->data)->order);
+    got.push_back(p->data == nullptr ? INT32_MIN : static_cast<vepra_hook_t *>(p->data)->order);
   EXPECT_EQ(got, expect);
 }
 

@@ -1,6 +1,8 @@
 // N-dimensional arrays against a flat reference array: random shapes of 1
 // to 5 dimensions, every bounds error with its text, set-all, and
 // allocation failing at every table and block.
+#include <malloc.h>
+
 #include <cstdarg>
 #include <cstring>
 #include <random>
@@ -128,6 +130,13 @@ TEST_F(MemArrayTest, ShapesAndMessages) {
   for (int i = 0; i < 5; ++i) EXPECT_EQ(static_cast<uint16_t *>(a->data)[i], 65535);
   vepra_mem_array_free(a);
   vepra_mem_array_free(nullptr);
+
+  // Freeing returns every table and block: the C library's count of heap
+  // bytes in use is back where it was.
+  const size_t before = mallinfo2().uordblks;
+  ASSERT_EQ(vepra_mem_array_alloc(&a, 8, 2, 3, 4, 5, 0), nullptr);
+  vepra_mem_array_free(a);
+  EXPECT_EQ(mallinfo2().uordblks, before);
 }
 
 // Every allocation of a 2 x 3 x 4 array fails in turn (header, dimension
@@ -170,6 +179,10 @@ TEST_F(MemArrayTest, AllocationFailuresFreeEverything) {
   EXPECT_EQ(vepra::testing::allocation_count(), 2);  // header and dimension list only
   vepra::testing::fail_allocation_at(0);
   EXPECT_EQ(a, nullptr);
+  // The largest shape that fits is asked of the system allocator, which refuses it.
+  EXPECT_EQ(take_printed(vepra_mem_array_alloc(&a, PTRDIFF_MAX, 1, 0)),
+            "Error(120012): Cannot allocate array. \nError(120012): Failed to allocate " +
+                std::to_string(PTRDIFF_MAX) + " bytes of memory. ");
 }
 
 }  // namespace

@@ -93,6 +93,12 @@ TEST_F(PrsdTest, TypesTokensAndCarriesStateOver) {
   vepra_prsd_parse_p(&rec, "1", " ", nullptr);
   vepra_prsd_parse_p(nullptr, "1", " ", pool_);
   EXPECT_EQ(rec.n_tokens, 0) << "a null argument does nothing";
+  // A record holding INT32_MAX tokens takes no more: the parse fails.
+  vepra_prsd_token_t last{};
+  vepra_prsd_t full{};
+  full.tokens = &last, full.n_tokens = INT32_MAX;
+  EXPECT_EQ(vepra_prsd_parse_p(&full, "1", " ", pool_), -1);
+  EXPECT_EQ(std::pair(full.n_tokens, full.room), std::pair(INT32_MAX, 0u));
 }
 
 // Tokens of up to 1 MiB, and of every length around 64 bytes, where

@@ -227,6 +227,25 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
   }
 }
 
+// The terminal goes away while a line is read: the read fails, and the
+// settings that can no longer be restored do not hold the caller.
+TEST_F(ReadlineTest, AVanishingTerminalEndsTheRead) {
+  int master = -1, slave = -1;
+  if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
+    GTEST_SKIP() << "no pseudo-terminals here";
+  std::thread hangup([master] {
+    termios t{};
+    while (tcgetattr(master, &t) == 0 && (t.c_lflag & ICANON) != 0) std::this_thread::yield();
+    close(master);
+  });
+  vepra_ri_readline_t *rl = make("> ", 0);
+  vepra_ri_readline_set_terminal(rl, slave);
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_CHAR);  // EIO
+  hangup.join();
+  close(slave);
+  vepra_ri_readline_terminate(rl);
+}
+
 // What a child reading one line from a pseudo-terminal reported.
 struct PtyRun {
   int code = -1;
@@ -320,25 +339,16 @@ TEST(ReadlineTerminalTest, KeysEditTheLineAndSettingsAreRestored) {
     std::string keys;
     int code;
     std::string line;
-  } cases[] = {
+  } cases[] = {  // the editing keys themselves are the model test's
       {"abc\r", 0, "abc"},
       {"abc" + left + left + "X\r", 0, "aXbc"},
-      {"bc\x1b[Ha\x1b[Fd\r", 0, "abcd"},
-      {"bc\x01" "a\x05" "d\r", 0, "abcd"},
-      {"abx\x7f\r", 0, "ab"},
-      {"abc" + left + left + "\x1b[3~\r", 0, "ac"},
-      {"abcd" + left + left + "\x15\r", 0, "cd"},
-      {"abcd" + left + left + "\x0b\r", 0, "ab"},
       {"a\xc3\xa9\xe2\x82\xac" + left + "\x7f\r", 0, "a\xe2\x82\xac"},
-      {"\xe2\x82\xac" + left + "x\r", 0, "x\xe2\x82\xac"},
       {std::string(100, 'w') + "\x01" "v\r", 0, "v" + std::string(100, 'w')},
       {"new" + up + "\r", 0, "second"},
       {up + up + up + "\r", 0, "first"},
       {"new" + up + up + down + down + "\r", 0, "new"},
       {"new" + up + "!" + "\r", 0, "second!"},
       {"ab\x03", VEPRA_E_CONSOLE_HALTED, "ab"},
-      {"\x04", VEPRA_E_CONSOLE_HALTED, ""},
-      {"ab\x01\x04\r", 0, "b"},
   };
   for (const Case &c : cases) {
     PtyRun run = run_in_pty({"first", "second"}, c.keys);
