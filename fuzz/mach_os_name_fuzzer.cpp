@@ -12,31 +12,19 @@
 #include <string>
 
 #include "sys/mach_internal.hpp"
+#include "fuzz_scratch_file.hpp"
 #include "vepra_error.h"
 
 namespace {
 
-const std::string &scratch_path() {
-  static const std::string path = [] {
-    const char *dir = std::getenv("TMPDIR");
-    return std::string(dir != nullptr ? dir : "/tmp") + "/mach_os_name_fuzzer." +
-           std::to_string(getpid()) + ".plist";
-  }();
-  return path;
-}
-
-bool write_input(const uint8_t *data, size_t size) {
-  FILE *f = std::fopen(scratch_path().c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = std::fwrite(data, 1, size, f) == size;
-  return std::fclose(f) == 0 && ok;
-}
+using vepra_fuzz::scratch_path;
+using vepra_fuzz::write_input;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   if (vepra_initialize() != 0) std::abort();
-  std::atexit([] { std::remove(scratch_path().c_str()); });
+  scratch_path("mach_os_name_fuzzer", ".plist");
   return 0;
 }
 

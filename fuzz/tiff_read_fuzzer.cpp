@@ -8,32 +8,20 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz_scratch_file.hpp"
 #include "vepra_error.h"
 #include "vepra_img.h"
 
 namespace {
 
-const std::string &scratch_path() {
-  static const std::string path = [] {
-    const char *dir = std::getenv("TMPDIR");
-    return std::string(dir != nullptr ? dir : "/tmp") + "/tiff_read_fuzzer." +
-           std::to_string(getpid()) + ".tif";
-  }();
-  return path;
-}
-
-bool write_input(const uint8_t *data, size_t size) {
-  FILE *f = std::fopen(scratch_path().c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = std::fwrite(data, 1, size, f) == size;
-  return std::fclose(f) == 0 && ok;
-}
+using vepra_fuzz::scratch_path;
+using vepra_fuzz::write_input;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   if (vepra_initialize() != 0) std::abort();
-  std::atexit([] { std::remove(scratch_path().c_str()); });
+  scratch_path("tiff_read_fuzzer", ".tif");
   return 0;
 }
 
