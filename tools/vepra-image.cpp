@@ -1650,26 +1650,26 @@ int dispatch(int argc, char **argv) {
   sub->allow_extras();  // unknown options are reported below, by name
   Args args;
   std::map<std::string, CLI::Option *> found;
-  for (const OptionSpec &spec : cmd->options) {
+  for (const OptionSpec &option : cmd->options) {
     CLI::Option *opt = nullptr;
-    auto &values = args.options[spec.key];
-    switch (spec.kind) {
-      case Kind::kFlag: opt = sub->add_flag(spec.names, spec.help); break;
+    auto &values = args.options[option.key];
+    switch (option.kind) {
+      case Kind::kFlag: opt = sub->add_flag(option.names, option.help); break;
       case Kind::kValue:
-        opt = sub->add_option(spec.names, values, spec.help)
+        opt = sub->add_option(option.names, values, option.help)
                   ->expected(1)
                   ->allow_extra_args(false)
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
         break;
       case Kind::kRepeated:
-        opt = sub->add_option(spec.names, values, spec.help)
+        opt = sub->add_option(option.names, values, option.help)
                   ->expected(1)
                   ->allow_extra_args(false)
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
         break;
     }
-    if (spec.kind != Kind::kFlag) opt->type_name(value_name(spec.key));
-    found[spec.key] = opt;
+    if (option.kind != Kind::kFlag) opt->type_name(value_name(option.key));
+    found[option.key] = opt;
   }
   sub->add_option("operands", args.operands, "files (and, where allowed, directories)")
       ->type_name(cmd->takes_files ? "PATH" : "");
