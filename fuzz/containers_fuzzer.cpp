@@ -9,23 +9,15 @@
 
 #include "vepra_dl.h"
 #include "vepra_tree.h"
+#include "fuzz_bytes.hpp"
 
 namespace {
 
 void *as_data(int k) { return reinterpret_cast<void *>(static_cast<uintptr_t>(k)); }
 int id_of(const void *p) { return static_cast<int>(reinterpret_cast<uintptr_t>(p)); }
 
-void check(bool ok) {
-  if (!ok) std::abort();
-}
-
-struct Bytes {
-  const uint8_t *data;
-  size_t size;
-  size_t at = 0;
-  bool more() const { return at < size; }
-  unsigned next() { return at < size ? data[at++] : 0; }
-};
+using vepra_fuzz::Bytes;
+using vepra_fuzz::check;
 
 void check_list(vepra_dl_t *list, const std::vector<int> &model) {
   vepra_dl_t *p = vepra_dl_get_first(list);

@@ -9,22 +9,14 @@
 #include <vector>
 
 #include "../tests/object/obj_world.hpp"
+#include "fuzz_bytes.hpp"
 
 namespace {
 
 using namespace obj_model;
 
-void check(bool ok) {
-  if (!ok) std::abort();
-}
-
-struct Bytes {
-  const uint8_t *data;
-  size_t size;
-  size_t at = 0;
-  bool more() const { return at < size; }
-  unsigned next() { return at < size ? data[at++] : 0; }
-};
+using vepra_fuzz::Bytes;
+using vepra_fuzz::check;
 
 constexpr Kind kTopKinds[] = {
     Kind::kCreate, Kind::kAddSignal, Kind::kConnect,  Kind::kConnect,       Kind::kDisconnect,
