@@ -210,6 +210,7 @@ vepra_error_t *load_raw(const Source &src, const Entry &e, Block &block) noexcep
   const unsigned size = type_size(e.type);
   if (size == 0 || e.count > src.size() / size + 8) return invalid_tag(e);
   const uint64_t bytes = e.count * size;
+  if (bytes == 0) return nullptr;  // an empty array: nothing to copy
   if (vepra_error_t *err = block.reserve(bytes)) return err;
   if (bytes <= src.word_size()) {
     std::memcpy(block.data, e.field, bytes);
