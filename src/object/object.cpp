@@ -88,13 +88,6 @@ int same_cleanup_fn(uint32_t, void *data, void *user) {
   return rec != nullptr && rec->fn == *static_cast<vepra_obj_cleanup_fn *>(user);
 }
 
-void destroy_child(uint32_t, void *data, void *, void *) {
-  auto *child = static_cast<vepra_obj_t *>(data);
-  if (child == nullptr) return;
-  child->parent = nullptr;
-  vepra_obj_destroy(child);
-}
-
 }  // namespace
 
 extern "C" {
@@ -134,11 +127,16 @@ apr_status_t vepra_obj_cleanup(void *p) noexcept {
   vepra_error_clear(vepra_obj_emit_signal(obj, VEPRA_SIG_DESTROY, nullptr));
   vepra_cdl_walk(obj->cleanups, run_cleanup, obj);
   vepra_triem_destroy(&obj->child_names);
-  // A child's cleanup may add children to this object again.
-  while (obj->children != nullptr) {
-    vepra_tree_t *children = obj->children;
-    obj->children = nullptr;
-    vepra_treem_destroy_func(&children, destroy_child, nullptr);
+  // Children go one at a time, each unlinked before it is destroyed: a
+  // child's signal 1 or cleanups may destroy a sibling (which then unlinks
+  // itself from the live list) or add children to this object again.
+  while (vepra_tree_t *node = obj->children) {
+    while (node->prev != nullptr) node = node->prev;
+    auto *child = static_cast<vepra_obj_t *>(vepra_tree_get_data(node));
+    delete_node(obj, node);
+    if (child == nullptr) continue;
+    child->parent = nullptr;
+    vepra_obj_destroy(child);
   }
   if (vepra_obj_t *parent = obj->parent) {
     if (vepra_tree_t *node = vepra_tree_search_obj(parent->children, obj))

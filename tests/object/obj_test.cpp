@@ -229,6 +229,23 @@ TEST_F(ObjTest, ChildrenAndCleanupsFollowTheirRules) {
   ASSERT_EQ(utarray_len(watcher->signals), 1u);
   EXPECT_EQ(static_cast<osig *>(utarray_eltptr(watcher->signals, 0))->destinations, nullptr);
   vepra_obj_destroy(watcher);
+
+  // A child whose cleanup destroys its sibling while the parent tears its
+  // children down: the sibling goes once, and the parent does not visit
+  // it again.
+  ASSERT_EQ(vepra_obj_create(&p, "p", pool_), nullptr);
+  ASSERT_EQ(vepra_obj_create(&a, "a", pool_), nullptr);
+  ASSERT_EQ(vepra_obj_create(&b, "b", pool_), nullptr);
+  ASSERT_EQ(vepra_obj_addc(p, a), nullptr);
+  ASSERT_EQ(vepra_obj_addc(p, b), nullptr);
+  auto destroy_other = [](vepra_obj_t *, void *other) {
+    vepra_obj_destroy(static_cast<vepra_obj_t *>(other));
+  };
+  ASSERT_EQ(vepra_obj_cleanup_register(a, destroy_other, b), nullptr);
+  ASSERT_EQ(vepra_obj_cleanup_register(b, Trace::note, &trace), nullptr);
+  trace.lines.clear();
+  vepra_obj_destroy(p);
+  EXPECT_EQ(trace.lines, (std::vector<std::string>{"cleanup b"}));
 }
 
 // Allocation failures: object creation, a connection's destination records
