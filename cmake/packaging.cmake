@@ -82,9 +82,11 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libvepra-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEV_DEPENDS library)
-# The headers include APR's; vepra.pc requires apr-1 and apr-util-1, and
-# the CMake package finds APR through pkg-config.
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libapr1-dev, libaprutil1-dev, pkgconf | pkg-config")
+# The headers include APR's (and vepra_obj.h uthash's utarray.h);
+# vepra.pc requires apr-1 and apr-util-1, and the CMake package finds APR
+# through pkg-config.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
+    "libapr1-dev, libaprutil1-dev, uthash-dev, pkgconf | pkg-config")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
 "utility library for scientific and imaging applications (development files)
 ${_about}

@@ -32,6 +32,7 @@ for name in libvepra-dev vepra-tools; do
     fail "$name does not depend on libvepra1 $version"
 done
 dpkg-deb -f "${deb[libvepra-dev]}" Depends | grep -q libapr1-dev || fail "libvepra-dev lacks libapr1-dev"
+dpkg-deb -f "${deb[libvepra-dev]}" Depends | grep -q uthash-dev || fail "libvepra-dev lacks uthash-dev (vepra_obj.h includes utarray.h)"
 dpkg-deb -f "${deb[vepra-tools]}" Depends | grep -q 'libc6' || fail "vepra-tools has no shlibdeps"
 
 # The shlibs entry names the SONAME that the library file really carries.

@@ -45,6 +45,7 @@ extern "C" {
 
 vepra_error_t *vepra_log_create(vepra_log_t **log, const char *filename,
                                 apr_pool_t *parent) noexcept {
+  if (log == nullptr) return wrap_error(apr_error(APR_EINVAL), "Cannot create log.");
   apr_pool_t *pool = nullptr;
   apr_status_t s = vepra::detail::create_pool(&pool, parent);
   if (s != APR_SUCCESS) return wrap_error(apr_error(s), "Cannot create log.");
@@ -56,12 +57,16 @@ vepra_error_t *vepra_log_create(vepra_log_t **log, const char *filename,
   l->pool = pool;
   l->filename = apr_pstrdup(pool, filename);
   *log = l;
-  s = apr_file_open(&l->file, filename, APR_FOPEN_WRITE | APR_FOPEN_CREATE | APR_FOPEN_APPEND,
-                    APR_FPROT_OS_DEFAULT, pool);
+  // A null file name fails like a file that cannot be opened.
+  s = filename == nullptr
+          ? APR_EINVAL
+          : apr_file_open(&l->file, filename, APR_FOPEN_WRITE | APR_FOPEN_CREATE | APR_FOPEN_APPEND,
+                          APR_FPROT_OS_DEFAULT, pool);
   if (s != APR_SUCCESS) {
     l->file = nullptr;
-    return wrap_error(wrap_error(apr_error(s), "Can't open file '%s'", filename),
-                      "Cannot create log.");
+    return wrap_error(
+        wrap_error(apr_error(s), "Can't open file '%s'", filename != nullptr ? filename : "(null)"),
+        "Cannot create log.");
   }
   return nullptr;
 }
