@@ -358,13 +358,13 @@ VEPRA_API void vepra_treem_destroy_func(vepra_tree_t **tree,
  *  pre-order)
  *  @{ */
 /** The first node whose data pointer is data; null if none.
- *  @param node any node of the top sibling list, or null
+ *  @param node any node of the sibling list to go through, or null
  *  @param data the data pointer to look for (null matches null data)
  *  @return the node found, or null */
 VEPRA_API vepra_tree_t *vepra_tree_search_obj(vepra_tree_t *node, void *data)
     VEPRA_NOTHROW;
 /** The first node for which fn returns non-zero; null if none.
- *  @param node any node of the top sibling list, or null
+ *  @param node any node of the sibling list to go through, or null
  *  @param fn the test, or null (finds nothing)
  *  @param user passed to every call of fn
  *  @return the node found, or null */
@@ -380,14 +380,14 @@ VEPRA_API vepra_tree_t *vepra_tree_search_func(vepra_tree_t *node,
  *  (vepra_dl.h); a stop in pre also skips that node's children and post.
  *  @{ */
 /** Visits every node.
- *  @param node any node of the top sibling list, or null
+ *  @param node any node of the sibling list to go through, or null
  *  @param pre called on each node before its children, or null
  *  @param post called on each node after its children, or null
  *  @param user passed to every call of pre and post */
 VEPRA_API void vepra_tree_walk(vepra_tree_t *node, vepra_walk_fn pre,
                                vepra_walk_fn post, void *user) VEPRA_NOTHROW;
 /** Stops at the first non-zero result and returns it; else 0.
- *  @param node any node of the top sibling list, or null
+ *  @param node any node of the sibling list to go through, or null
  *  @param pre called on each node before its children, or null
  *  @param post called on each node after its children, or null
  *  @param user passed to every call of pre and post
@@ -397,7 +397,7 @@ VEPRA_API int vepra_tree_walk_int_first(vepra_tree_t *node,
                                         vepra_walk_int_fn post, void *user)
     VEPRA_NOTHROW;
 /** Stops at the first error and returns it unchanged; else null.
- *  @param node any node of the top sibling list, or null
+ *  @param node any node of the sibling list to go through, or null
  *  @param pre called on each node before its children, or null
  *  @param post called on each node after its children, or null
  *  @param user passed to every call of pre and post
