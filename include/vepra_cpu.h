@@ -112,7 +112,10 @@ typedef struct vepra_cpu_info_t {
  *  on. Caches come from leaf 4 (AMD: leaf 0x8000001D) and are left out
  *  where the processor does not offer those leaves.
  *  Errors: 120170 without cpuid; 120172 when leaf 1 is not offered;
- *  120020 for a null info. */
+ *  120020 for a null info.
+ *  @param[out] info record to fill; zeroed first
+ *  @return null on success, or the error chain (codes 120170, 120172,
+ *          120020) */
 VEPRA_API vepra_error_t *vepra_cpu_identify(vepra_cpu_info_t *info) VEPRA_NOTHROW;
 
 /** How the topology was read. */
@@ -149,19 +152,37 @@ typedef struct vepra_cpu_topology_t {
  *  level; 120172 when leaf 1 is not offered; 120173 when the affinity mask
  *  cannot be read or restored; 120174 when binding to a processor fails;
  *  120175 when the processors' ids contradict each other; 120012 when
- *  memory runs out; 120020 for a null argument. */
+ *  memory runs out; 120020 for a null argument.
+ *  @param[out] topology receives the topology, in pool; null on failure
+ *  @param pool pool for the topology and its processor array
+ *  @return null on success, or the error chain (codes 120170 to 120175,
+ *          120012, 120020) */
 VEPRA_API vepra_error_t *vepra_cpu_topology(vepra_cpu_topology_t **topology,
                                             apr_pool_t *pool) VEPRA_NOTHROW;
 
 /** Writes into mask (mask_size bytes, the form sched_setaffinity and
  *  CPU_SET_S take: pass a cpu_set_t and its size) the processors of
  *  package. Errors: 120170 without cpuid; 120173 when the package has no
- *  processor or one does not fit the mask; 120020 for a null argument. */
+ *  processor or one does not fit the mask; 120020 for a null argument.
+ *  @param topology from vepra_cpu_topology()
+ *  @param package package number, as in vepra_cpu_logical_t::package
+ *  @param[out] mask the affinity mask; cleared, then the package's
+ *         processors set
+ *  @param mask_size bytes of mask
+ *  @return null on success, or the error chain (codes 120170, 120173,
+ *          120020) */
 VEPRA_API vepra_error_t *vepra_cpu_package_mask(const vepra_cpu_topology_t *topology,
                                                 uint32_t package, void *mask,
                                                 size_t mask_size) VEPRA_NOTHROW;
 
-/** As vepra_cpu_package_mask() for the threads of one core of package. */
+/** As vepra_cpu_package_mask() for the threads of one core of package.
+ *  @param topology from vepra_cpu_topology()
+ *  @param package package number, as in vepra_cpu_logical_t::package
+ *  @param core core number within package, as in vepra_cpu_logical_t::core
+ *  @param[out] mask the affinity mask; cleared, then the core's threads set
+ *  @param mask_size bytes of mask
+ *  @return null on success, or the error chain (codes 120170, 120173,
+ *          120020) */
 VEPRA_API vepra_error_t *vepra_cpu_core_mask(const vepra_cpu_topology_t *topology,
                                              uint32_t package, uint32_t core,
                                              void *mask, size_t mask_size) VEPRA_NOTHROW;

@@ -37,7 +37,12 @@ enum vepra_dir_flag {
 /** Called for every matching file with its full path (valid during the
  *  call), the options' user pointer and a pool that is cleared after the
  *  call. Returns null, or an error chain whose ownership passes to the
- *  traversal. Must not throw. */
+ *  traversal. Must not throw.
+ *  @param path full path of the matching file: directory, "/", name
+ *  @param user vepra_dir_options_t::user, unchanged
+ *  @param pool scratch pool, cleared after the call
+ *  @return null to go on, an error chain (owned by the traversal from then
+ *          on), or VepraDLlistStopWalking to end the walk successfully */
 typedef vepra_error_t *(*vepra_dir_callback_fn)(const char *path, void *user,
                                                 apr_pool_t *pool);
 
@@ -84,6 +89,20 @@ typedef struct vepra_dir_options_t {
  * APR_PATH_MAX allows (APR's text), a failed close, a null dir, options or
  * pool (APR's text for EINVAL), and the callback failures above. The first of
  * them ends the walk.
+ *
+ * @param dir directory to walk; not null
+ * @param include ";"-separated include patterns, or null to keep
+ *        options->include
+ * @param exclude ";"-separated exclude patterns, or null to keep
+ *        options->exclude
+ * @param[in,out] options flags, patterns and callback; not null; its
+ *        include and exclude arrays are replaced when the strings are given
+ * @param pool pool for the pattern arrays and the walk's scratch pools;
+ *        not null
+ * @return null on success (also when the callback stopped the walk), or
+ *         the error chain wrapped by "Cannot traverse directories." (APR
+ *         status codes, 120013 when the list of pending directories cannot
+ *         grow, or the callback's own codes)
  */
 VEPRA_API vepra_error_t *vepra_dir_traverse(const char *dir,
                                             const char *include,

@@ -134,7 +134,10 @@ typedef struct vepra_error_t {
 } vepra_error_t;
 
 /** Printer for vepra_error_handle(): receives one formatted line and the
- *  stream given to the handler. Must not throw. */
+ *  stream given to the handler. Must not throw.
+ *  @param line one formatted record, without newline
+ *  @param stream the stream given to vepra_error_handle(), possibly null
+ *  @return ignored by vepra_error_handle() */
 typedef int (*vepra_error_printer_fn)(const char *line, FILE *stream);
 
 /** Malfunction handler: receives a fatal chain (ownership included). The
@@ -147,10 +150,19 @@ typedef int (*vepra_error_printer_fn)(const char *line, FILE *stream);
  *  record (type 2, code 0, "Out of memory: the error could not be
  *  recorded.") that lives in no pool. vepra_error_clear() ignores that
  *  record, wrapping it returns it unchanged, vepra_error_handle() prints
- *  it, and the setters leave it as it is. */
+ *  it, and the setters leave it as it is.
+ *  @param chain the fatal chain; the handler owns it
+ *  @return a chain to hand back to the failing caller, or null */
 typedef vepra_error_t *(*vepra_error_malfunction_fn)(vepra_error_t *chain);
 
-/** Callback of vepra_error_walk(); its result is ignored. */
+/** Callback of vepra_error_walk(); its result is ignored.
+ *  @param code the record's code
+ *  @param message the record's own text, or null
+ *  @param file base name of the source file, or null
+ *  @param line source line, 0 when unknown
+ *  @param function raising function, or null
+ *  @param user the pointer given to vepra_error_walk()
+ *  @return ignored */
 typedef int (*vepra_error_walk_fn)(int code, const char *message,
                                    const char *file, int line,
                                    const char *function, void *user);
@@ -173,7 +185,8 @@ VEPRA_API extern vepra_error_t *VepraDLlistStopWalking;
  *  call, failed or not, is matched by one vepra_terminate(). Not thread
  *  safe: call it before other threads use the library. The pools of the
  *  library (vepra_pool and every pool under it) report a failed allocation
- *  to the malfunction handler. */
+ *  to the malfunction handler.
+ *  @return 0 on success, or the failure code 1, 2 or 3 */
 VEPRA_API int vepra_initialize(void) VEPRA_NOTHROW;
 /** Undoes vepra_initialize(); the last call frees the error system, the
  *  root pool and APR. A call while the counter is 0 wraps it around and
@@ -181,7 +194,9 @@ VEPRA_API int vepra_initialize(void) VEPRA_NOTHROW;
 VEPRA_API void vepra_terminate(void) VEPRA_NOTHROW;
 /** Creates the error system under parent (called by vepra_initialize()).
  *  Returns 0, 2 if the error pool could not be made, 4 if the mutex could
- *  not be made. */
+ *  not be made.
+ *  @param parent pool under which the error pool is made
+ *  @return 0 on success, or the failure code 2 or 4 */
 VEPRA_API int vepra_error_initialize(apr_pool_t *parent) VEPRA_NOTHROW;
 /** Destroys the error system with every chain not yet cleared. A failure to
  *  destroy the mutex goes to the malfunction handler ("Cannot correctly
@@ -198,7 +213,15 @@ VEPRA_API void vepra_error_terminate(void) VEPRA_NOTHROW;
  *  every case, failure included.
  *  @{ */
 /** One record with the given fields; cause becomes next and its pool is
- *  shared. message is copied (may be null). The caller owns the result. */
+ *  shared. message is copied (may be null). The caller owns the result.
+ *  @param type vepra_error_type value, or any other
+ *  @param code 0, a built-in code or a registered one
+ *  @param line source line, 0 when unknown
+ *  @param file source file, or null; its base name is copied
+ *  @param function raising function, or null; copied
+ *  @param cause chain this record wraps, or null; taken over
+ *  @param message text of the record, or null for the code's text
+ *  @return the new head, never null */
 VEPRA_API vepra_error_t *vepra_error_create_i(int type, int code, int line,
                                               const char *file,
                                               const char *function,
@@ -206,7 +229,16 @@ VEPRA_API vepra_error_t *vepra_error_create_i(int type, int code, int line,
                                               const char *message)
     VEPRA_NOTHROW;
 /** As vepra_error_create_i() with a printf-formatted message (format must
- *  not be null). */
+ *  not be null).
+ *  @param type vepra_error_type value, or any other
+ *  @param code 0, a built-in code or a registered one
+ *  @param line source line, 0 when unknown
+ *  @param file source file, or null; its base name is copied
+ *  @param function raising function, or null; copied
+ *  @param cause chain this record wraps, or null; taken over
+ *  @param format printf-style format of the message; not null
+ *  @param ... arguments of format
+ *  @return the new head, never null */
 VEPRA_API vepra_error_t *vepra_error_createf_i(int type, int code, int line,
                                                const char *file,
                                                const char *function,
@@ -214,14 +246,26 @@ VEPRA_API vepra_error_t *vepra_error_createf_i(int type, int code, int line,
                                                const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(7, 8);
 /** A new one-record chain, type 0, code 0, whose message is APR's text for
- *  status. */
+ *  status.
+ *  @param status APR status to describe
+ *  @param line source line, 0 when unknown
+ *  @param file source file, or null; its base name is copied
+ *  @param function raising function, or null; copied
+ *  @return the new chain, never null; owned by the caller */
 VEPRA_API vepra_error_t *vepra_error_aprwrap_i(apr_status_t status, int line,
                                                const char *file,
                                                const char *function)
     VEPRA_NOTHROW;
 /** A new one-record chain, type 0, code 0, whose message is the formatted
  *  text, ": " and APR's text for status; with a null format the record has
- *  no message at all. */
+ *  no message at all.
+ *  @param status APR status to describe
+ *  @param line source line, 0 when unknown
+ *  @param file source file, or null; its base name is copied
+ *  @param function raising function, or null; copied
+ *  @param format printf-style format of the leading text, or null
+ *  @param ... arguments of format
+ *  @return the new chain, never null; owned by the caller */
 VEPRA_API vepra_error_t *vepra_error_aprwrapf_i(apr_status_t status, int line,
                                                 const char *file,
                                                 const char *function,
@@ -229,7 +273,13 @@ VEPRA_API vepra_error_t *vepra_error_aprwrapf_i(apr_status_t status, int line,
     VEPRA_NOTHROW VEPRA_PRINTF(5, 6);
 /** Adds context to cause (not null): a record repeating cause's type and
  *  code, carrying message (or none). Takes over cause; returns the new
- *  head. */
+ *  head.
+ *  @param line source line, 0 when unknown
+ *  @param file source file, or null; its base name is copied
+ *  @param function raising function, or null; copied
+ *  @param cause chain to wrap; not null; taken over
+ *  @param message text of the new record (copied), or null
+ *  @return the new head, never null */
 VEPRA_API vepra_error_t *vepra_error_quick_wrap_i(int line, const char *file,
                                                   const char *function,
                                                   vepra_error_t *cause,
@@ -272,17 +322,25 @@ VEPRA_API vepra_error_t *vepra_error_quick_wrap_i(int line, const char *file,
  *  records (second is first, or a record of it, or they share a cause) are
  *  refused: the result is then a record of type 0, code 0, "Cannot compose
  *  an error chain with one of its own records." wrapping first, and
- *  clearing it frees both. */
+ *  clearing it frees both.
+ *  @param first chain that becomes the head, or null; taken over
+ *  @param second chain appended to first, or null; taken over
+ *  @return the joined chain, owned by the caller; null only when both are
+ *          null */
 VEPRA_API vepra_error_t *vepra_error_compose_create(vepra_error_t *first,
                                                     vepra_error_t *second)
     VEPRA_NOTHROW;
 /** Appends a copy of source behind dest's root cause (dest not null), then
  *  frees source. Nothing when source is null, and nothing when source
  *  shares records with dest (appending would make a loop). Should a pool
- *  allocation fail, fewer records are appended. */
+ *  allocation fail, fewer records are appended.
+ *  @param[in,out] dest chain that receives the copies; not null
+ *  @param source chain to append, or null; taken over (freed) */
 VEPRA_API void vepra_error_compose(vepra_error_t *dest, vepra_error_t *source)
     VEPRA_NOTHROW;
-/** Last record of the chain; null for null. */
+/** Last record of the chain; null for null.
+ *  @param chain any record of a chain, or null
+ *  @return the root cause, a record of chain (not a copy) */
 VEPRA_API vepra_error_t *vepra_error_root_cause(vepra_error_t *chain)
     VEPRA_NOTHROW;
 /** Copy of the chain in a new pool; the copy's file and function point at
@@ -290,17 +348,25 @@ VEPRA_API vepra_error_t *vepra_error_root_cause(vepra_error_t *chain)
  *  location. Null for null (a pool is made and left idle all the same).
  *  When no pool can be made the malfunction handler receives "Cannot
  *  duplicate error.", and a returning handler gives what it returned or
- *  the out-of-memory record. */
+ *  the out-of-memory record.
+ *  @param chain chain to copy, or null
+ *  @return the copy, owned by the caller, or null for a null chain */
 VEPRA_API vepra_error_t *vepra_error_dup(const vepra_error_t *chain)
     VEPRA_NOTHROW;
 /** Frees the whole chain that record belongs to; nothing for null or for
- *  the out-of-memory record. */
+ *  the out-of-memory record.
+ *  @param chain any record of the chain, or null; invalid afterwards */
 VEPRA_API void vepra_error_clear(vepra_error_t *chain) VEPRA_NOTHROW;
 /** Passes chain to the installed malfunction handler and returns what the
- *  handler returns. */
+ *  handler returns.
+ *  @param chain fatal chain; taken over by the handler
+ *  @return what the handler returned (the default handler aborts) */
 VEPRA_API vepra_error_t *vepra_error_malfunction(vepra_error_t *chain)
     VEPRA_NOTHROW;
-/** Calls callback once a record, head first; the walk cannot be stopped. */
+/** Calls callback once a record, head first; the walk cannot be stopped.
+ *  @param chain chain to walk, or null for none
+ *  @param callback called once per record; not null
+ *  @param user handed to every call of callback */
 VEPRA_API void vepra_error_walk(vepra_error_t *chain,
                                 vepra_error_walk_fn callback, void *user)
     VEPRA_NOTHROW;
@@ -308,19 +374,29 @@ VEPRA_API void vepra_error_walk(vepra_error_t *chain,
 
 /** @name Record fields
  *  @{ */
-/** Sets the type of one record (not null). */
+/** Sets the type of one record (not null).
+ *  @param[in,out] record the record to change
+ *  @param type vepra_error_type value, or any other */
 VEPRA_API void vepra_error_set_type(vepra_error_t *record, int type)
     VEPRA_NOTHROW;
-/** Sets the type of every record of the chain; nothing for null. */
+/** Sets the type of every record of the chain; nothing for null.
+ *  @param[in,out] chain head of the records to change, or null
+ *  @param type vepra_error_type value, or any other */
 VEPRA_API void vepra_error_set_type_all(vepra_error_t *chain, int type)
     VEPRA_NOTHROW;
-/** Attaches data to one record (not owned); nothing for null. */
+/** Attaches data to one record (not owned); nothing for null.
+ *  @param[in,out] record the record to change, or null
+ *  @param data the attachment, or null to remove it; never freed */
 VEPRA_API void vepra_error_set_data(vepra_error_t *record, void *data)
     VEPRA_NOTHROW;
-/** The record's attachment; null for null. */
+/** The record's attachment; null for null.
+ *  @param record the record, or null
+ *  @return the attachment, or null */
 VEPRA_API void *vepra_error_get_data(const vepra_error_t *record)
     VEPRA_NOTHROW;
-/** The first non-null attachment from the head down; null if none. */
+/** The first non-null attachment from the head down; null if none.
+ *  @param chain head of the records to search, or null
+ *  @return the attachment, or null */
 VEPRA_API void *vepra_error_get_data_first(const vepra_error_t *chain)
     VEPRA_NOTHROW;
 /** @} */
@@ -332,29 +408,45 @@ VEPRA_API void *vepra_error_get_data_first(const vepra_error_t *chain)
  *  duplicates. Returns null. Errors: 120020 wrapped by "Cannot register
  *  error type." for a null name (nothing registered, code not written); a
  *  failure of the registry lock goes to the malfunction handler, and a
- *  returning handler's chain (or the out-of-memory record) is returned. */
+ *  returning handler's chain (or the out-of-memory record) is returned.
+ *  @param[out] code receives the new code; not null
+ *  @param name name of the type; copied
+ *  @return null on success, or the error chain (codes 120020, or the
+ *          malfunction handler's) */
 VEPRA_API vepra_error_t *vepra_error_register(int *code, const char *name)
     VEPRA_NOTHROW;
 /** Frees the registered code; other codes are ignored. Returns null, or a
  *  chain (code 0, APR's text, wrapped by "Cannot deregister error type.")
- *  if the registry lock could not be taken. */
+ *  if the registry lock could not be taken.
+ *  @param code a code returned by vepra_error_register()
+ *  @return null on success, or the error chain (code 0) */
 VEPRA_API vepra_error_t *vepra_error_deregister(int code) VEPRA_NOTHROW;
 /** Prints every record of chain as one line through printer(line, stream),
  *  head first; a code's text is printed once per chain. Time is linear in
  *  the chain's length. Returns chain unchanged (not freed); null prints
- *  nothing. Cannot fail; over-long lines are cut. */
+ *  nothing. Cannot fail; over-long lines are cut.
+ *  @param chain chain to print, or null; still owned by the caller
+ *  @param printer called once per printed line; not null
+ *  @param stream handed to printer unchanged
+ *  @return chain */
 VEPRA_API vepra_error_t *vepra_error_handle(vepra_error_t *chain,
                                             vepra_error_printer_fn printer,
                                             FILE *stream) VEPRA_NOTHROW;
 /** Standard printer: writes line and a newline to stream, or to stderr when
- *  stream is null. Returns what fprintf returns. */
+ *  stream is null. Returns what fprintf returns.
+ *  @param line text to print
+ *  @param stream output stream, or null for stderr
+ *  @return characters written, or a negative value on failure */
 VEPRA_API int vepra_error_stdhandler(const char *line, FILE *stream)
     VEPRA_NOTHROW;
 /** Installs handler and returns the previous one; null puts the default
- *  handler back. */
+ *  handler back.
+ *  @param handler the new handler, or null for the default
+ *  @return the handler installed before, never null */
 VEPRA_API vepra_error_malfunction_fn vepra_error_set_malfunction_handler(
     vepra_error_malfunction_fn handler) VEPRA_NOTHROW;
-/** The installed malfunction handler. */
+/** The installed malfunction handler.
+ *  @return the handler, never null */
 VEPRA_API vepra_error_malfunction_fn vepra_error_get_malfunction_handler(void)
     VEPRA_NOTHROW;
 /** @} */
@@ -365,19 +457,29 @@ VEPRA_API vepra_error_malfunction_fn vepra_error_get_malfunction_handler(void)
  *  file, line, function of each record, root cause first) into a new
  *  buffer: *buf and *length receive it, or null and 0 if it could not be
  *  made. A null chain gives the image of an empty array. The caller frees
- *  *buf with free(). */
+ *  *buf with free().
+ *  @param chain chain to write, or null
+ *  @param[out] buf receives the image, or null when none was made; the
+ *         call does nothing more when buf or length is null
+ *  @param[out] length receives the image's size in bytes, or 0 */
 VEPRA_API void vepra_error_serialize(const vepra_error_t *chain, void **buf,
                                      size_t *length) VEPRA_NOTHROW;
 /** Rebuilds a chain from an image of vepra_error_serialize() into *chain
  *  (a new pool under the error system's; file stored as its base name).
  *  An empty, truncated, corrupt or foreign image gives a null chain.
- *  Returns chain (null for a null chain). The caller owns the result. */
+ *  Returns chain (null for a null chain). The caller owns the result.
+ *  @param[out] chain receives the rebuilt chain, or null
+ *  @param buf image to read, or null (giving a null chain)
+ *  @param length bytes of buf
+ *  @return chain, or null when chain is null */
 VEPRA_API vepra_error_t **vepra_error_deserialize(vepra_error_t **chain,
                                                   const void *buf,
                                                   size_t length) VEPRA_NOTHROW;
 /** CRC-16/ARC of the chain, head to root: each record's type, code and line
  *  (4 bytes each, machine order), then message, file and function when
- *  present (without their zero). 0 for null. */
+ *  present (without their zero). 0 for null.
+ *  @param chain chain to sum, or null
+ *  @return the checksum */
 VEPRA_API uint16_t vepra_error_crc16(const vepra_error_t *chain) VEPRA_NOTHROW;
 /** @} */
 

@@ -81,7 +81,12 @@ typedef struct vepra_img_t {
  *  the pixel pass, also wrapped by "Cannot read TIFF image.". 120154
  *  ("Image type is unknown.", not wrapped) when the directory pass fails
  *  for any reason, allocation included: the cause is not reported (see
- *  vepra_img_read_ex() for a read that reports it). */
+ *  vepra_img_read_ex() for a read that reports it).
+ *  @param path file to read; null fails as a file that cannot be opened
+ *  @param[out] img record to fill; what it owned before is not released
+ *         (call vepra_img_free() first)
+ *  @return null on success, or the error chain (codes 120020, 120030,
+ *          120154 and the read codes) */
 VEPRA_API vepra_error_t *vepra_img_read(const char *path, vepra_img_t *img)
     VEPRA_NOTHROW;
 /** Reads only the TIFF directories of path into img (no pixels). Only a
@@ -90,13 +95,21 @@ VEPRA_API vepra_error_t *vepra_img_read(const char *path, vepra_img_t *img)
  *  120020 for a null img; a file that opens but does not parse (any of the
  *  read codes) is reported by img->type staying 0, with the record
  *  released. On success img->type is 1 and the record owns its strip
- *  arrays and Software text. */
+ *  arrays and Software text.
+ *  @param path file to read; null fails as a file that cannot be opened
+ *  @param[out] img record to fill; what it owned before is not released
+ *  @return null when the file opened (check img->type), or the error
+ *          chain (codes 120020, 120030) */
 VEPRA_API vepra_error_t *vepra_img_read_tiff_info(const char *path,
                                                   vepra_img_t *img)
     VEPRA_NOTHROW;
 /** Reads the TIFF directories and pixels of path into img. Errors, wrapped
  *  by "Cannot read TIFF image.": 120020 (null img), 120030 (cannot open, or
- *  a directory) and the read codes. */
+ *  a directory) and the read codes.
+ *  @param path file to read; null fails as a file that cannot be opened
+ *  @param[out] img record to fill; what it owned before is not released
+ *  @return null on success, or the error chain (codes 120020, 120030 and
+ *          the read codes) */
 VEPRA_API vepra_error_t *vepra_img_read_tiff(const char *path,
                                              vepra_img_t *img) VEPRA_NOTHROW;
 
@@ -143,7 +156,13 @@ VEPRA_API vepra_error_t *vepra_img_read_tiff(const char *path,
  *  then "Cannot read image.": 120030 (cannot open, or a directory), the
  *  read codes, the codes of VEPRA_IMG_READ_STRICT, and code 0 for a page
  *  the file does not have. Wrapped by "Cannot read image." only: 120020
- *  for a null img or reserved flags (img untouched). */
+ *  for a null img or reserved flags (img untouched).
+ *  @param path file to read; null fails as a file that cannot be opened
+ *  @param[out] img record to fill; what it owned before is not released
+ *  @param flags VEPRA_IMG_READ_* bits, or 0
+ *  @param page zero-based page of the file
+ *  @return null on success, or the error chain (codes 120020, 120030, 0,
+ *          the read codes and those of VEPRA_IMG_READ_STRICT) */
 VEPRA_API vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img,
                                            uint32_t flags, uint32_t page)
     VEPRA_NOTHROW;
@@ -151,16 +170,25 @@ VEPRA_API vepra_error_t *vepra_img_read_ex(const char *path, vepra_img_t *img,
  *  either byte order, classic or BigTIFF, into *count. Errors, wrapped by
  *  "Cannot count TIFF pages.": 120020 (null count), 120030 (cannot open),
  *  120031 (short read), 120150 (not TIFF), 0 ("No image data were found."),
- *  120152 (a directory chain that loops). */
+ *  120152 (a directory chain that loops).
+ *  @param path file to read; null fails as a file that cannot be opened
+ *  @param[out] count receives the number of pages
+ *  @return null on success, or the error chain (codes 120020, 120030,
+ *          120031, 120150, 0, 120152) */
 VEPRA_API vepra_error_t *vepra_img_page_count(const char *path,
                                               uint32_t *count) VEPRA_NOTHROW;
 /** Releases what img owns (pixel matrix, strip arrays, Software text) and
  *  nulls those pointers; other fields, type included, are kept. Nothing for
- *  null. */
+ *  null.
+ *  @param[in,out] img record to release, or null */
 VEPRA_API void vepra_img_free(vepra_img_t *img) VEPRA_NOTHROW;
 /** Writes the resolution of img in pixels per millimetre to xres_mm and
  *  yres_mm (each skipped when null). Always returns null, also for a null
- *  img. */
+ *  img.
+ *  @param img record read before, or null (nothing is written)
+ *  @param[out] xres_mm receives xres / 25.4 (0 when absent), or null
+ *  @param[out] yres_mm receives yres / 25.4 (0 when absent), or null
+ *  @return null */
 VEPRA_API vepra_error_t *vepra_img_get_resmm(const vepra_img_t *img,
                                              double *xres_mm, double *yres_mm)
     VEPRA_NOTHROW;
@@ -183,7 +211,11 @@ VEPRA_API vepra_error_t *vepra_img_get_resmm(const vepra_img_t *img,
  *  TIFF file at path. Errors, wrapped by "Cannot write TIFF image.":
  *  120020 (null img, or an image with pixels but no pixel matrix), 120030
  *  (cannot open), 120032 (a write, the final close or the replacement
- *  failed), 120152 (an image too large for 32-bit offsets). */
+ *  failed), 120152 (an image too large for 32-bit offsets).
+ *  @param path file to write; null fails with 120030
+ *  @param img image to write
+ *  @return null on success, or the error chain (codes 120020, 120030,
+ *          120032, 120152) */
 VEPRA_API vepra_error_t *vepra_img_write_tiff(const char *path,
                                               const vepra_img_t *img)
     VEPRA_NOTHROW;
@@ -195,7 +227,14 @@ VEPRA_API vepra_error_t *vepra_img_write_tiff(const char *path,
  *  or cols 0 nothing is read from arr (it may be null) and the file has a
  *  valid directory of that size and no samples. Errors, wrapped by
  *  "Cannot convert double array to TIFF image.": 120020 (null arr or row),
- *  120030, 120032, 120152 (too large) and 120012 (allocation). */
+ *  120030, 120032, 120152 (too large) and 120012 (allocation).
+ *  @param path file to write; null fails with 120030
+ *  @param arr row pointers of the matrix; may be null when rows or cols
+ *         is 0
+ *  @param rows number of rows (image height)
+ *  @param cols number of columns (image width)
+ *  @return null on success, or the error chain (codes 120020, 120030,
+ *          120032, 120152, 120012) */
 VEPRA_API vepra_error_t *vepra_img_darr_to_tiff(const char *path,
                                                 double **arr, unsigned rows,
                                                 unsigned cols) VEPRA_NOTHROW;
@@ -219,15 +258,24 @@ VEPRA_API vepra_error_t *vepra_img_darr_to_tiff(const char *path,
  *  record is accepted, even if the allocation then fails; *hist receives a
  *  new array of *nbins counters that the caller releases with
  *  vepra_mem_free(). Errors, wrapped by "Cannot create histogram of an
- *  image.": the code-0 record checks above, 120012 (allocation). */
+ *  image.": the code-0 record checks above, 120012 (allocation).
+ *  @param img grayscale image
+ *  @param[out] nbins receives the number of bins, 256 or 65536
+ *  @param[out] hist receives the counters (null when the allocation fails)
+ *  @return null on success, or the error chain (codes 0, 120012) */
 VEPRA_API vepra_error_t *vepra_img_histogram(const vepra_img_t *img,
                                              size_t *nbins, uint64_t **hist)
     VEPRA_NOTHROW;
 /** Shannon entropy of the sample values in bits (-sum p log2 p over the
  *  occupied values), between 0 and the depth; 0 for an image without
- *  pixels. Allocates nothing for images of up to 4294967295 pixels.
- *  Errors, wrapped by "Can't calculate entropy for an image.": the code-0
- *  record checks above. */
+ *  pixels. Only an 8-bit image of up to 4294967295 pixels is measured
+ *  without allocating; a 16-bit image, or a larger one, takes a counter
+ *  table from vepra_mem (65536 entries at 16 bits). Errors, wrapped by "Can't
+ *  calculate entropy for an image.": the code-0 record checks above,
+ *  120012 (the counter table).
+ *  @param img grayscale image
+ *  @param[out] entropy receives the entropy in bits per pixel
+ *  @return null on success, or the error chain (codes 0, 120012) */
 VEPRA_API vepra_error_t *vepra_img_entropy(const vepra_img_t *img,
                                            double *entropy) VEPRA_NOTHROW;
 /** Automatic threshold of a histogram of nbins counters by the iterative
@@ -236,14 +284,20 @@ VEPRA_API vepra_error_t *vepra_img_entropy(const vepra_img_t *img,
  *  index + 2 does not exceed the mean of the two class means. Both end bins
  *  take part, and the result is that mean of means, not rounded. A
  *  histogram with fewer than two occupied bins gives nbins / 2. Cannot
- *  fail; a null hist is treated as empty. */
+ *  fail; a null hist is treated as empty.
+ *  @param nbins number of counters in hist
+ *  @param hist the counters, as vepra_img_histogram() gives them, or null
+ *  @return the threshold, as a bin index that may have a fraction */
 VEPRA_API double vepra_img_thres_IJ(size_t nbins, const uint64_t *hist)
     VEPRA_NOTHROW;
 /** Writes into mask (at least height rows of width doubles, owned by the
  *  caller) 0.0 for each white pixel (sample 0 under WhiteIsZero, the full
  *  scale 255 or 65535 under BlackIsZero) and 1.0 for every other one.
  *  Errors, wrapped by "Cannot provide image data mask.": the code-0 record
- *  checks above. */
+ *  checks above.
+ *  @param img grayscale image
+ *  @param[out] mask rows of the caller's matrix, mask[r][c] for pixel (r, c)
+ *  @return null on success, or the error chain (code 0) */
 VEPRA_API vepra_error_t *vepra_img_data_dmask(const vepra_img_t *img,
                                               double **mask) VEPRA_NOTHROW;
 /** Writes into psl the photo-stimulated luminescence of each pixel as a
@@ -253,7 +307,13 @@ VEPRA_API vepra_error_t *vepra_img_data_dmask(const vepra_img_t *img,
  *  G - sample under BlackIsZero). pixel_size is in micrometres, latitude
  *  in decades. A sensitivity of 0 gives infinities, not an error. Errors,
  *  wrapped by "Can't calculate Fuji relative intensity.": the code-0
- *  record checks above. */
+ *  record checks above.
+ *  @param img grayscale image
+ *  @param[out] psl rows of the caller's matrix of height x width doubles
+ *  @param pixel_size scanner pixel size in micrometres
+ *  @param sensitivity scanner sensitivity setting
+ *  @param latitude scanner latitude in decades
+ *  @return null on success, or the error chain (code 0) */
 VEPRA_API vepra_error_t *vepra_img_calc_fujiri(const vepra_img_t *img,
                                                double **psl,
                                                double pixel_size,
@@ -265,7 +325,11 @@ VEPRA_API vepra_error_t *vepra_img_calc_fujiri(const vepra_img_t *img,
  *  below the full scale G; a sample equal to G receives saturated under
  *  both interpretations (so a white BlackIsZero pixel gets saturated, and a
  *  black one, s = 0, gets +infinity). Errors, wrapped by "Can't calculate
- *  optical intensity.": the code-0 record checks above. */
+ *  optical intensity.": the code-0 record checks above.
+ *  @param img grayscale image
+ *  @param[out] density rows of the caller's matrix of height x width doubles
+ *  @param saturated value stored for samples at the full scale
+ *  @return null on success, or the error chain (code 0) */
 VEPRA_API vepra_error_t *vepra_img_calc_density(const vepra_img_t *img,
                                                 double **density,
                                                 double saturated)
@@ -293,54 +357,122 @@ VEPRA_API vepra_error_t *vepra_img_calc_density(const vepra_img_t *img,
  *  @{ */
 /** Receives one pixel (x, y) of a shape with its coverage weight; data is
  *  the caller's pointer. Returns null to go on, or an error chain that
- *  stops the drawing and is handed back to the caller. */
+ *  stops the drawing and is handed back to the caller.
+ *  @param x column of the pixel
+ *  @param y row of the pixel
+ *  @param data the pointer given to the drawing function
+ *  @param weight coverage of the pixel, about 0 to 1
+ *  @return null to go on, or an error chain that ends the drawing */
 typedef vepra_error_t *(*vepra_img_pixel_fn)(int x, int y, void *data,
                                               double weight);
-/** Circle of radius r about (xm, ym), weight 1.0 (Bresenham). */
+/** Circle of radius r about (xm, ym), weight 1.0 (Bresenham).
+ *  @param xm column of the centre
+ *  @param ym row of the centre
+ *  @param r radius in pixels
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_circle(int xm, int ym, int r,
                                           vepra_img_pixel_fn fn, void *data)
     VEPRA_NOTHROW;
-/** Antialiased circle of radius r about (xm, ym). */
+/** Antialiased circle of radius r about (xm, ym).
+ *  @param xm column of the centre
+ *  @param ym row of the centre
+ *  @param r radius in pixels
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_circle_aa(int xm, int ym, int r,
                                              vepra_img_pixel_fn fn, void *data)
     VEPRA_NOTHROW;
 /** Antialiased circle with a stroke of the given width centred on radius
  *  r: the ellipse of vepra_img_ellipser_waa() in the square grown by
  *  round(width) / 2 on every side. A width below 1.5 draws the thin
- *  antialiased circle; a non-finite or negative width counts as 0. */
+ *  antialiased circle; a non-finite or negative width counts as 0.
+ *  @param xm column of the centre
+ *  @param ym row of the centre
+ *  @param r radius in pixels, the middle of the stroke
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @param width stroke width in pixels
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_circle_waa(int xm, int ym, int r,
                                               vepra_img_pixel_fn fn,
                                               void *data, double width)
     VEPRA_NOTHROW;
 /** Ellipse with semi-axes a (along x) and b (along y) about (xm, ym),
- *  weight 1.0; flat ellipses get their tips completed along the column xm. */
+ *  weight 1.0; flat ellipses get their tips completed along the column xm.
+ *  @param xm column of the centre
+ *  @param ym row of the centre
+ *  @param a semi-axis along x in pixels
+ *  @param b semi-axis along y in pixels
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_ellipse(int xm, int ym, int a, int b,
                                            vepra_img_pixel_fn fn, void *data)
     VEPRA_NOTHROW;
 /** Ellipse inscribed in the rectangle of corners (x0, y0) and (x1, y1),
- *  weight 1.0; even widths and heights are drawn exactly inside it. */
+ *  weight 1.0; even widths and heights are drawn exactly inside it.
+ *  @param x0 column of one corner
+ *  @param y0 row of one corner
+ *  @param x1 column of the opposite corner
+ *  @param y1 row of the opposite corner
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_ellipser(int x0, int y0, int x1, int y1,
                                             vepra_img_pixel_fn fn, void *data)
     VEPRA_NOTHROW;
 /** Antialiased ellipse about (xm, ym): vepra_img_ellipser_aa() of the
- *  rectangle (xm - a, ym - b, xm + a, ym + b). */
+ *  rectangle (xm - a, ym - b, xm + a, ym + b).
+ *  @param xm column of the centre
+ *  @param ym row of the centre
+ *  @param a semi-axis along x in pixels
+ *  @param b semi-axis along y in pixels
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_ellipse_aa(int xm, int ym, int a, int b,
                                               vepra_img_pixel_fn fn,
                                               void *data) VEPRA_NOTHROW;
 /** Antialiased ellipse inscribed in the rectangle of corners (x0, y0) and
- *  (x1, y1). */
+ *  (x1, y1).
+ *  @param x0 column of one corner
+ *  @param y0 row of one corner
+ *  @param x1 column of the opposite corner
+ *  @param y1 row of the opposite corner
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_ellipser_aa(int x0, int y0, int x1, int y1,
                                                vepra_img_pixel_fn fn,
                                                void *data) VEPRA_NOTHROW;
 /** Antialiased ellipse about (xm, ym) with a stroke of the given width
- *  centred on the semi-axes a and b (see vepra_img_circle_waa()). */
+ *  centred on the semi-axes a and b (see vepra_img_circle_waa()).
+ *  @param xm column of the centre
+ *  @param ym row of the centre
+ *  @param a semi-axis along x in pixels, the middle of the stroke
+ *  @param b semi-axis along y in pixels, the middle of the stroke
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @param width stroke width in pixels
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_ellipse_waa(int xm, int ym, int a, int b,
                                                vepra_img_pixel_fn fn,
                                                void *data, double width)
     VEPRA_NOTHROW;
 /** Antialiased ellipse in the rectangle of corners (x0, y0) and (x1, y1)
  *  with a stroke of the given width centred on it (the rectangle is grown
- *  by round(width) / 2 on every side). */
+ *  by round(width) / 2 on every side).
+ *  @param x0 column of one corner
+ *  @param y0 row of one corner
+ *  @param x1 column of the opposite corner
+ *  @param y1 row of the opposite corner
+ *  @param fn called for every pixel; not null
+ *  @param data handed to fn
+ *  @param width stroke width in pixels
+ *  @return null, or the chain fn returned */
 VEPRA_API vepra_error_t *vepra_img_ellipser_waa(int x0, int y0, int x1,
                                                 int y1, vepra_img_pixel_fn fn,
                                                 void *data, double width)
@@ -404,7 +536,12 @@ typedef struct vepra_img_measure_t {
  *  "Cannot measure image region.": the code-0 record checks of the
  *  measures, code 0 for a null roi, an unknown shape, non-finite
  *  coordinates, negative sizes or a ring that is not 0 <= inner < outer,
- *  and 120012 (the PSL table). out is untouched on failure. */
+ *  and 120012 (the PSL table). out is untouched on failure.
+ *  @param img grayscale image
+ *  @param roi the region and its ring
+ *  @param plate scanner parameters for the PSL sums, or null for none
+ *  @param[out] out receives the figures
+ *  @return null on success, or the error chain (codes 0, 120012) */
 VEPRA_API vepra_error_t *vepra_img_measure_roi(const vepra_img_t *img,
                                                const vepra_img_roi_t *roi,
                                                const vepra_img_plate_t *plate,

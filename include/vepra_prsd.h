@@ -68,15 +68,24 @@ typedef struct vepra_prsd_t {
  * A token still open at the end of the line is stored and its state kept.
  * Returns 0, or -1 when pool memory ran out (the token is then dropped);
  * a null rec, line or pool does nothing and returns 0.
+ *
+ * @param[in,out] rec parse record, cleared before the first line
+ * @param line text to parse, terminated by NUL
+ * @param separators characters that separate tokens; null or "" means none
+ * @param pool pool for the token array and the string copies
+ * @return 0 on success, -1 when pool memory ran out
  */
 VEPRA_API int vepra_prsd_parse_p(vepra_prsd_t *rec, const char *line,
                                  const char *separators, apr_pool_t *pool)
     VEPRA_NOTHROW;
 /** 1 when the last line ended with a backslash between tokens (the next
- *  line continues the record), else 0; 0 for null. */
+ *  line continues the record), else 0; 0 for null.
+ *  @param rec parse record, or null
+ *  @return 1 when the record continues on the next line, else 0 */
 VEPRA_API int vepra_prsd_incomplete(const vepra_prsd_t *rec) VEPRA_NOTHROW;
 /** Zeroes every field of rec (the token array stays in its pool); nothing
- *  for null. */
+ *  for null.
+ *  @param[out] rec parse record to reset */
 VEPRA_API void vepra_prsd_clear_p(vepra_prsd_t *rec) VEPRA_NOTHROW;
 
 VEPRA_END_DECL

@@ -82,38 +82,56 @@ enum vepra_ri_read_status {
 };
 
 /** Character reader: returns the next byte (0 to 255) or a
- *  vepra_ri_read_status value. Must not throw. */
+ *  vepra_ri_read_status value. Must not throw.
+ *  @param user the pointer given to vepra_ri_readline_set_reader()
+ *  @return the next byte, or a vepra_ri_read_status value */
 typedef int (*vepra_ri_reader_fn)(void *user);
 
 /** Makes a context in a new sub-pool of parent and stores it in *out.
  *  prompt (copied) may be null. Errors: a null out (APR's text for
  *  EINVAL) or a pool failure (APR's text), wrapped by "Can't initialize
- *  readline.". */
+ *  readline.".
+ *  @param[out] out receives the context, owned by its own pool; not null
+ *  @param prompt text printed before each line, or null for none
+ *  @param echo non-zero to print the prompt and the edited line
+ *  @param parent pool under which the context's pool is made
+ *  @return null on success, or the error chain (APR status codes, or
+ *          120012 when the history cannot be made) */
 VEPRA_API vepra_error_t *vepra_ri_readline_init(vepra_ri_readline_t **out,
                                                 const char *prompt,
                                                 uint32_t echo,
                                                 apr_pool_t *parent)
     VEPRA_NOTHROW;
 /** Destroys the context's pool, and with it the context, its line and its
- *  history. Null is ignored. */
+ *  history. Null is ignored.
+ *  @param rl context from vepra_ri_readline_init(), or null; invalid
+ *         afterwards */
 VEPRA_API void vepra_ri_readline_terminate(vepra_ri_readline_t *rl)
     VEPRA_NOTHROW;
 /** Adds a copy of s (in the context's pool) as the newest history entry.
  *  No duplicate check and no limit. Errors: 120051 for a null rl or s, or
  *  the list's failure, wrapped by "Readline: can't add string to
- *  history.". */
+ *  history.".
+ *  @param s line to add; copied
+ *  @param[in,out] rl context whose history grows
+ *  @return null on success, or the error chain (codes 120051, 120012) */
 VEPRA_API vepra_error_t *vepra_ri_readline_addhist(const char *s,
                                                    vepra_ri_readline_t *rl)
     VEPRA_NOTHROW;
 /** Moves through the history: direction 1 is older, anything else newer.
  *  The first move older saves the line being edited; moving newer past the
  *  newest entry brings it back. Returns 1 when the line buffer was
- *  replaced, 0 when there was nowhere to go (or rl is null). */
+ *  replaced, 0 when there was nowhere to go (or rl is null).
+ *  @param[in,out] rl context whose line buffer is replaced
+ *  @param direction 1 for an older entry, any other value for a newer one
+ *  @return 1 when the line changed, else 0 */
 VEPRA_API int vepra_ri_readline_hist(vepra_ri_readline_t *rl, int direction)
     VEPRA_NOTHROW;
 /** Replaces the line buffer by size zeroed bytes from line_pool holding as
  *  much of the old line as fits (size - 1 bytes at most; a size of 0 counts
- *  as 1). Nothing happens for a null rl or when the allocation fails. */
+ *  as 1). Nothing happens for a null rl or when the allocation fails.
+ *  @param[in,out] rl context whose line buffer is replaced
+ *  @param size bytes of the new buffer, terminating NUL included */
 VEPRA_API void vepra_ri_readline_growbuffer(vepra_ri_readline_t *rl,
                                             size_t size) VEPRA_NOTHROW;
 /**
@@ -135,25 +153,38 @@ VEPRA_API void vepra_ri_readline_growbuffer(vepra_ri_readline_t *rl,
  * call (or Ctrl-D on an empty line); 120132 for a read error or a
  * terminal that cannot be switched to raw mode; 120012 when the line
  * buffer cannot grow.
+ *
+ * @param unused ignored; pass null
+ * @param[in,out] rl context from vepra_ri_readline_init()
+ * @return null when a line was read, or the error chain (codes 120131, 120132,
+ *         120133, 120012)
  */
 VEPRA_API vepra_error_t *vepra_ri_readline(void *unused,
                                            vepra_ri_readline_t *rl)
     VEPRA_NOTHROW;
 /** Sets the context's character reader, whose bytes go through the line
- *  editor; a null reader removes it. Null rl is ignored. */
+ *  editor; a null reader removes it. Null rl is ignored.
+ *  @param[in,out] rl context to read for
+ *  @param reader function giving the bytes, or null
+ *  @param user handed to every call of reader; not owned */
 VEPRA_API void vepra_ri_readline_set_reader(vepra_ri_readline_t *rl,
                                             vepra_ri_reader_fn reader,
                                             void *user) VEPRA_NOTHROW;
 /** Reads plain lines from stream (a file or a pipe, not owned): every byte
  *  up to a newline, without editing; NUL bytes are dropped. A null stream
- *  removes the reader. */
+ *  removes the reader.
+ *  @param[in,out] rl context to read for; null is ignored
+ *  @param stream open stream to read from, or null */
 VEPRA_API void vepra_ri_readline_set_stream(vepra_ri_readline_t *rl,
                                             FILE *stream) VEPRA_NOTHROW;
 /** Reads from the file descriptor fd (not owned). When fd is a terminal,
  *  each vepra_ri_readline() puts it into raw mode, edits the line and
  *  restores the terminal's settings before returning, whatever the
  *  outcome; otherwise lines are read plainly as by
- *  vepra_ri_readline_set_stream(). */
+ *  vepra_ri_readline_set_stream().
+ *  @param[in,out] rl context to read for; null is ignored
+ *  @param fd open descriptor to read from; a negative one removes the
+ *         reader */
 VEPRA_API void vepra_ri_readline_set_terminal(vepra_ri_readline_t *rl,
                                               int fd) VEPRA_NOTHROW;
 

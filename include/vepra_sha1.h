@@ -24,19 +24,28 @@ typedef struct vepra_sha1_ctx_t {
   unsigned char block[64];   /**< the incomplete block */
 } vepra_sha1_ctx_t;
 
-/** Starts a new digest in ctx; nothing for null. */
+/** Starts a new digest in ctx; nothing for null.
+ *  @param[out] ctx state to (re)initialise; any previous content is lost */
 VEPRA_API void vepra_sha1_init(vepra_sha1_ctx_t *ctx) VEPRA_NOTHROW;
 /** Adds length bytes of data to the digest; the input may be split at any
- *  point. Nothing for a null ctx, or a null data. */
+ *  point. Nothing for a null ctx, or a null data.
+ *  @param[in,out] ctx state started by vepra_sha1_init()
+ *  @param data bytes to add; not kept after the call
+ *  @param length number of bytes of data; 0 adds nothing */
 VEPRA_API void vepra_sha1_update(vepra_sha1_ctx_t *ctx, const void *data,
                                  size_t length) VEPRA_NOTHROW;
 /** Writes the 20-byte digest of everything added to digest and starts ctx
- *  anew. Nothing for a null ctx or digest. */
+ *  anew. Nothing for a null ctx or digest.
+ *  @param[in,out] ctx state to finish; left ready for a new digest
+ *  @param[out] digest caller's buffer of VEPRA_SHA1_DIGEST_LENGTH bytes */
 VEPRA_API void vepra_sha1_final(vepra_sha1_ctx_t *ctx,
                                 unsigned char digest[VEPRA_SHA1_DIGEST_LENGTH])
     VEPRA_NOTHROW;
 /** The 20-byte digest of length bytes of data (null data hashes nothing)
- *  into digest; nothing for a null digest. */
+ *  into digest; nothing for a null digest.
+ *  @param data bytes to hash, or null for the empty message
+ *  @param length number of bytes of data
+ *  @param[out] digest caller's buffer of VEPRA_SHA1_DIGEST_LENGTH bytes */
 VEPRA_API void vepra_sha1(const void *data, size_t length,
                           unsigned char digest[VEPRA_SHA1_DIGEST_LENGTH])
     VEPRA_NOTHROW;

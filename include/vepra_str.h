@@ -19,21 +19,43 @@ VEPRA_BEGIN_DECL
 /** @name Bounded copies and formatting
  *  @{ */
 /** BSD strlcpy: copies at most size-1 bytes and terminates when size > 0.
- *  Returns strlen(src); a result >= size means the copy was cut. */
+ *  Returns strlen(src); a result >= size means the copy was cut.
+ *  @param[out] dst buffer of size bytes; may be null when size is 0
+ *  @param src text to copy; not null
+ *  @param size bytes of dst
+ *  @return strlen(src) */
 VEPRA_API size_t vepra_str_strlcpy(char *dst, const char *src, size_t size)
     VEPRA_NOTHROW;
 /** BSD strlcat: appends src within size bytes. Returns the length it tried
- *  to build (size + strlen(src) when dst has no terminator within size). */
+ *  to build (size + strlen(src) when dst has no terminator within size).
+ *  @param[in,out] dst text in a buffer of size bytes; not null
+ *  @param src text to append; not null
+ *  @param size bytes of dst
+ *  @return the length of the untruncated result */
 VEPRA_API size_t vepra_str_strlcat(char *dst, const char *src, size_t size)
     VEPRA_NOTHROW;
 /** snprintf into buf; returns the full length, negative on a format
- *  error. */
+ *  error.
+ *  @param[out] buf buffer of size bytes; may be null when size is 0
+ *  @param size bytes of buf
+ *  @param format printf-style format
+ *  @param ... arguments of format
+ *  @return length of the full text, not counting the terminator */
 VEPRA_API int vepra_str_snprintf(char *buf, size_t size, const char *format,
                                  ...) VEPRA_NOTHROW VEPRA_PRINTF(3, 4);
-/** Formats into a new string of pool; null on failure. */
+/** Formats into a new string of pool; null on failure.
+ *  @param pool pool that owns the result; not null
+ *  @param format printf-style format
+ *  @param ... arguments of format
+ *  @return the text in pool, or null on a format error or when the pool
+ *          cannot give the memory */
 VEPRA_API char *vepra_str_psprintf(apr_pool_t *pool, const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 3);
-/** va_list form of vepra_str_psprintf(). */
+/** va_list form of vepra_str_psprintf().
+ *  @param pool pool that owns the result; not null
+ *  @param format printf-style format
+ *  @param ap arguments of format
+ *  @return the text in pool, or null on failure */
 VEPRA_API char *vepra_str_pvsprintf(apr_pool_t *pool, const char *format,
                                     va_list ap) VEPRA_NOTHROW
     VEPRA_PRINTF(2, 0);
@@ -45,19 +67,30 @@ VEPRA_API char *vepra_str_pvsprintf(apr_pool_t *pool, const char *format,
  *  "Cannot convert string '<s>' to double|integer|int64", followed by ": "
  *  and the system's text for errno when the conversion set errno.
  *  @{ */
-/** strtod of the whole string into *out. Errors: 120063. */
+/** strtod of the whole string into *out. Errors: 120063.
+ *  @param s text to convert; null fails
+ *  @param[out] out receives the value; may be null to only check s
+ *  @return null on success, or the error (code 120063) */
 VEPRA_API vepra_error_t *vepra_str_to_double(const char *s, double *out)
     VEPRA_NOTHROW;
 /** strtol of the whole string; stores the low 32 bits of the long result
  *  (a value that fits a long but not an int is truncated, not refused).
- *  Errors: 120062. */
+ *  Errors: 120062.
+ *  @param s text to convert; null fails
+ *  @param[out] out receives the value; may be null to only check s
+ *  @return null on success, or the error (code 120062) */
 VEPRA_API vepra_error_t *vepra_str_to_integer(const char *s, int *out)
     VEPRA_NOTHROW;
-/** strtoll of the whole string into *out. Errors: 120062. */
+/** strtoll of the whole string into *out. Errors: 120062.
+ *  @param s text to convert; null fails
+ *  @param[out] out receives the value; may be null to only check s
+ *  @return null on success, or the error (code 120062) */
 VEPRA_API vepra_error_t *vepra_str_to_int64(const char *s, int64_t *out)
     VEPRA_NOTHROW;
 /** 1 when s is an optional '+' or '-' followed by one or more decimal
- *  digits and nothing else, else 0 (null gives 0). No range check. */
+ *  digits and nothing else, else 0 (null gives 0). No range check.
+ *  @param s text to check, or null
+ *  @return 1 for an integer, else 0 */
 VEPRA_API int vepra_str_is_integer(const char *s) VEPRA_NOTHROW;
 /** @} */
 
@@ -66,31 +99,52 @@ VEPRA_API int vepra_str_is_integer(const char *s) VEPRA_NOTHROW;
 /** ASCII case-insensitive comparison: the difference of the first
  *  differing bytes after folding 'A'..'Z' to lower case, each taken as a
  *  signed char (bytes from 0x80 sort below ASCII); 0 when equal. A null
- *  string compares as the empty string. */
+ *  string compares as the empty string.
+ *  @param a first text, or null
+ *  @param b second text, or null
+ *  @return negative, 0 or positive as a sorts before, with or after b */
 VEPRA_API int vepra_str_stricmp(const char *a, const char *b) VEPRA_NOTHROW;
-/** Bytes before the terminator; 0 for null. */
+/** Bytes before the terminator; 0 for null.
+ *  @param s text, or null
+ *  @return length in bytes */
 VEPRA_API size_t vepra_str_len(const char *s) VEPRA_NOTHROW;
 /** Number of UTF-8 characters: every byte that is not a continuation byte
- *  (10xxxxxx) counts; sequences are not validated. 0 for null. */
+ *  (10xxxxxx) counts; sequences are not validated. 0 for null.
+ *  @param s UTF-8 text, or null
+ *  @return length in characters */
 VEPRA_API size_t vepra_str_utf8_len(const char *s) VEPRA_NOTHROW;
 /** Removes leading and trailing white space (isspace) in place and
- *  returns s; null and "" are returned untouched. */
+ *  returns s; null and "" are returned untouched.
+ *  @param[in,out] s text to trim, or null
+ *  @return s */
 VEPRA_API char *vepra_str_trim(char *s) VEPRA_NOTHROW;
 /** A new string (free() it) with every non-overlapping occurrence of from,
  *  scanned left to right, replaced by to; replacement text is never
  *  searched again. A null or empty from, or a null to, gives a plain copy.
- *  Null when s is null or memory runs out. Linear in the length. */
+ *  Null when s is null or memory runs out. Linear in the length.
+ *  @param s text to search, or null
+ *  @param from text to replace, or null
+ *  @param to replacement text, or null
+ *  @return the new text, owned by the caller, or null */
 VEPRA_API char *vepra_str_replace_all(const char *s, const char *from,
                                       const char *to) VEPRA_NOTHROW;
 /** A new string (free() it) with the first occurrence of from replaced by
  *  to (an empty from inserts to at the start). A plain copy when from does
  *  not occur or from or to is null; null when s is null or memory runs
- *  out. */
+ *  out.
+ *  @param s text to search, or null
+ *  @param from text to replace, or null
+ *  @param to replacement text, or null
+ *  @return the new text, owned by the caller, or null */
 VEPRA_API char *vepra_str_replace(const char *s, const char *from,
                                   const char *to) VEPRA_NOTHROW;
 /** Replaces the byte c by r in place, each search going on from the
  *  replaced position (so with r == 0 only the first c is replaced). Does
- *  nothing when c is 0 or r equals c. Returns s. */
+ *  nothing when c is 0 or r equals c. Returns s.
+ *  @param[in,out] s text to change, or null
+ *  @param c byte to replace
+ *  @param r replacement byte
+ *  @return s */
 VEPRA_API char *vepra_str_replace_char(char *s, char c, char r)
     VEPRA_NOTHROW;
 /** @} */
@@ -99,10 +153,18 @@ VEPRA_API char *vepra_str_replace_char(char *s, char c, char r)
  *  @{ */
 /** Formats into a new block stored in *out (free() it). Returns the number
  *  of characters written, or -1 (and *out untouched) on a format error or
- *  when memory runs out. */
+ *  when memory runs out.
+ *  @param[out] out receives the text; not null (null returns -1)
+ *  @param format printf-style format; null returns -1
+ *  @param ... arguments of format
+ *  @return length of the text, or -1 */
 VEPRA_API int vepra_str_asprintf(char **out, const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 3);
-/** va_list form of vepra_str_asprintf(). */
+/** va_list form of vepra_str_asprintf().
+ *  @param[out] out receives the text; not null (null returns -1)
+ *  @param format printf-style format; null returns -1
+ *  @param ap arguments of format
+ *  @return length of the text, or -1 */
 VEPRA_API int vepra_str_vasprintf(char **out, const char *format, va_list ap)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 0);
 /** @} */
@@ -132,6 +194,15 @@ VEPRA_API int vepra_str_vasprintf(char **out, const char *format, va_list ap)
  *
  * Errors: 120064 `\x` or `\u` without a hex digit; code 0 without message
  * when UTF-8 output does not fit; 120020 when size is null.
+ *
+ * @param[out] dst output buffer of *size bytes, or null to measure
+ * @param[in,out] size bytes of dst (0 for no limit when measuring UTF-8
+ *        output); receives the result's length plus one
+ * @param src escaped text, or null for none
+ * @param len bytes of src
+ * @param wide non-zero for 16-bit little-endian output
+ * @param table non-zero to map plain bytes through UniCode in wide mode
+ * @return null on success, or the error (codes 120064, 0, 120020)
  */
 VEPRA_API vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size,
                                                 const char *src,
@@ -145,6 +216,12 @@ VEPRA_API vepra_error_t *vepra_str_escape_parse(char *dst, size_t *size,
  * otherwise the output is terminated where it stands, *size becomes the
  * bytes written plus one and the call fails with 120066. Without dst the
  * full size is stored. Errors: 120066; 120020 when size is null.
+ *
+ * @param[out] dst output buffer of *size bytes, or null to measure
+ * @param[in,out] size bytes of dst; receives the result's length plus one
+ * @param src bytes to escape, or null for none
+ * @param len bytes of src
+ * @return null on success, or the error (codes 120066, 120020)
  */
 VEPRA_API vepra_error_t *vepra_str_escape_unparse(char *dst, size_t *size,
                                                   const char *src,
@@ -158,7 +235,12 @@ VEPRA_API vepra_error_t *vepra_str_escape_unparse(char *dst, size_t *size,
 /** Writes value in base (2..62) into buf with the strlcpy contract (at
  *  most size-1 characters, terminated when size > 0; buf may be null with
  *  size 0) and returns the length of the full text, sign included. A base
- *  outside 2..62 returns 0 and writes nothing. */
+ *  outside 2..62 returns 0 and writes nothing.
+ *  @param value number to write
+ *  @param base radix, 2 to 62
+ *  @param[out] buf buffer of size bytes, or null when size is 0
+ *  @param size bytes of buf
+ *  @return length of the full text, or 0 for a bad base */
 VEPRA_API int vepra_str_int64_to_base62(int64_t value, int base, char *buf,
                                         size_t size) VEPRA_NOTHROW;
 /**
@@ -171,6 +253,12 @@ VEPRA_API int vepra_str_int64_to_base62(int64_t value, int base, char *buf,
  * 2..62 reads no digit.
  * Errors: 120062 "'<s>' does not fit into 64-bit signed integer." on
  * overflow, with INT64_MAX or INT64_MIN stored and end set as usual.
+ *
+ * @param s text to read; null stores 0 and a null end and succeeds
+ * @param[out] end receives the position after the number, or null
+ * @param base radix: 0 to detect, or 2 to 62
+ * @param[out] out receives the value, or null
+ * @return null on success, or the error (code 120062)
  */
 VEPRA_API vepra_error_t *vepra_str_base62_to_int64(const char *s, char **end,
                                                    int base, int64_t *out)
@@ -196,16 +284,34 @@ VEPRA_API extern uint16_t UniCode[256];
  *  Same contract as the system's vsnprintf, snprintf, vasprintf and
  *  asprintf (the asprintf results are freed with free()).
  *  @{ */
-/** vsnprintf(): formats into buf[0..size); returns the full length. */
+/** vsnprintf(): formats into buf[0..size); returns the full length.
+ *  @param[out] buf buffer of size bytes; may be null when size is 0
+ *  @param size bytes of buf
+ *  @param format printf-style format
+ *  @param ap arguments of format
+ *  @return length of the full text, negative on a format error */
 VEPRA_API int rpl_vsnprintf(char *buf, size_t size, const char *format,
                             va_list ap) VEPRA_NOTHROW VEPRA_PRINTF(3, 0);
-/** snprintf(): formats into buf[0..size); returns the full length. */
+/** snprintf(): formats into buf[0..size); returns the full length.
+ *  @param[out] buf buffer of size bytes; may be null when size is 0
+ *  @param size bytes of buf
+ *  @param format printf-style format
+ *  @param ... arguments of format
+ *  @return length of the full text, negative on a format error */
 VEPRA_API int rpl_snprintf(char *buf, size_t size, const char *format, ...)
     VEPRA_NOTHROW VEPRA_PRINTF(3, 4);
-/** vasprintf(): formats into new memory in *out; returns the length or -1. */
+/** vasprintf(): formats into new memory in *out; returns the length or -1.
+ *  @param[out] out receives the text, owned by the caller
+ *  @param format printf-style format
+ *  @param ap arguments of format
+ *  @return length of the text, or -1 */
 VEPRA_API int rpl_vasprintf(char **out, const char *format, va_list ap)
     VEPRA_NOTHROW VEPRA_PRINTF(2, 0);
-/** asprintf(): formats into new memory in *out; returns the length or -1. */
+/** asprintf(): formats into new memory in *out; returns the length or -1.
+ *  @param[out] out receives the text, owned by the caller
+ *  @param format printf-style format
+ *  @param ... arguments of format
+ *  @return length of the text, or -1 */
 VEPRA_API int rpl_asprintf(char **out, const char *format, ...) VEPRA_NOTHROW
     VEPRA_PRINTF(2, 3);
 /** @} */
