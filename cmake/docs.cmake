@@ -1,10 +1,10 @@
 # The docs target: an HTML reference of the public headers made with
 # Doxygen (build/docs/html/index.html). Any warning fails it, so a public
-# name without its comment breaks the build of the reference.
+# name, parameter or return value without its comment breaks the build of
+# the reference.
 find_package(Doxygen QUIET)
 if(DOXYGEN_FOUND)
   set(VEPRA_DOCS_DIR ${PROJECT_BINARY_DIR}/docs)
-  set(VEPRA_DOCS_PARAMDOC NO)
   configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in
                  ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
   file(GLOB _doc_inputs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h
