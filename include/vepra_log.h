@@ -30,8 +30,10 @@ typedef struct vepra_log_t {
  *  by "Can't open file '%s'" when the file cannot be opened (*log is then
  *  already set, to a record without file: writing to it is reported on
  *  stderr, terminating it does nothing).
- *  @param[out] log receives the record, owned by its pool; not null
- *  @param filename path of the file; not null
+ *  @param[out] log receives the record, owned by its pool; null gives
+ *         code 0 with APR's text for EINVAL, and nothing is made
+ *  @param filename path of the file; null fails as a file that cannot be
+ *         opened, with the name "(null)"
  *  @param parent pool under which the log's pool is made
  *  @return null on success, or the error chain (codes 0, 120012) */
 VEPRA_API vepra_error_t *vepra_log_create(vepra_log_t **log,
