@@ -111,18 +111,16 @@ TEST_F(CdlTest, RandomOperationsMatchSlotModel) {
       for (bool fl : {false, true}) {
         const Ids &order = fl ? in_order : around_order;
         auto hit = std::find_if(order.begin(), order.end(), [](int v) { return v % 3 == 0; });
-        void *first3 = hit == order.end() ? nullptr : id(*hit);
-        Ids seen, upto(order.begin(), hit == order.end() ? hit : hit + 1);
+        const bool found = hit != order.end();
+        void *first3 = found ? id(*hit) : nullptr;
+        Ids seen;
         (fl ? vepra_cdl_flwalk : vepra_cdl_walk)(list, record, &seen);
         EXPECT_EQ(seen, order);
-        seen.clear();
-        auto stop = [](uint32_t, void *data, void *user) {
-          record(0, data, user);
-          return third(data) ? VepraDLlistStopWalking : nullptr;
-        };
-        EXPECT_EQ((fl ? vepra_cdl_flwalk_err_first : vepra_cdl_walk_err_first)(list, stop, &seen),
-                  first3 != nullptr ? VepraDLlistStopWalking : nullptr);
-        EXPECT_EQ(seen, upto);
+        FailOn stop{found ? *hit : -1, VepraDLlistStopWalking};
+        EXPECT_EQ(
+            (fl ? vepra_cdl_flwalk_err_first : vepra_cdl_walk_err_first)(list, fail_on<>, &stop),
+            found ? stop.error : nullptr);
+        EXPECT_EQ(stop.seen, Ids(order.begin(), found ? hit + 1 : hit));
         auto take = [](uint32_t, void *data, void *, void **out) -> vepra_error_t * {
           if (third(data)) *out = data;
           return nullptr;

@@ -1,5 +1,5 @@
 // Doubly linked lists: both flavours against a vector model, then what the
-// model leaves out (walk stops, sorting against std::sort, failures, bad input).
+// model leaves out (stop rules, sorting against std::sort, failures, bad input).
 #include <algorithm>
 #include <array>
 #include <random>
@@ -62,11 +62,6 @@ class DlFlavourTest : public DlTest, public ::testing::WithParamInterface<bool> 
       if (heap()) vepra_dlm_delete(n);
     }
   }
-  vepra_dl_t *build(std::initializer_list<int> ids) {
-    vepra_dl_t *l = nullptr;
-    for (int k : ids) EXPECT_EQ(add(kAppend, &l, static_cast<uint32_t>(k * 10), k), nullptr);
-    return l;
-  }
 };
 
 INSTANTIATE_TEST_SUITE_P(Flavours, DlFlavourTest, ::testing::Values(false, true),
@@ -97,8 +92,19 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
         model.insert(model.begin() + static_cast<long>(at), {k, tag});
       } else if (op == 5 && !model.empty()) {  // delete by data, sometimes a missing one
         int victim = rng() % 4 == 0 ? -5 : model[pick(model.size())].id;
-        heap() ? vepra_dlm_delete_obj(&list, id(victim)) : vepra_dl_delete_obj(&list, id(victim));
         size_t at = where(victim);
+        // Pool lists also through the callback forms, whose error comes back as is.
+        unsigned form = heap() ? 0 : rng() % 3;
+        FailOn fail{victim, form == 2 ? user_error(125996, "no") : nullptr};
+        if (form == 0)
+          heap() ? vepra_dlm_delete_obj(&list, id(victim)) : vepra_dl_delete_obj(&list, id(victim));
+        else if (form == 1)
+          vepra_dl_delete_obj_func(&list, id(victim), record, &fail.seen);
+        else
+          EXPECT_EQ(vepra_dl_delete_obj_errfunc(&list, id(victim), fail_on, &fail),
+                    at < model.size() ? fail.error : nullptr);
+        vepra_error_clear(fail.error);
+        EXPECT_EQ(fail.seen, form == 0 || at == model.size() ? Ids{} : Ids{victim});
         if (at < model.size()) {
           if (victim == handle)
             handle = at + 1 < model.size() ? model[at + 1].id : at > 0 ? model[at - 1].id : -1;
@@ -112,15 +118,20 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
         size_t at = pick(model.size());
         if (model[at].id == handle) continue;
         vepra_dl_t *node = vepra_dl_get_n(list, at);
-        if (rng() % 2 == 0) {
-          Ids seen;
-          heap() ? vepra_dlm_delete_func(node, record, &seen)
-                 : vepra_dl_delete_func(node, record, &seen);
-          EXPECT_EQ(seen, Ids{model[at].id});
-        } else {
+        FailOn fail{model[at].id, user_error(125995, "kept")};
+        unsigned form = rng() % 3;
+        if (form == 0) {
+          heap() ? vepra_dlm_delete_func(node, record, &fail.seen)
+                 : vepra_dl_delete_func(node, record, &fail.seen);
+        } else if (form == 1) {
           ASSERT_EQ(vepra_dl_extract(node), node);
-          release({node});
+          fail.seen = {model[at].id};
+        } else {
+          EXPECT_EQ(vepra_dl_delete_errfunc(node, fail_on, &fail), fail.error);
         }
+        if (form != 0) release({node});
+        vepra_error_clear(fail.error);
+        EXPECT_EQ(fail.seen, Ids{model[at].id});
         model.erase(model.begin() + static_cast<long>(at));
       } else if (op == 8 && !model.empty()) {
         size_t a = pick(model.size()), b = pick(model.size());
@@ -161,52 +172,38 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
       }
       EXPECT_EQ(vepra_dl_get_n(list, model.size()), nullptr);
     }
-    // Destruction: the handle's predecessors backwards, then forwards from it.
+    // Destruction: the handle's predecessors backwards, then forwards from
+    // it. Pool lists stop at a failing node, the handle on the node after it
+    // (or kept, when the failure comes before it), then are destroyed whole.
     Ids expect, seen;
-    for (size_t i = where(handle); i-- > 0;) expect.push_back(model[i].id);
-    for (size_t i = where(handle); i < model.size(); ++i) expect.push_back(model[i].id);
-    heap() ? vepra_dlm_destroy_func(&list, record, &seen)
-           : vepra_dl_destroy_func(&list, record, &seen);
-    EXPECT_EQ(seen, expect);
+    const size_t h = where(handle);
+    for (size_t i = h; i-- > 0;) expect.push_back(model[i].id);
+    for (size_t i = h; i < model.size(); ++i) expect.push_back(model[i].id);
+    if (!heap() && !model.empty()) {
+      const size_t fail_at = pick(model.size());
+      FailOn fail{expect[fail_at], user_error(125999, "callback failed")};
+      EXPECT_EQ(take_printed(vepra_dl_destroy_errfunc(&list, fail_on, &fail)),
+                "Error(125999): Error while destroy DL List. \nError(125999): callback failed ");
+      EXPECT_EQ(fail.seen, Ids(expect.begin(), expect.begin() + static_cast<long>(fail_at) + 1));
+      // Unlinking the failing node joins its neighbours: a failure before
+      // the handle leaves the nodes further back in the chain.
+      const size_t failed = where(expect[fail_at]);
+      Items left;
+      for (size_t i = 0; i < model.size(); ++i)
+        if (fail_at < h ? i < failed || i >= h : i > failed) left.push_back(model[i]);
+      EXPECT_EQ(read_chain(list), left);
+      EXPECT_EQ(list == nullptr ? -1 : id_of(list->data), left.empty()  ? -1
+                                                          : fail_at < h ? handle
+                                                                        : left.front().id);
+    }
+    heap() ? vepra_dlm_destroy_func(&list, record, &seen) : vepra_dl_destroy(&list);
+    EXPECT_EQ(seen, heap() ? expect : Ids{});
     EXPECT_EQ(list, nullptr);
   }
 }
 
-TEST_F(DlTest, ErrfuncFormsStopAtTheFirstError) {
-  // Destruction failing before the handle leaves it; after, the next node.
-  const struct {
-    int fail_on;
-    Ids seen;
-    Items left;
-  } cases[] = {{1, {2, 1}, {{3, 0}, {4, 0}, {5, 0}}}, {4, {2, 1, 3, 4}, {{5, 0}}}};
-  for (const auto &c : cases) {
-    vepra_dl_t *list = nullptr, *nodes[6] = {};
-    for (int k = 1; k <= 5; ++k)
-      ASSERT_EQ(vepra_dl_append(&list, 0, id(k), &nodes[k], pool_), nullptr);
-    list = nodes[3];
-    FailOn fail{c.fail_on, user_error(125999, "callback failed")};
-    EXPECT_EQ(take_printed(vepra_dl_destroy_errfunc(&list, fail_on, &fail)),
-              "Error(125999): Error while destroy DL List. \nError(125999): callback failed ");
-    EXPECT_EQ(fail.seen, c.seen);
-    EXPECT_EQ(list, nodes[c.left.front().id]);
-    EXPECT_EQ(read_chain(list), c.left);
-    EXPECT_EQ(vepra_dl_count(nodes[1]) + vepra_dl_count(nodes[2]), 2u);
-  }
-  // Deletion by node or by data: the node is unlinked, the error comes back as is.
-  vepra_dl_t *list = nullptr, *second = nullptr;
-  ASSERT_EQ(vepra_dl_append(&list, 0, id(1), nullptr, pool_), nullptr);
-  ASSERT_EQ(vepra_dl_append(&list, 0, id(2), &second, pool_), nullptr);
-  FailOn fail{2, user_error(125996, "no")};
-  EXPECT_EQ(vepra_dl_delete_obj_errfunc(&list, id(3), fail_on, &fail), nullptr);
-  EXPECT_EQ(vepra_dl_delete_obj_errfunc(&list, id(2), fail_on, &fail), fail.error);
-  EXPECT_EQ(vepra_dl_count(second), 1u);
-  EXPECT_EQ(vepra_dl_delete_errfunc(list, fail_on, &fail), nullptr);
-  vepra_dl_delete_obj_func(&second, id(2), record, &fail.seen);
-  EXPECT_EQ(second, nullptr);
-  EXPECT_EQ(fail.seen, (Ids{2, 1, 2}));
-  vepra_error_clear(fail.error);
-}
-
+// Null, self, foreign and already linked nodes are refused with 120051;
+// joining names the result by its first argument and never makes a ring.
 TEST_F(DlTest, LinkingRejectsBadNodes) {
   vepra_dl_t *a = nullptr, *b = nullptr, *c = nullptr, *d = nullptr;
   for (auto [k, n] : {std::pair{1, &a}, {2, &b}, {3, &c}, {4, &d}})
@@ -216,7 +213,6 @@ TEST_F(DlTest, LinkingRejectsBadNodes) {
             "Error(120051): Unable to exchange DL nodes. \n" + invalid);
   ASSERT_EQ(vepra_dl_insert_after(a, b), nullptr);
   ASSERT_EQ(vepra_dl_insert_before(a, c), nullptr);
-  // Null, self and already linked nodes.
   for (auto [at, node] : {std::pair{d, (vepra_dl_t *)nullptr}, {nullptr, d}, {d, d}, {c, b}}) {
     EXPECT_EQ(take_printed(vepra_dl_insert_after(at, node)), invalid);
     EXPECT_EQ(take_printed(vepra_dl_insert_before(at, node)), invalid);
@@ -228,13 +224,13 @@ TEST_F(DlTest, LinkingRejectsBadNodes) {
             "Error(120051): Unable to append DL object. \n" + invalid);
   EXPECT_EQ(take_printed(vepra_dlm_add_before(nullptr, 0, nullptr, nullptr)),
             "Error(120051): Unable to add DL node. \n" + invalid);
-  // Joining: the first argument names the result; a chain is not joined to itself.
   EXPECT_EQ(vepra_dl_join(nullptr, b), nullptr);
   EXPECT_EQ(vepra_dl_join(b, nullptr), c);
   EXPECT_EQ(vepra_dl_join(a, b), c);
   EXPECT_EQ(vepra_dl_count(a), 3u);
 }
 
+// A missing null check crashes here.
 TEST_F(DlTest, NullIsQuietForAccessorsWalksAndDeletions) {
   uint32_t tag = 77;
   EXPECT_EQ(vepra_dl_get_data_tag(nullptr, &tag), nullptr);
@@ -249,15 +245,15 @@ TEST_F(DlTest, NullIsQuietForAccessorsWalksAndDeletions) {
                       vepra_dl_destroy_errfunc, vepra_dl_dwalk);
 }
 
+// Signed keys of both signs and data-less nodes (first) against std::sort.
 TEST_F(DlTest, HookSortAgreesWithStdSort) {
   std::mt19937 rng(7);
   std::vector<vepra_hook_t> hooks(200);
-  std::vector<int32_t> expect, got;
+  std::vector<int32_t> expect(2, INT32_MIN), got;
   vepra_dl_t *list = nullptr;
   for (auto &h : hooks) {
-    expect.push_back(h.order = static_cast<int32_t>(rng()));  // signed keys, both signs
+    expect.push_back(h.order = static_cast<int32_t>(rng()));
     ASSERT_EQ(vepra_dl_append(&list, 0, &h, nullptr, pool_), nullptr);
-    // Nodes without data sort before every hook.
     if (&h - hooks.data() == 50 || &h == &hooks.back()) {
       ASSERT_EQ(vepra_dl_append(&list, 0, nullptr, nullptr, pool_), nullptr);
     }
@@ -265,21 +261,19 @@ TEST_F(DlTest, HookSortAgreesWithStdSort) {
   vepra_dl_t *held = vepra_dl_get_n(list, 17);
   ASSERT_EQ(vepra_dl_bubsort(held, vepra_hook_bubsort_callback, nullptr), nullptr);
   std::sort(expect.begin(), expect.end());
-  expect.insert(expect.begin(), 2, INT32_MIN);
   for (vepra_dl_t *p = vepra_dl_get_first(held); p != nullptr; p = p->next)
     got.push_back(p->data == nullptr ? INT32_MIN : static_cast<vepra_hook_t *>(p->data)->order);
   EXPECT_EQ(got, expect);
+  vepra_hook_t same{5};  // equal keys compare equal, not before
+  EXPECT_EQ(vepra_hook_bubsort_callback(0, &same, 0, &same, nullptr), 0);
 }
 
-// Walks rewind to the first node; the stop rules are the walk family's.
-TEST_P(DlFlavourTest, WalksStopByTheirRules) {
-  vepra_dl_t *from = vepra_dl_get_n(build({1, 2, 3, 4}), 2);  // walks rewind first
-  FailOn w{3};
-  auto walk_int = [](uint32_t tag, void *data, void *u) { return hit(data, u) ? int(tag) : 0; };
-  EXPECT_EQ(vepra_dl_walk_int_first(from, walk_int, &w), 30);
-  EXPECT_EQ(w.seen, (Ids{1, 2, 3}));
-  // err_or_ptr: stores id 2 in the slot, fails as its error says; a slot
-  // already set stops the walk after one call, as the walk does not clear it.
+// Walks rewind to the first node: err_or_ptr stops on an error or once the
+// slot is set; a slot already set stops after one call (it is not cleared).
+TEST_F(DlTest, WalksStopByTheirRules) {
+  vepra_dl_t *from = nullptr;
+  for (int k = 1; k <= 4; ++k) ASSERT_EQ(vepra_dl_append(&from, 0, id(k), &from, pool_), nullptr);
+  FailOn w;
   auto err_or_ptr = [](uint32_t, void *data, void *u, void **slot) {
     if (id_of(data) == 2) *slot = data;
     return fail_on(0, data, u);
@@ -296,7 +290,6 @@ TEST_P(DlFlavourTest, WalksStopByTheirRules) {
   EXPECT_EQ(vepra_dl_walk_err_or_ptr_first(from, err_or_ptr, &w, &slot), w.error);
   EXPECT_EQ(slot, nullptr);
   vepra_error_clear(w.error);
-  heap() ? vepra_dlm_destroy(&from) : vepra_dl_destroy(&from);
 }
 
 // mwalk: records every round's data, checking the tags that go with it.
@@ -315,8 +308,14 @@ vepra_error_t *record_round(size_t n, const uint32_t *tags, void *const *data, v
   return r->data.size() == r->stop_after ? r->error : nullptr;
 }
 
-TEST_P(DlFlavourTest, MwalkGoesInStepAndDropsShortLists) {
-  vepra_dl_t *handles[3] = {vepra_dl_get_last(build({1, 2, 3})), build({7}), nullptr};
+// Lists go in step from their first nodes, exhausted ones give 0 and null;
+// the stop sentinel ends with success, an error comes back as is, and each
+// of the three work arrays may fail to allocate.
+TEST_F(DlTest, MwalkGoesInStepAndDropsShortLists) {
+  vepra_dl_t *handles[3] = {};
+  for (auto [h, k] : {std::pair{0, 1}, {0, 2}, {0, 3}, {1, 7}})
+    ASSERT_EQ(vepra_dl_append(&handles[h], k * 10, id(k), nullptr, pool_), nullptr);
+  handles[0] = vepra_dl_get_last(handles[0]);
   Rounds r;
   EXPECT_EQ(vepra_dl_mwalk_err_first(handles, 3, record_round, &r), nullptr);
   EXPECT_EQ(r.data, (std::vector<Ids>{{1, 7, 0}, {2, 0, 0}, {3, 0, 0}}));
@@ -327,7 +326,6 @@ TEST_P(DlFlavourTest, MwalkGoesInStepAndDropsShortLists) {
   EXPECT_EQ(vepra_dl_mwalk_err_first(handles, 3, record_round, &r), r.error);
   vepra_error_clear(r.error);
   EXPECT_EQ(vepra_dl_mwalk_err_first(handles, 0, record_round, &r), nullptr);
-  // Each of the three work arrays can fail; the error comes back as is.
   long made = for_each_allocation_failure(
       [&] {
         Rounds quiet;
@@ -338,15 +336,16 @@ TEST_P(DlFlavourTest, MwalkGoesInStepAndDropsShortLists) {
         EXPECT_EQ(err->next, nullptr);
       });
   EXPECT_EQ(made, 3);
-  for (vepra_dl_t *&h : handles) heap() ? vepra_dlm_destroy(&h) : vepra_dl_destroy(&h);
 }
 
-// Heap nodes make one checked allocation, pool nodes none.
+// Heap nodes make one checked allocation, pool nodes none; a failure
+// leaves the list as it was.
 TEST_P(DlFlavourTest, AllocationFailuresLeaveTheListUnchanged) {
   const char *contexts[] = {"Unable to prepend DL object.", "Unable to append DL object.",
                             "Unable to add DL node.", "Unable to add DL node."};
   for (Where w : {kPrepend, kAppend, kAfter, kBefore}) {
-    vepra_dl_t *list = build({1});
+    vepra_dl_t *list = nullptr;
+    ASSERT_EQ(add(kAppend, &list, 10, 1), nullptr);
     EXPECT_EQ(expect_alloc_failures([&] { return add(w, &list, 20, 2); },
                                     node_alloc_failure(contexts[w], "dlm", sizeof(vepra_dl_t)),
                                     [&] {

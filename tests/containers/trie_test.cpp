@@ -128,6 +128,15 @@ TEST_P(TrieTest, KeysStandWhereTheirDigitsLead) {
   ASSERT_EQ(t.insert("", tag(2)), nullptr);     // the empty key is the root's own leaf
   EXPECT_EQ(t.shape(), "[3 own='' 1:[2 own=- 6:[2 own=- 2:[2 own=- 6:[2 own='ab' 3:'abc']]]]]");
   EXPECT_EQ(vepra_trie_search(t.trie, nullptr, 0), tag(2));
+  // Walks hand over key, length and data, and stop where the rule says.
+  std::string seen;
+  auto upto_ab = [](size_t n, const char *key, void *data, void *user) {
+    *static_cast<std::string *>(user) += "<" + std::string(key, n) + ">";
+    EXPECT_EQ(data, tag(n == 0 ? 2 : n - 2));
+    return n == 2 ? 42 : 0;
+  };
+  EXPECT_EQ(vepra_trie_walk_int_first(t.trie, upto_ab, &seen), 42);
+  EXPECT_EQ(seen, "<><ab>");
 }
 
 // Random keys over a few byte values, so that many share prefixes or are
@@ -282,21 +291,6 @@ TEST_P(TrieTest, VeryDeepTriesNeedNoRecursion) {
   t.remove(half);
   EXPECT_EQ(t.shape(), "'" + b + "'");      // folded all the way up
   ASSERT_EQ(t.insert(a, tag(0)), nullptr);  // a deep trie left for destroy
-}
-
-// What the trie adds to the walk family's stop rules is handing each
-// callback the key, its length and the data.
-TEST_P(TrieTest, WalksHandOverKeysAndStop) {
-  Trie t(heap(), pool_);
-  for (const char *key : {"a", "b", "c", "d"}) ASSERT_EQ(t.insert(key, tag(key[0] - 'a')), nullptr);
-  std::string seen;
-  auto upto_c = [](size_t n, const char *key, void *data, void *user) {
-    EXPECT_EQ(data, tag(key[0] - 'a'));
-    *static_cast<std::string *>(user) += std::string(key, n);
-    return std::string(key, n) == "c" ? 42 : 0;
-  };
-  EXPECT_EQ(vepra_trie_walk_int_first(t.trie, upto_c, &seen), 42);
-  EXPECT_EQ(seen, "abc");
 }
 
 // Every allocation of creating a heap trie or inserting into one may fail:
