@@ -513,6 +513,14 @@ TEST_F(CpuTest, ApicIdsSplitIntoPackageCoreAndThread) {
        VEPRA_CPU_TOPOLOGY_LEGACY,
        {0x07, 0x0a},
        {{1, 1, 1}, {2, 1, 0}}},
+      {"AMD without leaf 0xB: leaf 0x80000008 gives the width of the core ids",
+       {{{0, 0}, {1, 0x68747541, 0x444d4163, 0x69746e65}},
+        {{1, 0}, {0xa50f00, 0, 0, 1u << 28}},
+        {{0x80000000u, 0}, {0x80000008u, 0, 0, 0}},
+        {{0x80000008u, 0}, {0, 0, 0x2003, 0}}},
+       VEPRA_CPU_TOPOLOGY_LEGACY,
+       {0x05, 0x02},
+       {{1, 1, 0}, {0, 2, 0}}},
   };
   vepra::testing::replace_cpuid(table_cpuid);
   for (const auto &c : cases) {

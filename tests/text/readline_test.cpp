@@ -61,7 +61,21 @@ TEST_F(ReadlineTest, HistoryBrowsingKeepsTheEditedLine) {
   vepra_ri_readline_terminate(rl);
 }
 
-TEST_F(ReadlineTest, WithoutReaderDrawsPromptAndFails) {
+// A reader over a byte string, ending with a chosen status.
+struct Script {
+  std::string bytes;
+  int last = VEPRA_RI_END_OF_INPUT;
+  size_t pos = 0;
+  static int next(void *user) {
+    auto *s = static_cast<Script *>(user);
+    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
+  }
+};
+
+// The prompt is drawn on a blanked console line, also when no reader is
+// set; while the line fits, typing at its end echoes only the typed byte,
+// and the byte that makes it too wide redraws it scrolled.
+TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
   for (uint32_t echo : {0u, 1u}) {
     vepra_ri_readline_t *rl = make("name> ", echo);
     testing::internal::CaptureStdout();
@@ -73,18 +87,15 @@ TEST_F(ReadlineTest, WithoutReaderDrawsPromptAndFails) {
     EXPECT_STREQ(rl->line, "");
     vepra_ri_readline_terminate(rl);
   }
+  vepra_ri_readline_t *rl = make("> ", 1);
+  rl->width = 6;  // room for three characters after the prompt
+  Script script{"abcd\r"};
+  vepra_ri_readline_set_reader(rl, Script::next, &script);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "> abc\r     \r> bcd\r> bcd\n");
+  vepra_ri_readline_terminate(rl);
 }
-
-// A reader over a byte string, ending with a chosen status.
-struct Script {
-  std::string bytes;
-  int last = VEPRA_RI_END_OF_INPUT;
-  size_t pos = 0;
-  static int next(void *user) {
-    auto *s = static_cast<Script *>(user);
-    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
-  }
-};
 
 TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
   struct Case {
@@ -103,6 +114,7 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
       {"ab\x1b", VEPRA_RI_END_OF_INPUT, 0, "ab"},
       {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},  // ESC then Enter keeps the Enter
       {"a\x1b[\xc3\xa9\x1bO\x7f\r", VEPRA_RI_READ_ERROR, 0, "a"},  // no byte is lost
+      {"ab\x1b[?1DX\r", VEPRA_RI_READ_ERROR, 0, "aXb"},  // '?' is a parameter byte
       {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
       {"\x04", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
   };
