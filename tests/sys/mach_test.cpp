@@ -42,12 +42,7 @@ std::string version_plist(const std::string &version) {
 
 // body inside depth nested elements.
 std::string deep(int depth, const std::string &body) {
-  std::string open, close;
-  for (int i = 0; i < depth; ++i) {
-    open += "<a>";
-    close += "</a>";
-  }
-  return open + body + close;
+  return depth == 0 ? body : "<a>" + deep(depth - 1, body) + "</a>";
 }
 
 std::string write_temp(const std::string &name, const std::string &text) {
