@@ -323,39 +323,34 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   EXPECT_EQ(code_of(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask)), VEPRA_E_ASSERT);
 }
 
-TEST_F(CpuTest, AffinityIsRestoredWhenABindOrTheRestoreFails) {
+// The topology covers only the processors the caller may run on, and the
+// caller's affinity is restored also when a bind or the restore fails.
+TEST_F(CpuTest, TheCallersAffinityIsHonouredAndRestored) {
   const std::set<unsigned> allowed = allowed_cpus();
+  cpu_set_t saved, one;
+  ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof saved, &saved), 0);
+  CPU_ZERO(&one);
+  CPU_SET(*allowed.rbegin(), &one);
+  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
+  vepra_cpu_topology_t *t = topology();
+  EXPECT_EQ(mask_cpus(one), allowed_cpus());
+  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof saved, &saved), 0);
+  ASSERT_NE(t, nullptr);
+  ASSERT_EQ(t->count, 1u);
+  EXPECT_EQ(t->processors[0].os_index, *allowed.rbegin());
+  EXPECT_EQ(t->packages * t->cores_per_package * t->threads_per_core, 1u);
   for (long n = 1; n <= static_cast<long>(allowed.size()); ++n) {
     SCOPED_TRACE(n);
     vepra::testing::fail_cpu_bind_at(n);
-    vepra_cpu_topology_t *t = nullptr;
+    t = nullptr;
     EXPECT_EQ(code_of(vepra_cpu_topology(&t, pool_)), VEPRA_E_CPU_BIND);
     EXPECT_EQ(t, nullptr);
     EXPECT_EQ(allowed_cpus(), allowed);
   }
   vepra::testing::fail_cpu_bind_at(0);
   vepra::testing::fail_affinity_restore(true);
-  vepra_cpu_topology_t *t = nullptr;
   EXPECT_EQ(code_of(vepra_cpu_topology(&t, pool_)), VEPRA_E_CPU_AFFINITY_MASK);
   EXPECT_EQ(allowed_cpus(), allowed);
-}
-
-TEST_F(CpuTest, ANarrowedThreadSeesOnlyItsProcessors) {
-  const std::set<unsigned> allowed = allowed_cpus();
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(*allowed.rbegin(), &one);
-  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
-  vepra_cpu_topology_t *t = topology();
-  EXPECT_EQ(mask_cpus(one), allowed_cpus());
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  for (unsigned c : allowed) CPU_SET(c, &all);
-  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof all, &all), 0);
-  ASSERT_NE(t, nullptr);
-  ASSERT_EQ(t->count, 1u);
-  EXPECT_EQ(t->processors[0].os_index, *allowed.rbegin());
-  EXPECT_EQ(t->packages * t->cores_per_package * t->threads_per_core, 1u);
 }
 
 // A processor described by a table of cpuid answers; other leaves are 0.
