@@ -94,6 +94,15 @@ TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "> abc\r     \r> bcd\r> bcd\n");
+  // A width that is not positive becomes 80; one column stays one column.
+  for (auto [width, used] : {std::pair{0, 80}, {1, 1}}) {
+    rl->width = width;
+    script = {"x\r"};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(rl->width, used);
+  }
   vepra_ri_readline_terminate(rl);
 }
 
