@@ -124,6 +124,7 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
       {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},                  // ESC then Enter keeps the Enter
       {"a\x1b[\xc3\xa9\x1bO\x7f\r", VEPRA_RI_READ_ERROR, 0, "a"},  // no byte is lost
       {"ab\x1b[?1DX\r", VEPRA_RI_READ_ERROR, 0, "aXb"},            // '?' is a parameter byte
+      {"ab\x1b[D\x1b[39~\r", VEPRA_RI_READ_ERROR, 0, "ab"},        // 39, not Delete (3)
       {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
       {"\x04", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
   };
