@@ -375,42 +375,94 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
 
 constexpr vepra::detail::cpuid_regs kIntel{0, 0x756e6547, 0x6c65746e, 0x49656e69};
 
-TEST_F(CpuTest, RestrictedOrContradictoryProcessorsAreReported) {
-  const size_t processors = allowed_cpus().size();
+// Processors described by tables of cpuid answers: what identify finds or
+// why it fails, and how the topology splits each processor's APIC id into
+// package, core and thread, or why it fails.
+TEST_F(CpuTest, ProcessorsFromCpuidTables) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
+  const uint32_t amd[] = {0x68747541, 0x444d4163, 0x69746e65};  // "Auth" "cAMD" "enti"
   const struct {
     const char *what;
     std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-    int identify_code, topology_code;  // 0: success
+    struct {
+      int identify_code;  // 0: success with these features and caches
+      uint64_t features;
+      uint32_t caches;
+      int topology_code;  // 0: success by this method with these ids
+      uint32_t method;
+    } want;
+    std::vector<uint32_t> apic;
+    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
   } cases[] = {
-      {"largest leaf 0", {{{0, 0}, kIntel}}, VEPRA_E_CPUID_RESTRICTED, VEPRA_E_CPUID_RESTRICTED},
+      {"largest leaf 0",
+       {{{0, 0}, kIntel}},
+       {VEPRA_E_CPUID_RESTRICTED, 0, 0, VEPRA_E_CPUID_RESTRICTED, 0},
+       {},
+       {}},
       {"threads per package but no leaf 4; SSE and SSE2 only",
        {{{0, 0}, {2, kIntel.ebx, kIntel.ecx, kIntel.edx}},
         {{1, 0}, {0x306a9, 0x00020800, 0, (1u << 28) | (3u << 25)}}},
-       0,
-       VEPRA_E_CPUID_LEVEL},
+       {0, VEPRA_CPU_SSE | VEPRA_CPU_SSE2, 0, VEPRA_E_CPUID_LEVEL, 0},
+       {},
+       {}},
       {"every processor reports x2APIC id 5",
        {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
         {{1, 0}, {0x306a9, 0, 0, 0}},
         {{0xb, 0}, {0, 1, 0x100, 5}},
         {{0xb, 1}, {1, 2, 0x201, 5}}},
-       0,
-       processors > 1 ? VEPRA_E_CPU_TOPOLOGY : 0},
+       {0, 0, 0, cpus.size() > 1 ? VEPRA_E_CPU_TOPOLOGY : 0, VEPRA_CPU_TOPOLOGY_LEAF_B},
+       {},
+       {}},
+      {"leaf 0x1F: 2 threads (one enabled), 8 cores, 4 dies per package",
+       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
+        {{0x1f, 0}, {1, 1, 0x100, 0}},
+        {{0x1f, 1}, {4, 16, 0x201, 0}},
+        {{0x1f, 2}, {6, 64, 0x502, 0}}},
+       {0, 0, 0, 0, VEPRA_CPU_TOPOLOGY_LEAF_1F},
+       {0x45, 0x02},
+       {{1, 2, 1}, {0, 1, 0}}},
+      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
+       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
+        {{4, 0}, {0x04000121, 0, 0, 0}},
+        {{0xb, 0}, {4, 8, 0x200, 0}}},
+       {0, 0, 1, 0, VEPRA_CPU_TOPOLOGY_LEGACY},
+       {0x07, 0x0a},
+       {{1, 1, 1}, {2, 1, 0}}},
+      {"AMD without leaf 0xB: leaf 0x80000008 gives the width of the core ids",
+       {{{0, 0}, {1, amd[0], amd[1], amd[2]}},
+        {{1, 0}, {0xa50f00, 0, 0, 1u << 28}},
+        {{0x80000000u, 0}, {0x80000008u, 0, 0, 0}},
+        {{0x80000008u, 0}, {0, 0, 0x2003, 0}}},
+       {0, 0, 0, 0, VEPRA_CPU_TOPOLOGY_LEGACY},
+       {0x05, 0x02},
+       {{1, 1, 0}, {0, 2, 0}}},
   };
-  const std::set<unsigned> allowed = allowed_cpus();
   vepra::testing::replace_cpuid(table_cpuid);
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     g_table = c.table;
+    g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
+    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i)
+      g_apic_by_cpu[cpus[i]] = c.apic[i];
     vepra_cpu_info_t info;
-    Chain ierr(vepra_cpu_identify(&info));
-    EXPECT_EQ(ierr == nullptr ? 0 : ierr->code, c.identify_code);
-    if (ierr == nullptr) {  // no leaf 4: no caches
-      EXPECT_EQ(info.features, c.table.size() == 2 ? VEPRA_CPU_SSE | VEPRA_CPU_SSE2 : 0u);
-      EXPECT_EQ(info.cache_count, 0u);
+    ASSERT_EQ(code_of(vepra_cpu_identify(&info)), c.want.identify_code);
+    if (c.want.identify_code == 0) {
+      EXPECT_EQ(info.features, c.want.features);
+      EXPECT_EQ(info.cache_count, c.want.caches);
     }
     vepra_cpu_topology_t *t = nullptr;
-    EXPECT_EQ(code_of(vepra_cpu_topology(&t, pool_)), c.topology_code);
+    ASSERT_EQ(code_of(vepra_cpu_topology(&t, pool_)), c.want.topology_code);
     EXPECT_EQ(allowed_cpus(), allowed);
+    if (c.want.topology_code != 0) continue;
+    EXPECT_EQ(t->method, c.want.method);
+    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
+      const vepra_cpu_logical_t &p = t->processors[i];
+      EXPECT_EQ(p.apic_id, c.apic[i]);
+      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
+    }
   }
   g_table = cases[0].table;
   vepra_cpu_topology_t *t = nullptr;
@@ -456,61 +508,6 @@ TEST_F(CpuTest, FrequencyComesFromLeaf16OrTheBrandString) {
     ASSERT_EQ(Chain(vepra_cpu_identify(&info)), nullptr);
     EXPECT_EQ(info.frequency_mhz, c.expected);
     EXPECT_EQ(info.brand[0] == ' ', false);
-  }
-}
-
-TEST_F(CpuTest, ApicIdsSplitIntoPackageCoreAndThread) {
-  const std::set<unsigned> allowed = allowed_cpus();
-  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
-  const struct {
-    const char *what;
-    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-    uint32_t method;
-    std::vector<uint32_t> apic;
-    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
-  } cases[] = {
-      {"leaf 0x1F: 2 threads (one enabled), 8 cores, 4 dies per package",
-       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
-        {{0x1f, 0}, {1, 1, 0x100, 0}},
-        {{0x1f, 1}, {4, 16, 0x201, 0}},
-        {{0x1f, 2}, {6, 64, 0x502, 0}}},
-       VEPRA_CPU_TOPOLOGY_LEAF_1F,
-       {0x45, 0x02},
-       {{1, 2, 1}, {0, 1, 0}}},
-      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
-       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
-        {{4, 0}, {0x04000121, 0, 0, 0}},
-        {{0xb, 0}, {4, 8, 0x200, 0}}},
-       VEPRA_CPU_TOPOLOGY_LEGACY,
-       {0x07, 0x0a},
-       {{1, 1, 1}, {2, 1, 0}}},
-      {"AMD without leaf 0xB: leaf 0x80000008 gives the width of the core ids",
-       {{{0, 0}, {1, 0x68747541, 0x444d4163, 0x69746e65}},
-        {{1, 0}, {0xa50f00, 0, 0, 1u << 28}},
-        {{0x80000000u, 0}, {0x80000008u, 0, 0, 0}},
-        {{0x80000008u, 0}, {0, 0, 0x2003, 0}}},
-       VEPRA_CPU_TOPOLOGY_LEGACY,
-       {0x05, 0x02},
-       {{1, 1, 0}, {0, 2, 0}}},
-  };
-  vepra::testing::replace_cpuid(table_cpuid);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    g_table = c.table;
-    g_apic_by_cpu.assign(cpus.back() + 1, 0);
-    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i)
-      g_apic_by_cpu[cpus[i]] = c.apic[i];
-    vepra_cpu_topology_t *t = topology();
-    ASSERT_NE(t, nullptr);
-    EXPECT_EQ(t->method, c.method);
-    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
-      const vepra_cpu_logical_t &p = t->processors[i];
-      EXPECT_EQ(p.apic_id, c.apic[i]);
-      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
-    }
-    EXPECT_EQ(allowed_cpus(), allowed);
   }
 }
 
