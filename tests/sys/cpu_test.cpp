@@ -27,28 +27,19 @@ using vepra_test::LibraryTest;
 
 namespace {
 
-// One "key : value" block of /proc/cpuinfo per processor, by its number.
+// The "key : value" lines of /proc/cpuinfo by processor number.
 std::map<unsigned, std::map<std::string, std::string>> proc_cpuinfo() {
   std::map<unsigned, std::map<std::string, std::string>> out;
   std::ifstream in("/proc/cpuinfo");
-  std::map<std::string, std::string> block;
-  std::string line;
-  auto flush = [&] {
-    if (block.count("processor") != 0) out[std::stoul(block["processor"])] = block;
-    block.clear();
-  };
-  while (std::getline(in, line)) {
+  unsigned cpu = 0;
+  for (std::string line; std::getline(in, line);) {
     const size_t colon = line.find(':');
-    if (colon == std::string::npos) {
-      flush();
-      continue;
-    }
-    std::string key = line.substr(0, colon);
-    while (!key.empty() && (key.back() == ' ' || key.back() == '\t')) key.pop_back();
-    const size_t start = line.find_first_not_of(' ', colon + 1);
-    block[key] = start == std::string::npos ? "" : line.substr(start);
+    if (colon == std::string::npos || colon == 0) continue;
+    const std::string key = line.substr(0, line.find_last_not_of(" \t", colon - 1) + 1);
+    const std::string value = line.substr(std::min(line.size(), colon + 2));
+    if (key == "processor") cpu = std::stoul(value);
+    out[cpu][key] = value;
   }
-  flush();
   return out;
 }
 
@@ -134,6 +125,13 @@ const feature_row kFeatureRows[] = {
     {VEPRA_CPU_RDRAND, "rdrand", CPU_FEATURE_RDRAND},
 };
 
+// Code of a chain (cleared), 0 for success.
+int code_of(vepra_error_t *e) {
+  const int code = e != nullptr ? e->code : 0;
+  vepra_error_clear(e);
+  return code;
+}
+
 extern std::vector<uint32_t> g_apic_by_cpu;
 
 class CpuTest : public LibraryTest {
@@ -168,7 +166,9 @@ class CpuTest : public LibraryTest {
   std::map<unsigned, std::map<std::string, std::string>> cpuinfo_;
 };
 
-TEST_F(CpuTest, IdentityAndFeaturesMatchProcCpuinfo) {
+// Identity and feature bits as the kernel lists them, and the feature bits
+// as libcpuid decodes them from the raw leaves.
+TEST_F(CpuTest, IdentityMatchesProcCpuinfoAndLibcpuid) {
   const vepra_cpu_info_t info = identify();
   auto &first = cpuinfo_.begin()->second;
   EXPECT_EQ(std::string(info.vendor), first["vendor_id"]);
@@ -192,6 +192,18 @@ TEST_F(CpuTest, IdentityAndFeaturesMatchProcCpuinfo) {
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_SSE) != 0, flags.count("sse") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX) != 0, flags.count("avx") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX512) != 0, flags.count("avx512f") != 0);
+  if (!cpuid_present()) GTEST_SKIP() << "libcpuid finds no cpuid instruction";
+  cpu_raw_data_t raw;
+  cpu_id_t peer;
+  ASSERT_EQ(cpuid_get_raw_data(&raw), 0) << cpuid_error();
+  ASSERT_EQ(cpu_identify(&raw, &peer), 0) << cpuid_error();
+  for (const feature_row &row : kFeatureRows) {
+    SCOPED_TRACE(row.proc_name);
+    if (row.peer == NUM_CPU_FEATURES) continue;
+    // This libcpuid decodes the AVX-512 bits of leaf 7 for Intel only.
+    if (row.proc_name[3] == '5' && std::strcmp(info.vendor, "GenuineIntel") != 0) continue;
+    EXPECT_EQ((info.features & row.bit) != 0, peer.flags[row.peer] != 0);
+  }
 }
 
 // Features on vector registers are usable only when the operating system
@@ -221,27 +233,6 @@ TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
   EXPECT_EQ(identify().usable, 0u);
   vepra::testing::force_portable_paths(false);
   os_sse = saved;
-}
-
-TEST_F(CpuTest, IdentityMatchesLibcpuid) {
-  if (!cpuid_present()) GTEST_SKIP() << "libcpuid finds no cpuid instruction";
-  cpu_raw_data_t raw;
-  cpu_id_t peer;
-  ASSERT_EQ(cpuid_get_raw_data(&raw), 0) << cpuid_error();
-  ASSERT_EQ(cpu_identify(&raw, &peer), 0) << cpuid_error();
-  const vepra_cpu_info_t info = identify();
-  EXPECT_STREQ(info.vendor, peer.vendor_str);
-  EXPECT_STREQ(info.brand, peer.brand_str);
-  EXPECT_EQ(info.family, static_cast<uint32_t>(peer.ext_family));
-  EXPECT_EQ(info.model, static_cast<uint32_t>(peer.ext_model));
-  EXPECT_EQ(info.stepping, static_cast<uint32_t>(peer.stepping));
-  for (const feature_row &row : kFeatureRows) {
-    SCOPED_TRACE(row.proc_name);
-    if (row.peer == NUM_CPU_FEATURES) continue;
-    // This libcpuid decodes the AVX-512 bits of leaf 7 for Intel only.
-    if (row.proc_name[3] == '5' && std::strcmp(info.vendor, "GenuineIntel") != 0) continue;
-    EXPECT_EQ((info.features & row.bit) != 0, peer.flags[row.peer] != 0);
-  }
 }
 
 // Every cache the kernel describes, with its size, line, ways, sets and sharing.
@@ -320,63 +311,46 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
     ASSERT_EQ(Chain(vepra_cpu_package_mask(t, p.package, &mask, sizeof mask)), nullptr);
     EXPECT_EQ(mask_cpus(mask), intersect(allowed, cpu_list(sys_text(topo + "package_cpus_list"))));
     ASSERT_EQ(Chain(vepra_cpu_core_mask(t, p.package, p.core, &mask, sizeof mask)), nullptr);
-    EXPECT_EQ(mask_cpus(mask), intersect(allowed, cpu_list(sys_text(topo + "thread_siblings_list"))));
-    // The mask is one a thread can be pinned with.
-    cpu_set_t before;
-    ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof before, &before), 0);
-    EXPECT_EQ(pthread_setaffinity_np(pthread_self(), sizeof mask, &mask), 0);
-    ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof before, &before), 0);
+    EXPECT_EQ(mask_cpus(mask),
+              intersect(allowed, cpu_list(sys_text(topo + "thread_siblings_list"))));
   }
+  // A mask too small for a processor, a package without processors, no topology.
   cpu_set_t mask;
-  Chain small(vepra_cpu_package_mask(t, t->processors[0].package, &mask,
-                                     t->processors[0].os_index / 8));
-  ASSERT_NE(small, nullptr);
-  EXPECT_EQ(small->code, VEPRA_E_CPU_AFFINITY_MASK);
-  Chain none(vepra_cpu_package_mask(t, 0xffffffffu, &mask, sizeof mask));
-  ASSERT_NE(none, nullptr);
-  EXPECT_EQ(none->code, VEPRA_E_CPU_AFFINITY_MASK);
-  Chain null_topology(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask));
-  ASSERT_NE(null_topology, nullptr);
-  EXPECT_EQ(null_topology->code, VEPRA_E_ASSERT);
+  const uint32_t first = t->processors[0].package;
+  const size_t small = t->processors[0].os_index / 8;
+  EXPECT_EQ(code_of(vepra_cpu_package_mask(t, first, &mask, small)), VEPRA_E_CPU_AFFINITY_MASK);
+  EXPECT_EQ(code_of(vepra_cpu_package_mask(t, ~0u, &mask, sizeof mask)), VEPRA_E_CPU_AFFINITY_MASK);
+  EXPECT_EQ(code_of(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask)), VEPRA_E_ASSERT);
 }
 
-TEST_F(CpuTest, AffinityIsRestoredWhenABindOrTheRestoreFails) {
+// The topology covers only the processors the caller may run on, and the
+// caller's affinity is restored also when a bind or the restore fails.
+TEST_F(CpuTest, TheCallersAffinityIsHonouredAndRestored) {
   const std::set<unsigned> allowed = allowed_cpus();
-  for (long n = 1; n <= static_cast<long>(allowed.size()); ++n) {
-    SCOPED_TRACE(n);
-    vepra::testing::fail_cpu_bind_at(n);
-    vepra_cpu_topology_t *t = nullptr;
-    Chain err(vepra_cpu_topology(&t, pool_));
-    ASSERT_NE(err, nullptr);
-    EXPECT_EQ(err->code, VEPRA_E_CPU_BIND);
-    EXPECT_EQ(t, nullptr);
-    EXPECT_EQ(allowed_cpus(), allowed);
-  }
-  vepra::testing::fail_cpu_bind_at(0);
-  vepra::testing::fail_affinity_restore(true);
-  vepra_cpu_topology_t *t = nullptr;
-  Chain err(vepra_cpu_topology(&t, pool_));
-  ASSERT_NE(err, nullptr);
-  EXPECT_EQ(err->code, VEPRA_E_CPU_AFFINITY_MASK);
-  EXPECT_EQ(allowed_cpus(), allowed);
-}
-
-TEST_F(CpuTest, ANarrowedThreadSeesOnlyItsProcessors) {
-  const std::set<unsigned> allowed = allowed_cpus();
-  cpu_set_t one;
+  cpu_set_t saved, one;
+  ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof saved, &saved), 0);
   CPU_ZERO(&one);
   CPU_SET(*allowed.rbegin(), &one);
   ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
   vepra_cpu_topology_t *t = topology();
   EXPECT_EQ(mask_cpus(one), allowed_cpus());
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  for (unsigned c : allowed) CPU_SET(c, &all);
-  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof all, &all), 0);
+  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof saved, &saved), 0);
   ASSERT_NE(t, nullptr);
   ASSERT_EQ(t->count, 1u);
   EXPECT_EQ(t->processors[0].os_index, *allowed.rbegin());
   EXPECT_EQ(t->packages * t->cores_per_package * t->threads_per_core, 1u);
+  for (long n = 1; n <= static_cast<long>(allowed.size()); ++n) {
+    SCOPED_TRACE(n);
+    vepra::testing::fail_cpu_bind_at(n);
+    t = nullptr;
+    EXPECT_EQ(code_of(vepra_cpu_topology(&t, pool_)), VEPRA_E_CPU_BIND);
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(allowed_cpus(), allowed);
+  }
+  vepra::testing::fail_cpu_bind_at(0);
+  vepra::testing::fail_affinity_restore(true);
+  EXPECT_EQ(code_of(vepra_cpu_topology(&t, pool_)), VEPRA_E_CPU_AFFINITY_MASK);
+  EXPECT_EQ(allowed_cpus(), allowed);
 }
 
 // A processor described by a table of cpuid answers; other leaves are 0.
@@ -401,43 +375,94 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
 
 constexpr vepra::detail::cpuid_regs kIntel{0, 0x756e6547, 0x6c65746e, 0x49656e69};
 
-TEST_F(CpuTest, RestrictedOrContradictoryProcessorsAreReported) {
-  const size_t processors = allowed_cpus().size();
+// Processors described by tables of cpuid answers: what identify finds or
+// why it fails, and how the topology splits each processor's APIC id into
+// package, core and thread, or why it fails.
+TEST_F(CpuTest, ProcessorsFromCpuidTables) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
+  const uint32_t amd[] = {0x68747541, 0x444d4163, 0x69746e65};  // "Auth" "cAMD" "enti"
   const struct {
     const char *what;
     std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-    int identify_code, topology_code;  // 0: success
+    struct {
+      int identify_code;  // 0: success with these features and caches
+      uint64_t features;
+      uint32_t caches;
+      int topology_code;  // 0: success by this method with these ids
+      uint32_t method;
+    } want;
+    std::vector<uint32_t> apic;
+    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
   } cases[] = {
-      {"largest leaf 0", {{{0, 0}, kIntel}}, VEPRA_E_CPUID_RESTRICTED, VEPRA_E_CPUID_RESTRICTED},
+      {"largest leaf 0",
+       {{{0, 0}, kIntel}},
+       {VEPRA_E_CPUID_RESTRICTED, 0, 0, VEPRA_E_CPUID_RESTRICTED, 0},
+       {},
+       {}},
       {"threads per package but no leaf 4; SSE and SSE2 only",
        {{{0, 0}, {2, kIntel.ebx, kIntel.ecx, kIntel.edx}},
         {{1, 0}, {0x306a9, 0x00020800, 0, (1u << 28) | (3u << 25)}}},
-       0,
-       VEPRA_E_CPUID_LEVEL},
+       {0, VEPRA_CPU_SSE | VEPRA_CPU_SSE2, 0, VEPRA_E_CPUID_LEVEL, 0},
+       {},
+       {}},
       {"every processor reports x2APIC id 5",
        {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
         {{1, 0}, {0x306a9, 0, 0, 0}},
         {{0xb, 0}, {0, 1, 0x100, 5}},
         {{0xb, 1}, {1, 2, 0x201, 5}}},
-       0,
-       processors > 1 ? VEPRA_E_CPU_TOPOLOGY : 0},
+       {0, 0, 0, cpus.size() > 1 ? VEPRA_E_CPU_TOPOLOGY : 0, VEPRA_CPU_TOPOLOGY_LEAF_B},
+       {},
+       {}},
+      {"leaf 0x1F: 2 threads (one enabled), 8 cores, 4 dies per package",
+       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
+        {{0x1f, 0}, {1, 1, 0x100, 0}},
+        {{0x1f, 1}, {4, 16, 0x201, 0}},
+        {{0x1f, 2}, {6, 64, 0x502, 0}}},
+       {0, 0, 0, 0, VEPRA_CPU_TOPOLOGY_LEAF_1F},
+       {0x45, 0x02},
+       {{1, 2, 1}, {0, 1, 0}}},
+      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
+       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
+        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
+        {{4, 0}, {0x04000121, 0, 0, 0}},
+        {{0xb, 0}, {4, 8, 0x200, 0}}},
+       {0, 0, 1, 0, VEPRA_CPU_TOPOLOGY_LEGACY},
+       {0x07, 0x0a},
+       {{1, 1, 1}, {2, 1, 0}}},
+      {"AMD without leaf 0xB: leaf 0x80000008 gives the width of the core ids",
+       {{{0, 0}, {1, amd[0], amd[1], amd[2]}},
+        {{1, 0}, {0xa50f00, 0, 0, 1u << 28}},
+        {{0x80000000u, 0}, {0x80000008u, 0, 0, 0}},
+        {{0x80000008u, 0}, {0, 0, 0x2003, 0}}},
+       {0, 0, 0, 0, VEPRA_CPU_TOPOLOGY_LEGACY},
+       {0x05, 0x02},
+       {{1, 1, 0}, {0, 2, 0}}},
   };
-  const std::set<unsigned> allowed = allowed_cpus();
   vepra::testing::replace_cpuid(table_cpuid);
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     g_table = c.table;
+    g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
+    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i)
+      g_apic_by_cpu[cpus[i]] = c.apic[i];
     vepra_cpu_info_t info;
-    Chain ierr(vepra_cpu_identify(&info));
-    EXPECT_EQ(ierr == nullptr ? 0 : ierr->code, c.identify_code);
-    if (ierr == nullptr) {  // no leaf 4: no caches
-      EXPECT_EQ(info.features, c.table.size() == 2 ? VEPRA_CPU_SSE | VEPRA_CPU_SSE2 : 0u);
-      EXPECT_EQ(info.cache_count, 0u);
+    ASSERT_EQ(code_of(vepra_cpu_identify(&info)), c.want.identify_code);
+    if (c.want.identify_code == 0) {
+      EXPECT_EQ(info.features, c.want.features);
+      EXPECT_EQ(info.cache_count, c.want.caches);
     }
     vepra_cpu_topology_t *t = nullptr;
-    Chain terr(vepra_cpu_topology(&t, pool_));
-    EXPECT_EQ(terr == nullptr ? 0 : terr->code, c.topology_code);
+    ASSERT_EQ(code_of(vepra_cpu_topology(&t, pool_)), c.want.topology_code);
     EXPECT_EQ(allowed_cpus(), allowed);
+    if (c.want.topology_code != 0) continue;
+    EXPECT_EQ(t->method, c.want.method);
+    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
+      const vepra_cpu_logical_t &p = t->processors[i];
+      EXPECT_EQ(p.apic_id, c.apic[i]);
+      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
+    }
   }
   g_table = cases[0].table;
   vepra_cpu_topology_t *t = nullptr;
@@ -483,52 +508,6 @@ TEST_F(CpuTest, FrequencyComesFromLeaf16OrTheBrandString) {
     ASSERT_EQ(Chain(vepra_cpu_identify(&info)), nullptr);
     EXPECT_EQ(info.frequency_mhz, c.expected);
     EXPECT_EQ(info.brand[0] == ' ', false);
-  }
-}
-
-TEST_F(CpuTest, ApicIdsSplitIntoPackageCoreAndThread) {
-  const std::set<unsigned> allowed = allowed_cpus();
-  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
-  const struct {
-    const char *what;
-    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-    uint32_t method;
-    std::vector<uint32_t> apic;
-    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
-  } cases[] = {
-      {"leaf 0x1F: 2 threads (one enabled), 8 cores, 4 dies per package",
-       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
-        {{0x1f, 0}, {1, 1, 0x100, 0}},
-        {{0x1f, 1}, {4, 16, 0x201, 0}},
-        {{0x1f, 2}, {6, 64, 0x502, 0}}},
-       VEPRA_CPU_TOPOLOGY_LEAF_1F,
-       {0x45, 0x02},
-       {{1, 2, 1}, {0, 1, 0}}},
-      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
-       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
-        {{4, 0}, {0x04000121, 0, 0, 0}},
-        {{0xb, 0}, {4, 8, 0x200, 0}}},
-       VEPRA_CPU_TOPOLOGY_LEGACY,
-       {0x07, 0x0a},
-       {{1, 1, 1}, {2, 1, 0}}},
-  };
-  vepra::testing::replace_cpuid(table_cpuid);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    g_table = c.table;
-    g_apic_by_cpu.assign(cpus.back() + 1, 0);
-    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i) g_apic_by_cpu[cpus[i]] = c.apic[i];
-    vepra_cpu_topology_t *t = topology();
-    ASSERT_NE(t, nullptr);
-    EXPECT_EQ(t->method, c.method);
-    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
-      const vepra_cpu_logical_t &p = t->processors[i];
-      EXPECT_EQ(p.apic_id, c.apic[i]);
-      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
-    }
-    EXPECT_EQ(allowed_cpus(), allowed);
   }
 }
 

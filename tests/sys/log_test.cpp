@@ -29,7 +29,10 @@ class LogTest : public LibraryTest {};
 
 }  // namespace
 
-TEST_F(LogTest, AppendsToExistingFileAndWritesNothingForEmptyText) {
+// One log file: appended to, empty texts write nothing, a long message is
+// cut at 999 characters, the date prefix has apr_ctime's 24-character form
+// and the error printer writes the chain's lines.
+TEST_F(LogTest, AppendsCutsDatesAndPrintsChains) {
   const std::string path = temp_path("log.txt");
   std::ofstream(path) << "kept\n";
   vepra_log_t *log = nullptr;
@@ -39,55 +42,57 @@ TEST_F(LogTest, AppendsToExistingFileAndWritesNothingForEmptyText) {
   vepra_log_printf(log, "%s", "");
   const char *empty = "";
   vepra_log_printf(log, empty, 0);
-  vepra_log_terminate(log);
-  EXPECT_EQ(read_file(path), "kept\nn=5\n");
-}
-
-TEST_F(LogTest, LongMessagesAreCutAt999Characters) {
-  const std::string path = temp_path("long.txt");
-  vepra_log_t *log = nullptr;
-  ASSERT_EQ(vepra_log_create(&log, path.c_str(), pool_), nullptr);
   vepra_log_printf(log, "%s", std::string(5000, 'y').c_str());
-  vepra_log_terminate(log);
-  EXPECT_EQ(read_file(path), std::string(999, 'y'));
-}
-
-TEST_F(LogTest, DatePrefixAndErrorPrinter) {
-  const std::string path = temp_path("dt.txt");
-  vepra_log_t *log = nullptr;
-  ASSERT_EQ(vepra_log_create(&log, path.c_str(), pool_), nullptr);
   vepra_log_dtprintf(log, "%s\n", "x");
   vepra_error_t *e = vepra_error_create_i(0, 120051, 0, nullptr, nullptr, nullptr, nullptr);
   EXPECT_EQ(vepra_error_handle(e, vepra_log_errhandler, reinterpret_cast<FILE *>(log)), e);
   vepra_error_clear(e);
   vepra_log_terminate(log);
+  const std::string head = "kept\nn=5\n" + std::string(999, 'y');
   const std::string text = read_file(path);
-  // apr_ctime's 24-character form, e.g. "Sun Nov 15 16:34:22 2026".
-  ASSERT_GT(text.size(), 24u);
+  ASSERT_EQ(text.substr(0, head.size()), head);
+  // e.g. "Sun Nov 15 16:34:22 2026"
+  const std::string dated = text.substr(head.size());
   char day[4], month[4];
   int mday = 0, h = 0, m = 0, sec = 0, year = 0, used = 0;
-  ASSERT_EQ(std::sscanf(text.c_str(), "%3s %3s %2d %2d:%2d:%2d %4d%n", day, month, &mday, &h, &m,
+  ASSERT_EQ(std::sscanf(dated.c_str(), "%3s %3s %2d %2d:%2d:%2d %4d%n", day, month, &mday, &h, &m,
                         &sec, &year, &used),
             7)
-      << text;
+      << dated;
   EXPECT_EQ(used, 24);
   EXPECT_GE(year, 2024);
-  EXPECT_EQ(text.substr(24), ": x\nError(120051): DL insertion error: invalid pointer. \n");
+  EXPECT_EQ(dated.substr(24), ": x\nError(120051): DL insertion error: invalid pointer. \n");
 }
 
-TEST_F(LogTest, OpenFailureIsAThreeRecordChain) {
-  const std::string dir = temp_path("no-such-dir");
-  const std::string path = dir + "/log.txt";
-  vepra_log_t *log = nullptr;
-  vepra_error_t *e = vepra_log_create(&log, path.c_str(), pool_);
-  ASSERT_NE(e, nullptr);
-  ASSERT_NE(log, nullptr) << "the record is handed out before the open";
-  EXPECT_EQ(log->file, nullptr);
+// A log whose file cannot be opened is handed out with a three-record
+// chain; writes to it, to a closed log and to none are reported on stderr.
+TEST_F(LogTest, LogsWithoutFileReportOpenAndWriteFailures) {
+  const std::string path = temp_path("no-such-dir") + "/log.txt";
+  vepra_log_t *failed = nullptr;
+  vepra_error_t *e = vepra_log_create(&failed, path.c_str(), pool_);
+  ASSERT_NE(failed, nullptr) << "the record is handed out before the open";
+  EXPECT_EQ(failed->file, nullptr);
   char buf[255];
   EXPECT_EQ(take_printed(e), "Error: Cannot create log. \nError: Can't open file '" + path +
-                                 "' \nError: " + apr_strerror(APR_ENOENT, buf, sizeof buf) +
-                                 " ");
-  vepra_log_terminate(log);  // nothing to close: quiet
+                                 "' \nError: " + apr_strerror(APR_ENOENT, buf, sizeof buf) + " ");
+  vepra_log_t *closed = nullptr;
+  ASSERT_EQ(vepra_log_create(&closed, temp_path("closed.log").c_str(), pool_), nullptr);
+  vepra_log_terminate(closed);
+  for (vepra_log_t *log : {failed, closed, static_cast<vepra_log_t *>(nullptr)}) {
+    testing::internal::CaptureStderr();
+    vepra_log_printf(log, "x");
+    vepra_log_dtprintf(log, "y");
+    vepra_log_errhandler("z", reinterpret_cast<FILE *>(log));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Error: Cannot write to log. \nError: The log file is not open. \n"
+              "Error: Cannot write to log. \nError: The log file is not open. \n"
+              "Error: Cannot write to log. \nError: The log file is not open. \n");
+  }
+  // Nothing to close, or closed already: quiet.
+  testing::internal::CaptureStderr();
+  vepra_log_terminate(failed);
+  vepra_log_terminate(closed);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(LogTest, WriteFailureIsPrintedOnStderrAndTheCallGoesOn) {
@@ -127,12 +132,10 @@ TEST(PathTest, BaseNameAndDirName) {
   };
   // Expected values follow POSIX basename(3) and dirname(3).
   const Case cases[] = {
-      {"/", "/", "/"},           {"", ".", "."},
-      {"a", "a", "."},           {"a/", "a", "."},
-      {"/a", "a", "/"},          {"/a/b", "b", "/a"},
-      {"a/b//", "b", "a"},       {"//", "/", "/"},
-      {"/usr//lib/", "lib", "/usr"}, {"x//y", "y", "x"},
-      {"../f.c", "f.c", ".."},
+      {"/", "/", "/"},     {"", ".", "."},          {"a", "a", "."},
+      {"a/", "a", "."},    {"/a", "a", "/"},        {"/a/b", "b", "/a"},
+      {"a/b//", "b", "a"}, {"//", "/", "/"},        {"/usr//lib/", "lib", "/usr"},
+      {"x//y", "y", "x"},  {"../f.c", "f.c", ".."},
   };
   for (const Case &c : cases) {
     char buf[64];
@@ -142,24 +145,4 @@ TEST(PathTest, BaseNameAndDirName) {
   char small[4];
   EXPECT_STREQ(vepra_util_basename("/dir/abcdef", small, sizeof small), "abc");
   EXPECT_STREQ(vepra_util_dirname("/abcdef/x", small, sizeof small), "/ab");
-}
-
-TEST_F(LogTest, WritesToALogWithoutFileAreReportedOnStderr) {
-  vepra_log_t *failed = nullptr;
-  const std::string path = temp_path("no-such-dir") + "/log.txt";
-  vepra_error_clear(vepra_log_create(&failed, path.c_str(), pool_));
-  vepra_log_t *closed = nullptr;
-  ASSERT_EQ(vepra_log_create(&closed, temp_path("closed.log").c_str(), pool_), nullptr);
-  vepra_log_terminate(closed);
-  for (vepra_log_t *log : {failed, closed, static_cast<vepra_log_t *>(nullptr)}) {
-    testing::internal::CaptureStderr();
-    vepra_log_printf(log, "x");
-    vepra_log_dtprintf(log, "y");
-    vepra_log_errhandler("z", reinterpret_cast<FILE *>(log));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: Cannot write to log. \nError: The log file is not open. \n"
-              "Error: Cannot write to log. \nError: The log file is not open. \n"
-              "Error: Cannot write to log. \nError: The log file is not open. \n");
-  }
-  vepra_log_terminate(closed);  // a second terminate stays quiet
 }

@@ -32,22 +32,20 @@ std::string plist(const std::string &body) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
          "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
          "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-         "<plist version=\"1.0\">\n<dict>\n" + body + "</dict>\n</plist>\n";
+         "<plist version=\"1.0\">\n<dict>\n" +
+         body + "</dict>\n</plist>\n";
 }
 
 std::string version_plist(const std::string &version) {
-  return plist("  <key>ProductName</key>\n  <string>macOS</string>\n"
-               "  <key>ProductVersion</key>\n  <string>" + version + "</string>\n");
+  return plist(
+      "  <key>ProductName</key>\n  <string>macOS</string>\n"
+      "  <key>ProductVersion</key>\n  <string>" +
+      version + "</string>\n");
 }
 
 // body inside depth nested elements.
 std::string deep(int depth, const std::string &body) {
-  std::string open, close;
-  for (int i = 0; i < depth; ++i) {
-    open += "<a>";
-    close += "</a>";
-  }
-  return open + body + close;
+  return depth == 0 ? body : "<a>" + deep(depth - 1, body) + "</a>";
 }
 
 std::string write_temp(const std::string &name, const std::string &text) {
@@ -132,8 +130,9 @@ TEST_F(MachTest, AnswersMatchTheOperatingSystem) {
     const char *name;
     int family;
   } families[] = {{"Linux", 12}, {"Darwin", 20}, {"FreeBSD", 100}, {"Linuxish", 4},
-                  {"linux", 4},  {"Darwi", 4},   {"", 4},         {"GNU/kFreeBSD", 4}};
-  for (const auto &f : families) EXPECT_EQ(vepra::detail::mach_os_family(f.name), f.family) << f.name;
+                  {"linux", 4},  {"Darwi", 4},   {"", 4},          {"GNU/kFreeBSD", 4}};
+  for (const auto &f : families)
+    EXPECT_EQ(vepra::detail::mach_os_family(f.name), f.family) << f.name;
   EXPECT_EQ(vepra_mach_os(), vepra::detail::mach_os_family(u.sysname));
 
   // Where a real version file exists its text is not known here.
@@ -161,6 +160,5 @@ TEST_F(MachTest, AnswersMatchTheOperatingSystem) {
   ASSERT_TRUE(meminfo >> kib);
   EXPECT_NEAR(vepra_mach_physmem(), kib / 1024.0, 1.0);
 
-  EXPECT_EQ(std::to_string(vepra_getpid()),
-            std::filesystem::read_symlink("/proc/self").string());
+  EXPECT_EQ(std::to_string(vepra_getpid()), std::filesystem::read_symlink("/proc/self").string());
 }

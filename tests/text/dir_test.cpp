@@ -95,16 +95,19 @@ void reference_walk(const std::string &dir, bool recursive, Paths *out) {
 }
 
 TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
+  // Links to directories, loops, dangling links and a FIFO are never entered.
   build({"a.tif", "b.png", "c.txt", ".hidden.tif", "D.TIF", "star*.tif", "sub/", "sub/e.tif",
-         "sub/.f.png", "link.tif -> c.txt"});
+         "sub/.f.png", "link.tif -> c.txt", "loop -> .", "sub/up -> ..", "ping -> pong",
+         "pong -> ping", "dangling -> nowhere", "sub/empty/"});
+  ASSERT_EQ(mkfifo((root_ + "/fifo").c_str(), 0644), 0);
   struct Case {
     const char *include;
     const char *exclude;
   } cases[] = {
-      {"*.tif;*.png", nullptr}, {"*.tif;*.png", "*b*"}, {nullptr, "*.tif"},
-      {"*.TIF", nullptr},       {"*/.*", nullptr},      {"*\\**", nullptr},
-      {"*/[a-c].*;;", nullptr}, {"", nullptr},          {";", "x"},
-      {"*sub/*", "*/.*"},       {"*/?.*", "*.png;*.txt"},
+      {nullptr, nullptr}, {"*.tif;*.png", nullptr}, {"*.tif;*.png", "*b*"},
+      {nullptr, "*.tif"}, {"*.TIF", nullptr},       {"*/.*", nullptr},
+      {"*\\**", nullptr}, {"*/[a-c].*;;", nullptr}, {"", nullptr},
+      {";", "x"},         {"*sub/*", "*/.*"},       {"*/?.*", "*.png;*.txt"},
   };
   // The same patterns in the C library's flag values.
   auto fnm_flags = [](uint32_t f) {
@@ -125,6 +128,7 @@ TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
   };
   Paths all;
   reference_walk(root_, true, &all);
+  ASSERT_EQ(all.size(), 14u) << "regular files and links, in two directories";
   for (uint32_t low = 0; low < 16; ++low) {
     for (const Case &c : cases) {
       for (uint32_t recursive : {0u, uint32_t{VEPRA_DIR_RECURSIVE}}) {
@@ -151,20 +155,6 @@ TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
   EXPECT_EQ(seen, Paths{root_ + "/b.png"});
 }
 
-TEST_F(DirTest, OrderFollowsReaddirAndLinksAreNeverEntered) {
-  build({"f1", "d1/", "f2", "d1/g1", "d1/s/", "d1/s/h1", "d1/g2", "d2/", "d2/i1", "f3",
-         "loop -> .", "d1/up -> ..", "ping -> pong", "pong -> ping", "dangling -> nowhere",
-         "d2/empty/"});
-  ASSERT_EQ(mkfifo((root_ + "/fifo").c_str(), 0644), 0);
-  for (bool recursive : {false, true}) {
-    Paths seen, expected;
-    ASSERT_EQ(walk(nullptr, nullptr, recursive ? VEPRA_DIR_RECURSIVE : 0, &seen), nullptr);
-    reference_walk(root_, recursive, &expected);
-    EXPECT_EQ(seen, expected);
-    EXPECT_EQ(seen.size(), recursive ? 12u : 7u);
-  }
-}
-
 TEST_F(DirTest, CallbackFailuresAreReportedOrReturned) {
   build({"ok1", "fail1", "sub/", "sub/fail2", "sub/ok2"});
   Paths seen;
@@ -175,9 +165,9 @@ TEST_F(DirTest, CallbackFailuresAreReportedOrReturned) {
   EXPECT_EQ(out, "Error: refused fail1 \nError: refused fail2 \n");
 
   seen.clear();
-  EXPECT_EQ(take_printed(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE | VEPRA_DIR_STOP_ON_ERROR,
-                              &seen)),
-            "Error: Cannot traverse directories. \nError: refused fail1 ");
+  EXPECT_EQ(
+      take_printed(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE | VEPRA_DIR_STOP_ON_ERROR, &seen)),
+      "Error: Cannot traverse directories. \nError: refused fail1 ");
   EXPECT_EQ(seen.back(), root_ + "/fail1");
   EXPECT_LE(seen.size(), 2u);
 
@@ -197,11 +187,11 @@ TEST_F(DirTest, UnopenableDirectoriesFailWithTheirPath) {
   Paths seen;
   std::string missing = root_ + "/missing";
   EXPECT_EQ(take_printed(walk(nullptr, nullptr, 0, &seen, missing)),
-            "Error: Cannot traverse directories. \nError: (" + missing + "): " +
-                std::strerror(ENOENT) + " ");
-  EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
-            std::string("Error: Cannot traverse directories. \nError: ") + std::strerror(EINVAL) +
-                " ");
+            "Error: Cannot traverse directories. \nError: (" + missing +
+                "): " + std::strerror(ENOENT) + " ");
+  EXPECT_EQ(
+      take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
+      std::string("Error: Cannot traverse directories. \nError: ") + std::strerror(EINVAL) + " ");
 
   // A directory without read permission, also for a privileged user: the
   // capabilities that bypass permissions are dropped for this thread.
@@ -214,7 +204,8 @@ TEST_F(DirTest, UnopenableDirectoriesFailWithTheirPath) {
   reduced[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
   syscall(SYS_capset, &header, reduced);  // the probe below tells whether it took effect
   DIR *probe = opendir((root_ + "/locked").c_str());
-  vepra_error_t *e = probe == nullptr ? walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen) : nullptr;
+  vepra_error_t *e =
+      probe == nullptr ? walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen) : nullptr;
   syscall(SYS_capset, &header, caps);
   if (probe != nullptr) {
     closedir(probe);

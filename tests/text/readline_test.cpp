@@ -2,12 +2,11 @@
 // plain lines from pipes, and the terminal reader driven through a
 // pseudo-terminal whose settings the kernel reports.
 #include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -44,7 +43,8 @@ TEST_F(ReadlineTest, HistoryBrowsingKeepsTheEditedLine) {
   vepra_ri_readline_growbuffer(rl, 4);
   std::strcpy(rl->line, "abc");
   std::string seen;
-  for (int i = 0; i < 3; ++i) seen += std::to_string(vepra_ri_readline_hist(rl, 1)) + rl->line + ",";
+  for (int i = 0; i < 3; ++i)
+    seen += std::to_string(vepra_ri_readline_hist(rl, 1)) + rl->line + ",";
   EXPECT_EQ(seen, "1b,1a,0a,");
   EXPECT_EQ(vepra_ri_readline_hist(rl, 0), 1);
   EXPECT_STREQ(rl->line, "b");
@@ -61,7 +61,21 @@ TEST_F(ReadlineTest, HistoryBrowsingKeepsTheEditedLine) {
   vepra_ri_readline_terminate(rl);
 }
 
-TEST_F(ReadlineTest, WithoutReaderDrawsPromptAndFails) {
+// A reader over a byte string, ending with a chosen status.
+struct Script {
+  std::string bytes;
+  int last = VEPRA_RI_END_OF_INPUT;
+  size_t pos = 0;
+  static int next(void *user) {
+    auto *s = static_cast<Script *>(user);
+    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
+  }
+};
+
+// The prompt is drawn on a blanked console line, also when no reader is
+// set; while the line fits, typing at its end echoes only the typed byte,
+// and the byte that makes it too wide redraws it scrolled.
+TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
   for (uint32_t echo : {0u, 1u}) {
     vepra_ri_readline_t *rl = make("name> ", echo);
     testing::internal::CaptureStdout();
@@ -73,18 +87,24 @@ TEST_F(ReadlineTest, WithoutReaderDrawsPromptAndFails) {
     EXPECT_STREQ(rl->line, "");
     vepra_ri_readline_terminate(rl);
   }
-}
-
-// A reader over a byte string, ending with a chosen status.
-struct Script {
-  std::string bytes;
-  int last = VEPRA_RI_END_OF_INPUT;
-  size_t pos = 0;
-  static int next(void *user) {
-    auto *s = static_cast<Script *>(user);
-    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
+  vepra_ri_readline_t *rl = make("> ", 1);
+  rl->width = 6;  // room for three characters after the prompt
+  Script script{"abcd\r"};
+  vepra_ri_readline_set_reader(rl, Script::next, &script);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "> abc\r     \r> bcd\r> bcd\n");
+  // A width that is not positive becomes 80; one column stays one column.
+  for (auto [width, used] : {std::pair{0, 80}, {1, 1}}) {
+    rl->width = width;
+    script = {"x\r"};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(rl->width, used);
   }
-};
+  vepra_ri_readline_terminate(rl);
+}
 
 TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
   struct Case {
@@ -101,8 +121,10 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
       {"ab", 256, VEPRA_E_CONSOLE_CHAR, "ab"},
       {"ab\x1b[", VEPRA_RI_READ_ERROR, VEPRA_E_CONSOLE_CHAR, "ab"},
       {"ab\x1b", VEPRA_RI_END_OF_INPUT, 0, "ab"},
-      {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},  // ESC then Enter keeps the Enter
+      {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},                  // ESC then Enter keeps the Enter
       {"a\x1b[\xc3\xa9\x1bO\x7f\r", VEPRA_RI_READ_ERROR, 0, "a"},  // no byte is lost
+      {"ab\x1b[?1DX\r", VEPRA_RI_READ_ERROR, 0, "aXb"},            // '?' is a parameter byte
+      {"ab\x1b[D\x1b[39~\r", VEPRA_RI_READ_ERROR, 0, "ab"},        // 39, not Delete (3)
       {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
       {"\x04", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
   };
@@ -137,14 +159,22 @@ TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
     rl->width = static_cast<int32_t>(1 + rng() % 30);
     for (int k = rng() % 60; k > 0; --k) {
       switch (rng() % 9) {
-        case 0: case 1: case 2: {
+        case 0:
+        case 1:
+        case 2: {
           const char *c = pick(chars);
           keys += c;
           model.insert(model.begin() + static_cast<long>(cursor++), c);
           break;
         }
-        case 3: keys += pick(left); cursor -= cursor > 0; break;
-        case 4: keys += pick(right); cursor += cursor < model.size(); break;
+        case 3:
+          keys += pick(left);
+          cursor -= cursor > 0;
+          break;
+        case 4:
+          keys += pick(right);
+          cursor += cursor < model.size();
+          break;
         case 5:
           if (rng() % 2) {
             keys += pick(home);
@@ -160,8 +190,10 @@ TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
           break;
         case 7:
           keys += rng() % 2 ? "\x1b[3~" : "\x04";
-          if (keys.back() == '\x04' && model.empty()) keys.pop_back();  // would end the input
-          else if (cursor < model.size()) model.erase(model.begin() + static_cast<long>(cursor));
+          if (keys.back() == '\x04' && model.empty())
+            keys.pop_back();  // would end the input
+          else if (cursor < model.size())
+            model.erase(model.begin() + static_cast<long>(cursor));
           break;
         case 8:
           if (rng() % 2) {
@@ -198,7 +230,11 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
       {"one\ntwo", {"one", "two"}},
       {"\n\n", {"", ""}},
       {longline + "\n" + longline, {longline, longline}},
-      {std::string("a\0b\x1b[D\x7f" "c\n", 9), {"ab\x1b[D\x7f" "c"}},
+      {std::string("a\0b\x1b[D\x7f"
+                   "c\n",
+                   9),
+       {"ab\x1b[D\x7f"
+        "c"}},
   };
   for (bool terminal : {false, true}) {
     for (const Case &c : cases) {
@@ -246,121 +282,63 @@ TEST_F(ReadlineTest, AVanishingTerminalEndsTheRead) {
   vepra_ri_readline_terminate(rl);
 }
 
-// What a child reading one line from a pseudo-terminal reported.
-struct PtyRun {
-  int code = -1;
-  std::string line;
-  bool restored = false;   // the child's settings after equal those before
-  bool raw = false;        // no echo and no line editing while reading
-  std::string screen;      // what the child drew
-};
-
 bool same_settings(const termios &a, const termios &b) {
   return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
          a.c_lflag == b.c_lflag && std::memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0;
 }
 
-// Forks a child on a new pseudo-terminal that reads one line with the
-// terminal reader; types keys once the prompt shows.
-PtyRun run_in_pty(const std::vector<std::string> &history, const std::string &keys) {
-  PtyRun run;
-  int report[2];
-  if (pipe(report) != 0) return run;
-  int master = -1;
-  winsize ws{};
-  ws.ws_col = 40;
-  ws.ws_row = 24;
-  pid_t pid = forkpty(&master, nullptr, nullptr, &ws);
-  if (pid == 0) {
-    close(report[0]);
-    termios before{}, after{};
-    tcgetattr(0, &before);
-    vepra_ri_readline_t *rl = nullptr;
-    vepra_error_t *e = vepra_ri_readline_init(&rl, "pty> ", 1, vepra_pool);
-    for (const std::string &h : history)
-      if (e == nullptr) e = vepra_ri_readline_addhist(h.c_str(), rl);
-    if (e == nullptr) {
-      vepra_ri_readline_set_terminal(rl, 0);
-      e = vepra_ri_readline(nullptr, rl);
-    }
-    tcgetattr(0, &after);
-    std::string out = std::to_string(e != nullptr ? e->code : 0) + "\n" +
-                      (same_settings(before, after) ? "1" : "0") + "\n" +
-                      (rl != nullptr ? rl->line : "");
-    (void)!write(report[1], out.data(), out.size());
-    _exit(0);
-  }
-  close(report[1]);
-  if (pid < 0) return run;
-  std::string result;
-  bool typed = false;
-  for (bool open = true; open;) {
-    pollfd fds[2] = {{master, POLLIN, 0}, {report[0], POLLIN, 0}};
-    if (poll(fds, 2, 10000) <= 0) break;  // a hung child fails the test below
-    char buf[4096];
-    if (fds[0].revents & POLLIN) {
-      ssize_t n = read(master, buf, sizeof buf);
-      if (n > 0) run.screen.append(buf, static_cast<size_t>(n));
-    }
-    if (fds[1].revents & (POLLIN | POLLHUP)) {
-      ssize_t n = read(report[0], buf, sizeof buf);
-      if (n > 0) result.append(buf, static_cast<size_t>(n));
-      open = n > 0;
-    }
-    if (!typed && run.screen.find("pty> ") != std::string::npos) {
-      termios during{};
-      tcgetattr(master, &during);
-      run.raw = (during.c_lflag & (ICANON | ECHO | ISIG)) == 0;
-      (void)!write(master, keys.data(), keys.size());
-      typed = true;
-    }
-  }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-  close(report[0]);
-  close(master);
-  size_t a = result.find('\n'), b = result.find('\n', a + 1);
-  if (a == std::string::npos || b == std::string::npos) return run;
-  run.code = std::stoi(result.substr(0, a));
-  run.restored = result.substr(a + 1, b - a - 1) == "1";
-  run.line = result.substr(b + 1);
-  return run;
-}
-
-TEST(ReadlineTerminalTest, KeysEditTheLineAndSettingsAreRestored) {
-  int probe_master = -1, probe_slave = -1;
-  if (openpty(&probe_master, &probe_slave, nullptr, nullptr, nullptr) != 0)
-    GTEST_SKIP() << "no pseudo-terminals here";
-  close(probe_master);
-  close(probe_slave);
-  ASSERT_EQ(vepra_initialize(), 0);
-  const std::string left = "\x1b[D", up = "\x1b[A", down = "\x1b[B";
+// The terminal reader on a 40-column pseudo-terminal, with two history
+// entries: keys are typed once the terminal is in raw mode, which must
+// leave no echo, line editing or signal keys; the settings are restored
+// afterwards, and the prompt and line are drawn on standard output.
+TEST_F(ReadlineTest, TerminalKeysEditTheLineAndSettingsAreRestored) {
+  const std::string up = "\x1b[A", down = "\x1b[B";
   struct Case {
     std::string keys;
     int code;
     std::string line;
-  } cases[] = {  // the editing keys themselves are the model test's
+  } cases[] = {
       {"abc\r", 0, "abc"},
-      {"abc" + left + left + "X\r", 0, "aXbc"},
-      {"a\xc3\xa9\xe2\x82\xac" + left + "\x7f\r", 0, "a\xe2\x82\xac"},
-      {std::string(100, 'w') + "\x01" "v\r", 0, "v" + std::string(100, 'w')},
-      {"new" + up + "\r", 0, "second"},
+      {std::string(100, 'w') + "\x01v\r", 0, "v" + std::string(100, 'w')},
       {up + up + up + "\r", 0, "first"},
       {"new" + up + up + down + down + "\r", 0, "new"},
       {"new" + up + "!" + "\r", 0, "second!"},
       {"ab\x03", VEPRA_E_CONSOLE_HALTED, "ab"},
   };
   for (const Case &c : cases) {
-    PtyRun run = run_in_pty({"first", "second"}, c.keys);
-    EXPECT_EQ(run.code, c.code) << c.keys;
-    EXPECT_EQ(run.line, c.line) << c.keys;
-    EXPECT_TRUE(run.raw) << c.keys;
-    EXPECT_TRUE(run.restored) << c.keys;
+    SCOPED_TRACE(c.keys);
+    int master = -1, slave = -1;
+    winsize ws{};
+    ws.ws_col = 40;
+    ws.ws_row = 24;
+    if (openpty(&master, &slave, nullptr, nullptr, &ws) != 0)
+      GTEST_SKIP() << "no pseudo-terminals here";
+    termios before{}, during{}, after{};
+    ASSERT_EQ(tcgetattr(slave, &before), 0);
+    std::thread typist([&] {  // a reader that never leaves line mode fails after 10 s
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (tcgetattr(master, &during) == 0 && (during.c_lflag & ICANON) != 0 &&
+             std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+      EXPECT_EQ(write(master, c.keys.data(), c.keys.size()), static_cast<ssize_t>(c.keys.size()));
+    });
+    vepra_ri_readline_t *rl = make("pty> ", 1, {"first", "second"});
+    vepra_ri_readline_set_terminal(rl, slave);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), c.code);
+    const std::string screen = testing::internal::GetCapturedStdout();
+    typist.join();
+    EXPECT_EQ(std::string(rl->line), c.line);
+    EXPECT_EQ(during.c_lflag & (ICANON | ECHO | ISIG), 0u);
+    ASSERT_EQ(tcgetattr(slave, &after), 0);
+    EXPECT_TRUE(same_settings(before, after));
     if (c.code == 0 && c.line.size() < 30) {
-      EXPECT_NE(run.screen.find("pty> " + c.line), std::string::npos) << run.screen;
+      EXPECT_NE(screen.find("pty> " + c.line), std::string::npos) << screen;
     }
+    vepra_ri_readline_terminate(rl);
+    close(master);
+    close(slave);
   }
-  vepra_terminate();
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <random>
 #include <string>
 #include <vector>
@@ -163,6 +164,8 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
     EXPECT_EQ(vepra_str_psprintf(pool_, FORMAT, ARGS), want);
     ASSERT_EQ(vepra_str_asprintf(&q, FORMAT, ARGS), static_cast<int>(want.size()));
     EXPECT_EQ(take(q), want);
+    ASSERT_EQ(rpl_asprintf(&q, FORMAT, ARGS), static_cast<int>(want.size()));
+    EXPECT_EQ(take(q), want);
 
     std::fill(buf.begin(), buf.end(), '#');
     ASSERT_EQ(vepra_str_strlcpy(buf.data(), s, size), src.size());
@@ -184,6 +187,14 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
   EXPECT_EQ(vepra_str_asprintf(&q, "%s", ""), 0);
   EXPECT_EQ(take(q), "");
   EXPECT_EQ(vepra_str_asprintf(nullptr, "%d", 1), -1);
+  // Past any first guess of the size; a wide string the C locale cannot
+  // convert fails as in the C library.
+  const std::string wide(5000, 'w');
+  EXPECT_EQ(rpl_asprintf(&q, "%d|%s", -42, wide.c_str()), 5004);
+  EXPECT_EQ(take(q), "-42|" + wide);
+  const wchar_t euro[] = {0x20ac, 0};
+  EXPECT_EQ(rpl_asprintf(&q, "%ls", euro), -1);
+  EXPECT_EQ(asprintf(&q, "%ls", euro), -1);
 }
 
 }  // namespace
