@@ -592,7 +592,7 @@ vepra_error_t *plan_outputs(const Args &args, const Inputs &in, Outputs &out) {
   std::map<std::string, size_t> first;
   for (size_t i = 0; i < n; ++i) {
     std::string &path = out.paths[i];
-    path = target + (target.back() == '/' ? "" : "/") + in.relative[i];
+    path = target + (!target.empty() && target.back() == '/' ? "" : "/") + in.relative[i];
     struct stat st {};
     const auto [it, fresh] = first.emplace(path, i);
     if (!fresh) {

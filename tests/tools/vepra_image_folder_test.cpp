@@ -1,11 +1,9 @@
-// The commands of vepra-image that take one scan at a time, run over a
-// folder: the same results in the same order whatever the number of jobs,
-// a broken file reported while the others are done, and written results
-// mirroring the folder. Each result is compared with the program's own
-// result for that file alone.
+// vepra-image's commands that take a scan at a time, over a folder: the same
+// results in input order whatever the number of jobs, a broken file reported
+// while the others are done, written results mirroring the folder, each
+// result the same as the program's for that file alone.
 #include <sys/wait.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -125,21 +123,14 @@ TEST_F(FolderTest, EveryCommandGivesTheSameResultsInOrderWithAnyNumberOfJobs) {
       args.push_back(in(name));
       const ToolRun alone = run_tool(args);
       ASSERT_EQ(alone.status, 0) << alone.err;
-      if (c.writes) {
-        written[name] = slurp(root_ + "/single.tif");
-        continue;
-      }
+      if (c.writes) written[name] = slurp(root_ + "/single.tif");
       std::istringstream lines(alone.out);
       std::string line;
-      std::getline(lines, line);
-      if (table.empty()) table = "file\t" + line + "\n";
+      if (std::getline(lines, line) && table.empty()) table = "file\t" + line + "\n";
       while (std::getline(lines, line)) table += in(name) + "\t" + line + "\n";
     }
-    if (!c.writes) {
-      EXPECT_EQ(runs[0].out, table);
-      continue;
-    }
-    EXPECT_EQ(runs[0].out, "");
+    EXPECT_EQ(runs[0].out, table);
+    if (!c.writes) continue;
     EXPECT_EQ(tree(root_ + "/out0"), written);
     EXPECT_EQ(tree(root_ + "/out1"), written);
     fs::remove_all(root_ + "/out0");
