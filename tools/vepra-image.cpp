@@ -3,9 +3,10 @@
 // density), draws previews of measured regions, and writes a synthetic
 // sample scan for demonstrations.
 //
-// info and stats take files and directories (walked with the library's
-// traversal) and work on several files at once; their output keeps the
-// order of the input. Every failure is an error chain printed with
+// Every command that reads scans takes files and directories (walked with
+// the library's traversal) and works on several files at once; the output
+// keeps the order of the input, and the commands that write a file per
+// input mirror the directories under the output directory. Every failure is an error chain printed with
 // vepra_error_handle(); the exit status is 0 on success, 1 when a file or
 // an operation failed and 2 for a command line that cannot be understood.
 // Options and --help come from CLI11, JSON from nlohmann/json.
@@ -30,12 +31,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -117,7 +120,7 @@ const char *value_name(const std::string &key) {
   static const std::map<std::string, const char *> names = {
       {"--include", "PATTERNS"}, {"--exclude", "PATTERNS"}, {"--jobs", "N"},
       {"--histogram", "OUT.csv"}, {"--plot", "OUT.svg"},     {"--roi", "REGION"},
-      {"--rois", "FILE.csv"},     {"--ring", "R1,R2"},        {"--output", "OUT.tif"},
+      {"--rois", "FILE.csv"},     {"--ring", "R1,R2"},        {"--output", "OUT"},
       {"--percentiles", "P1,P2"}, {"--pixel-size", "UM"},     {"--sensitivity", "S"},
       {"--latitude", "L"},        {"--saturated", "D"},       {"--width", "W"},
       {"--height", "H"},          {"--pattern", "N"}};
@@ -328,20 +331,39 @@ vepra_error_t *collect_file(const char *path, void *user, apr_pool_t *) {
   }
 }
 
+// The files a command works on, and for each the name it has below the
+// operand it came from: its path relative to the directory walked, or the
+// base name of a file named on the command line. Outputs written to a
+// directory mirror these names.
+struct Inputs {
+  std::vector<std::string> files;
+  std::vector<std::string> relative;
+  bool any_directory = false;  // an operand was a directory
+};
+
+std::string base_name(const std::string &path) {
+  std::string p = path;
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  const size_t slash = p.rfind('/');
+  return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
 // The files named by operands: a file (or anything that is not a
 // directory) stands for itself; a directory for the files in it that pass
 // the patterns, found by vepra_dir_traverse() and sorted by name so that
 // the order does not depend on the file system. A directory that cannot
 // be walked is reported (status becomes 1) and the others go on.
-std::vector<std::string> expand_operands(const Args &args, int &status) {
-  std::vector<std::string> files;
+Inputs expand_operands(const Args &args, int &status) {
+  Inputs in;
   Pool pool;
   for (const std::string &operand : args.operands) {
     struct stat st {};
     if (stat(operand.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-      files.push_back(operand);
+      in.files.push_back(operand);
+      in.relative.push_back(base_name(operand));
       continue;
     }
+    in.any_directory = true;
     std::vector<std::string> found;
     vepra_dir_options_t options{};
     options.flags = args.has("--recursive") ? VEPRA_DIR_RECURSIVE | VEPRA_DIR_STOP_ON_ERROR
@@ -362,10 +384,16 @@ std::vector<std::string> expand_operands(const Args &args, int &status) {
                            args.has("--recursive") ? "" : " (add --recursive for subdirectories)"));
     }
     std::sort(found.begin(), found.end());
-    files.insert(files.end(), found.begin(), found.end());
+    for (const std::string &file : found) {
+      // The walk names every file "dir/..."; what follows is its own name.
+      size_t skip = file.compare(0, dir.size(), dir) == 0 ? dir.size() : 0;
+      while (skip < file.size() && file[skip] == '/') ++skip;
+      in.files.push_back(file);
+      in.relative.push_back(file.substr(skip));
+    }
     apr_pool_clear(pool.pool);
   }
-  return files;
+  return in;
 }
 
 // The processors this process may run on.
@@ -381,10 +409,19 @@ unsigned usable_processors() {
 
 // ------------------------------------------------------ parallel runner
 
-// What one file gave: text for standard output, or an error chain (owned
-// here until the runner prints it), and whatever the command keeps.
+// A piece of what one file gave: text for standard output, or an error
+// chain (owned here until the runner prints it).
+struct Part {
+  std::string text;
+  vepra_error_t *error = nullptr;
+};
+
+// What one file gave: parts printed in their order (a command that can
+// fail on some of a file's items and go on), then text for standard
+// output or an error chain, and whatever the command keeps.
 template <typename Extra>
 struct Outcome {
+  std::vector<Part> parts;
   std::string text;
   vepra_error_t *error = nullptr;
   Extra extra{};
@@ -434,13 +471,14 @@ class Progress {
   std::chrono::steady_clock::time_point start_, last_;
 };
 
-// Runs work on every file with up to `jobs` threads and hands the outcomes
-// to `done` in the order of files, on the calling thread; then its text goes
-// to standard output, its error chain is printed on standard error and
-// cleared (the status becomes 1). Returns that status.
+// Runs work on every file (given its index and name) with up to `jobs`
+// threads and hands the outcomes to `done` in the order of files, on the
+// calling thread; then its texts go to standard output, its error chains
+// are printed on standard error and cleared (the status becomes 1).
+// Returns that status.
 template <typename Extra>
 int run_files(const std::vector<std::string> &files, unsigned jobs,
-              const std::function<Outcome<Extra>(const std::string &)> &work,
+              const std::function<Outcome<Extra>(size_t, const std::string &)> &work,
               const std::function<void(size_t, Outcome<Extra> &)> &done) {
   const size_t n = files.size();
   std::vector<std::optional<Outcome<Extra>>> results(n);
@@ -451,7 +489,7 @@ int run_files(const std::vector<std::string> &files, unsigned jobs,
     for (size_t i; (i = next.fetch_add(1)) < n;) {
       Outcome<Extra> outcome;
       try {
-        outcome = work(files[i]);
+        outcome = work(i, files[i]);
       } catch (const std::exception &ex) {
         outcome.error = fail(VEPRA_E_ALLOC, "Cannot measure '%s': %s", files[i].c_str(), ex.what());
       }
@@ -485,13 +523,17 @@ int run_files(const std::vector<std::string> &files, unsigned jobs,
       results[i].reset();
     }
     done(i, outcome);  // may take what it keeps and adjust the text
-    // The line goes before anything else reaches the terminal.
-    if ((!outcome.text.empty() && stdout_terminal) || outcome.error != nullptr) progress.erase();
-    std::fwrite(outcome.text.data(), 1, outcome.text.size(), stdout);
-    if (outcome.error != nullptr) {
-      std::fflush(stdout);
-      status = report(outcome.error);
-      outcome.error = nullptr;
+    outcome.parts.push_back({std::move(outcome.text), outcome.error});
+    outcome.error = nullptr;
+    for (Part &part : outcome.parts) {
+      // The line goes before anything else reaches the terminal.
+      if ((!part.text.empty() && stdout_terminal) || part.error != nullptr) progress.erase();
+      std::fwrite(part.text.data(), 1, part.text.size(), stdout);
+      if (part.error != nullptr) {
+        std::fflush(stdout);
+        status = report(part.error);
+        part.error = nullptr;
+      }
     }
     progress.update(i + 1, i + 1 == n);
   }
@@ -503,15 +545,105 @@ int run_files(const std::vector<std::string> &files, unsigned jobs,
 
 // The files and the number of jobs of a command that takes files; false
 // (with status set) for a --jobs value that cannot be used.
-bool files_and_jobs(const Args &args, std::vector<std::string> &files, unsigned &jobs, int &status) {
+bool files_and_jobs(const Args &args, Inputs &inputs, unsigned &jobs, int &status) {
   unsigned long j = usable_processors();
   if (vepra_error_t *e = parse_count(args, "--jobs", 1024, &j)) {
     status = report(e, kUsage);
     return false;
   }
   jobs = unsigned(j);
-  files = expand_operands(args, status);
+  inputs = expand_operands(args, status);
   return true;
+}
+
+struct NoExtra {};
+
+// ------------------------------------------------------ written results
+
+// Where each input's result goes. With one file named on the command line
+// -o is the file to write. With several operands or a directory it names a
+// directory (made when missing) under which each result takes the input's
+// name below its operand, in subdirectories made as needed. A result that
+// would land where an earlier input's went, or on one of the inputs, is
+// refused rather than written over.
+struct Outputs {
+  std::vector<std::string> paths;
+  std::vector<std::string> refused;  // why an input gets no result, or ""
+};
+
+vepra_error_t *plan_outputs(const Args &args, const Inputs &in, Outputs &out) {
+  const std::string &target = args.get("--output");
+  const size_t n = in.files.size();
+  out.paths.assign(n, target);
+  out.refused.assign(n, {});
+  if (args.operands.size() == 1 && !in.any_directory) return nullptr;
+  if (n == 0) return nullptr;
+  std::error_code ec;
+  std::filesystem::create_directories(target, ec);
+  if (ec || !std::filesystem::is_directory(target, ec)) {
+    return fail(VEPRA_E_IO_OPEN, "Cannot make directory '%s': %s", target.c_str(),
+                (ec ? ec : std::make_error_code(std::errc::not_a_directory)).message().c_str());
+  }
+  std::set<std::pair<dev_t, ino_t>> inputs;
+  for (const std::string &file : in.files) {
+    struct stat st {};
+    if (stat(file.c_str(), &st) == 0) inputs.insert({st.st_dev, st.st_ino});
+  }
+  std::map<std::string, size_t> first;
+  for (size_t i = 0; i < n; ++i) {
+    std::string &path = out.paths[i];
+    path = target + (!target.empty() && target.back() == '/' ? "" : "/") + in.relative[i];
+    struct stat st {};
+    const auto [it, fresh] = first.emplace(path, i);
+    if (!fresh) {
+      out.refused[i] = "'" + path + "' is the result of '" + in.files[it->second] + "' already";
+    } else if (stat(path.c_str(), &st) == 0 && inputs.count({st.st_dev, st.st_ino}) != 0) {
+      out.refused[i] = "'" + path + "' is one of the input files";
+    }
+  }
+  return nullptr;
+}
+
+// Writes a result of `in` to `out`, or says why not.
+using Writer = std::function<vepra_error_t *(const std::string &in, const std::string &out)>;
+
+// The run of a command that writes one result per input (named `what` in
+// its messages): every input in parallel, the failures reported in the
+// order of the inputs. Returns the exit status.
+int run_writes(const Args &args, const char *what, const Writer &write) {
+  int status = 0;
+  Inputs inputs;
+  unsigned jobs = 1;
+  if (!files_and_jobs(args, inputs, jobs, status)) return status;
+  Outputs outputs;
+  if (vepra_error_t *e = plan_outputs(args, inputs, outputs)) {
+    return report(wrap(e, "Cannot write %s.", what));
+  }
+  const bool nested = args.operands.size() != 1 || inputs.any_directory;
+  const int s = run_files<NoExtra>(
+      inputs.files, jobs,
+      [&](size_t i, const std::string &path) {
+        Outcome<NoExtra> o;
+        const std::string &out = outputs.paths[i];
+        if (!outputs.refused[i].empty()) {
+          o.error = wrap(fail(VEPRA_E_IO_WRITE, "%s", outputs.refused[i].c_str()),
+                         "Cannot write %s of '%s'.", what, path.c_str());
+          return o;
+        }
+        std::error_code ec;
+        const std::filesystem::path parent = std::filesystem::path(out).parent_path();
+        if (nested && !parent.empty()) std::filesystem::create_directories(parent, ec);
+        if (ec) {
+          o.error = wrap(fail(VEPRA_E_IO_OPEN, "Cannot make directory '%s': %s",
+                              parent.c_str(), ec.message().c_str()),
+                         "Cannot write %s of '%s'.", what, path.c_str());
+          return o;
+        }
+        o.error = write(path, out);
+        return o;
+      },
+      [](size_t, Outcome<NoExtra> &) {});
+  return s != 0 ? s : status;
 }
 
 // A JSON text on one line; names that are not UTF-8 get U+FFFD.
@@ -553,8 +685,6 @@ std::string pages_text(const std::string &path, uint32_t &pages) {
   }
   return t;
 }
-
-struct NoExtra {};
 
 Outcome<NoExtra> info_of(const std::string &path, bool json) {
   Outcome<NoExtra> o;
@@ -627,13 +757,14 @@ Outcome<NoExtra> info_of(const std::string &path, bool json) {
 
 int run_info(const Args &args) {
   int status = 0;
-  std::vector<std::string> files;
+  Inputs inputs;
   unsigned jobs = 1;
-  if (!files_and_jobs(args, files, jobs, status)) return status;
+  if (!files_and_jobs(args, inputs, jobs, status)) return status;
+  const std::vector<std::string> &files = inputs.files;
   const bool json = args.has("--json");
   bool first = true;
   const int s = run_files<NoExtra>(
-      files, jobs, [json](const std::string &path) { return info_of(path, json); },
+      files, jobs, [json](size_t, const std::string &path) { return info_of(path, json); },
       [&](size_t, Outcome<NoExtra> &o) {
         // Text records are separated by an empty line.
         if (json || o.text.empty()) return;
@@ -785,9 +916,10 @@ vepra_error_t *write_plot(const std::string &out, const Histogram &h, const Figu
 
 int run_stats(const Args &args) {
   int status = 0;
-  std::vector<std::string> files;
+  Inputs inputs;
   unsigned jobs = 1;
-  if (!files_and_jobs(args, files, jobs, status)) return status;
+  if (!files_and_jobs(args, inputs, jobs, status)) return status;
+  const std::vector<std::string> &files = inputs.files;
   const bool plot = args.has("--plot");
   if (args.has("--log") && !plot) {
     return report(fail(0, "'--log' draws the counts of '--plot' only."), kUsage);
@@ -801,7 +933,7 @@ int run_stats(const Args &args) {
   std::optional<StatsExtra> plotted;
   if (!json) std::printf("file\tmin\tmax\tmean\tentropy\tthreshold\n");
   const int s = run_files<StatsExtra>(
-      files, jobs, [&](const std::string &path) { return stats_of(path, keep, json); },
+      files, jobs, [&](size_t, const std::string &path) { return stats_of(path, keep, json); },
       [&](size_t, Outcome<StatsExtra> &o) {
         if (o.text.empty()) return;  // failed
         if (plot) plotted = o.extra;
@@ -989,32 +1121,29 @@ bool measurable(const vepra_img_t &img) {
 using Measure = vepra_error_t *(*)(const MeasureOptions &, const vepra_img_t &, double **);
 
 int run_measure(const Args &args, const char *what, Measure measure) {
-  if (args.operands.size() != 1) {
-    return report(fail(0, "'%s' takes exactly one input file.", what), kUsage);
-  }
   if (!args.has("--output")) return report(fail(0, "'%s' needs -o OUT.tif.", what), kUsage);
   MeasureOptions options;
   if (vepra_error_t *e = parse_measure_options(args, options)) return report(e, kUsage);
-  const std::string &path = args.operands[0];
-  const std::string &out = args.get("--output");
-  Image img;
-  if (vepra_error_t *e = read_image(path, img)) return report(e);
-  const uint32_t h = img.rec.height, w = img.rec.width;
-  Doubles m;
-  double *no_rows[1] = {nullptr};
-  double **rows = no_rows;
-  if (!measurable(img.rec)) rows = nullptr;  // the library says why
-  else if (h > 0 && w > 0) {
-    if (vepra_error_t *e = m.alloc(h, w)) return report(wrap(e, "Cannot compute %s.", what));
-    rows = m.rows;
-  }
-  if (vepra_error_t *e = measure(options, img.rec, rows)) {
-    return report(wrap(e, "Cannot compute %s of '%s'.", what, path.c_str()));
-  }
-  if (vepra_error_t *e = vepra_img_darr_to_tiff(out.c_str(), rows, h, w)) {
-    return report(wrap(e, "Cannot write %s to '%s'.", what, out.c_str()));
-  }
-  return 0;
+  return run_writes(args, what, [&](const std::string &path, const std::string &out) {
+    Image img;
+    if (vepra_error_t *e = read_image(path, img)) return e;
+    const uint32_t h = img.rec.height, w = img.rec.width;
+    Doubles m;
+    double *no_rows[1] = {nullptr};
+    double **rows = no_rows;
+    if (!measurable(img.rec)) rows = nullptr;  // the library says why
+    else if (h > 0 && w > 0) {
+      if (vepra_error_t *e = m.alloc(h, w)) return wrap(e, "Cannot compute %s.", what);
+      rows = m.rows;
+    }
+    if (vepra_error_t *e = measure(options, img.rec, rows)) {
+      return wrap(e, "Cannot compute %s of '%s'.", what, path.c_str());
+    }
+    if (vepra_error_t *e = vepra_img_darr_to_tiff(out.c_str(), rows, h, w)) {
+      return wrap(e, "Cannot write %s to '%s'.", what, out.c_str());
+    }
+    return static_cast<vepra_error_t *>(nullptr);
+  });
 }
 
 vepra_error_t *measure_mask(const MeasureOptions &, const vepra_img_t &img, double **out) {
@@ -1165,35 +1294,21 @@ std::string cell(const char *format, double v) {
   return std::isnan(v) ? std::string("-") : printf_string(format, v);
 }
 
-int run_region_measure(const Args &args) {
-  if (args.operands.size() != 1) {
-    return report(fail(0, "'measure' takes exactly one input file."), kUsage);
-  }
-  int status = 0;
-  std::vector<Region> regions;
-  if (!read_regions(args, "measure", regions, status)) return status;
-  MeasureOptions options;
-  if (vepra_error_t *e = parse_measure_options(args, options)) return report(e, kUsage);
-  const bool psl = args.has("--psl");
-  if (!psl && (args.has("--pixel-size") || args.has("--sensitivity") || args.has("--latitude"))) {
-    return report(fail(0, "'--pixel-size', '--sensitivity' and '--latitude' need '--psl'."), kUsage);
-  }
-  const vepra_img_plate_t plate{options.pixel_size, options.sensitivity, options.latitude};
-  const bool json = args.has("--json");
-  const std::string &path = args.operands[0];
+// The lines of every region of path (each led by the file's name with
+// with_file), or the error of a region that cannot be measured.
+Outcome<NoExtra> regions_of(const std::string &path, const std::vector<Region> &regions,
+                            const vepra_img_plate_t *plate, bool json, bool with_file) {
+  Outcome<NoExtra> o;
   Image img;
-  if (vepra_error_t *e = read_image(path, img)) return report(e);
-
-  if (!json) {
-    std::printf("region\tarea\tsum\tmean\tmin\tmax\tring_area\tring_sum\tring_mean\tring_min\t"
-                "ring_max\tbackground\tcorrected%s\n",
-                psl ? "\tpsl_sum\tpsl_background\tpsl_corrected" : "");
+  if (vepra_error_t *e = read_image(path, img)) {
+    o.error = e;
+    return o;
   }
   for (const Region &r : regions) {
     vepra_img_measure_t m{};
-    if (vepra_error_t *e = vepra_img_measure_roi(&img.rec, &r.roi, psl ? &plate : nullptr, &m)) {
-      std::fflush(stdout);
-      status = report(wrap(e, "Cannot measure region '%s' of '%s'.", r.text.c_str(), path.c_str()));
+    if (vepra_error_t *e = vepra_img_measure_roi(&img.rec, &r.roi, plate, &m)) {
+      o.parts.push_back(
+          {{}, wrap(e, "Cannot measure region '%s' of '%s'.", r.text.c_str(), path.c_str())});
       continue;
     }
     if (json) {
@@ -1213,15 +1328,15 @@ int run_region_measure(const Args &args) {
       j["ring_max"] = m.ring.max;
       j["background"] = m.background;
       j["corrected"] = m.corrected;
-      if (psl) {
+      if (plate != nullptr) {
         j["psl_sum"] = m.region.psl_sum;
         j["psl_background"] = m.psl_background;
         j["psl_corrected"] = m.psl_corrected;
       }
-      std::fputs(json_line(j).c_str(), stdout);
+      o.parts.push_back({json_line(j), nullptr});
       continue;
     }
-    std::string line = escaped(r.text);
+    std::string line = (with_file ? escaped(path) + "\t" : std::string()) + escaped(r.text);
     for (const std::string &c :
          {cell("%.4f", m.region.area), cell("%.10g", m.region.sum), cell("%.4f", m.region.mean),
           cell("%.0f", m.region.min), cell("%.0f", m.region.max), cell("%.4f", m.ring.area),
@@ -1229,16 +1344,53 @@ int run_region_measure(const Args &args) {
           cell("%.0f", m.ring.max), cell("%.4f", m.background), cell("%.10g", m.corrected)}) {
       line += "\t" + c;
     }
-    if (psl) {
+    if (plate != nullptr) {
       for (const std::string &c : {cell("%.10g", m.region.psl_sum), cell("%.10g", m.psl_background),
                                    cell("%.10g", m.psl_corrected)}) {
         line += "\t" + c;
       }
     }
-    std::printf("%s\n", line.c_str());
+    o.parts.push_back({line + "\n", nullptr});
   }
-  std::fflush(stdout);
-  return status;
+  return o;
+}
+
+int run_region_measure(const Args &args) {
+  int status = 0;
+  std::vector<Region> regions;
+  if (!read_regions(args, "measure", regions, status)) return status;
+  MeasureOptions options;
+  if (vepra_error_t *e = parse_measure_options(args, options)) return report(e, kUsage);
+  const bool psl = args.has("--psl");
+  if (!psl && (args.has("--pixel-size") || args.has("--sensitivity") || args.has("--latitude"))) {
+    return report(fail(0, "'--pixel-size', '--sensitivity' and '--latitude' need '--psl'."), kUsage);
+  }
+  const vepra_img_plate_t plate{options.pixel_size, options.sensitivity, options.latitude};
+  const bool json = args.has("--json");
+  Inputs inputs;
+  unsigned jobs = 1;
+  if (!files_and_jobs(args, inputs, jobs, status)) return status;
+  // One file named on the command line keeps the table of its regions;
+  // several lead each line with the file's name.
+  const bool with_file = args.operands.size() != 1 || inputs.any_directory;
+  bool header = json;
+  const int s = run_files<NoExtra>(
+      inputs.files, jobs,
+      [&](size_t, const std::string &path) {
+        return regions_of(path, regions, psl ? &plate : nullptr, json, with_file);
+      },
+      [&](size_t, Outcome<NoExtra> &o) {
+        // The header comes with the first file that could be read.
+        if (header || o.error != nullptr) return;
+        header = true;
+        o.parts.insert(o.parts.begin(),
+                       {printf_string("%sregion\tarea\tsum\tmean\tmin\tmax\tring_area\tring_sum\t"
+                                      "ring_mean\tring_min\tring_max\tbackground\tcorrected%s\n",
+                                      with_file ? "file\t" : "",
+                                      psl ? "\tpsl_sum\tpsl_background\tpsl_corrected" : ""),
+                        nullptr});
+      });
+  return s != 0 ? s : status;
 }
 
 // --------------------------------------------------------------- overlay
@@ -1331,32 +1483,14 @@ size_t percentile(const Counts &h, uint64_t total, double p) {
   return h.nbins > 0 ? h.nbins - 1 : 0;
 }
 
-int run_overlay(const Args &args) {
-  if (args.operands.size() != 1) {
-    return report(fail(0, "'overlay' takes exactly one input file."), kUsage);
-  }
-  if (!args.has("--output")) return report(fail(0, "'overlay' needs -o OUT.tif."), kUsage);
-  int status = 0;
-  std::vector<Region> regions;
-  if (!read_regions(args, "overlay", regions, status)) return status;
-  double p_low = 1, p_high = 99;
-  if (args.has("--percentiles")) {
-    std::vector<double> v;
-    const std::string &text = args.get("--percentiles");
-    if (!parse_numbers(text, v) || v.size() != 2 || !(v[0] >= 0 && v[0] < v[1] && v[1] <= 100)) {
-      return report(fail(0, "Invalid percentiles '%s' for option '--percentiles': expected P1,P2 "
-                            "with 0 <= P1 < P2 <= 100.", text.c_str()), kUsage);
-    }
-    p_low = v[0];
-    p_high = v[1];
-  }
-  const std::string &path = args.operands[0];
-  const std::string &out = args.get("--output");
+// Draws the preview of path with regions on it and writes it to out.
+vepra_error_t *draw_preview(const std::string &path, const std::string &out,
+                            const std::vector<Region> &regions, double p_low, double p_high) {
   Image img;
-  if (vepra_error_t *e = read_image(path, img)) return report(e);
+  if (vepra_error_t *e = read_image(path, img)) return e;
   Counts hist;
   if (vepra_error_t *e = vepra_img_histogram(&img.rec, &hist.nbins, &hist.bins)) {
-    return report(wrap(e, "Cannot draw a preview of '%s'.", path.c_str()));
+    return wrap(e, "Cannot draw a preview of '%s'.", path.c_str());
   }
   const vepra_img_t &r = img.rec;
   const uint32_t w = r.width, h = r.height;
@@ -1378,7 +1512,7 @@ int run_overlay(const Args &args) {
   void *m = nullptr;
   if (vepra_error_t *e =
           vepra_mem_matrix_alloc(&m, sizeof(uint8_t), 0, int(h) - 1, 0, int(w) - 1)) {
-    return report(wrap(e, "Cannot draw a preview of '%s'.", path.c_str()));
+    return wrap(e, "Cannot draw a preview of '%s'.", path.c_str());
   }
   preview.rec.data8 = static_cast<uint8_t **>(m);
   Canvas canvas;
@@ -1397,12 +1531,34 @@ int run_overlay(const Args &args) {
     }
   }
   for (const Region &region : regions) {
-    if (vepra_error_t *e = draw_region(canvas, region.roi)) return report(e);
+    if (vepra_error_t *e = draw_region(canvas, region.roi)) return e;
   }
   if (vepra_error_t *e = vepra_img_write_tiff(out.c_str(), &preview.rec)) {
-    return report(wrap(e, "Cannot write preview to '%s'.", out.c_str()));
+    return wrap(e, "Cannot write preview to '%s'.", out.c_str());
   }
-  return 0;
+  return nullptr;
+}
+
+
+int run_overlay(const Args &args) {
+  if (!args.has("--output")) return report(fail(0, "'overlay' needs -o OUT.tif."), kUsage);
+  int status = 0;
+  std::vector<Region> regions;
+  if (!read_regions(args, "overlay", regions, status)) return status;
+  double p_low = 1, p_high = 99;
+  if (args.has("--percentiles")) {
+    std::vector<double> v;
+    const std::string &text = args.get("--percentiles");
+    if (!parse_numbers(text, v) || v.size() != 2 || !(v[0] >= 0 && v[0] < v[1] && v[1] <= 100)) {
+      return report(fail(0, "Invalid percentiles '%s' for option '--percentiles': expected P1,P2 "
+                            "with 0 <= P1 < P2 <= 100.", text.c_str()), kUsage);
+    }
+    p_low = v[0];
+    p_high = v[1];
+  }
+  return run_writes(args, "preview", [&](const std::string &path, const std::string &out) {
+    return draw_preview(path, out, regions, p_low, p_high);
+  });
 }
 
 // ----------------------------------------------------------------- synth
@@ -1511,6 +1667,23 @@ std::vector<OptionSpec> join(std::vector<OptionSpec> a, const std::vector<Option
   return a;
 }
 
+// What the commands that take directories say of them in --help.
+#define FOLDER_HELP                                                          \
+  "Directories stand for the TIFF files in them; files are worked on in\n"  \
+  "parallel, reported in the order given, and one that fails is reported\n" \
+  "while the others go on.\n"
+
+// ... and the commands that write a file per input.
+#define WRITE_HELP                                                             \
+  "With one input file, -o is the file to write. With several, or a\n"        \
+  "directory, -o is a directory (made when missing) that receives each\n"     \
+  "result under the input's path below its directory (a file named on the\n" \
+  "command line: its base name); two inputs with the same result path:\n"     \
+  "the later one fails rather than overwrite.\n" FOLDER_HELP
+
+constexpr const char *kOutputHelp =
+    "the file to write; with several inputs or a directory, the directory to write to";
+
 std::vector<Command> command_list() {
   return {
       {"info", "[--json] [-r] [--include P] [--exclude P] [-j N] PATH...",
@@ -1532,46 +1705,51 @@ std::vector<Command> command_list() {
                   {"--log", "--log", Kind::kFlag, "plot the counts on a logarithmic scale"},
                   {"--json", "--json", Kind::kFlag, "one JSON object per file and line"}}),
        run_stats, true},
-      {"measure", "FILE --roi REGION... [--rois FILE.csv] [--ring R1,R2] [--psl ...] [--json]",
+      {"measure",
+       "--roi REGION... [--rois FILE.csv] [--ring R1,R2] [--psl ...] [--json] [-r] [-j N] "
+       "PATH...",
        "Measures regions of a scan: one tab-separated line per region, after a\n"
        "header line: covered area (edge pixels by their coverage), sum, mean,\n"
        "minimum and maximum of the samples, the same for the background ring,\n"
        "the ring's mean as background and the background-corrected sum; with\n"
-       "--psl the sums in PSL as well.\n",
-       join(join(kRegionOptions,
-                 {{"--psl", "--psl", Kind::kFlag, "also give the sums in PSL"},
-                  {"--json", "--json", Kind::kFlag, "one JSON object per region and line"}}),
-            kPlateOptions),
+       "--psl the sums in PSL as well. With several files or a directory each\n"
+       "line starts with the file's name (column 'file').\n" FOLDER_HELP,
+       with_walk(join(join(kRegionOptions,
+                           {{"--psl", "--psl", Kind::kFlag, "also give the sums in PSL"},
+                            {"--json", "--json", Kind::kFlag,
+                             "one JSON object per region and line"}}),
+                      kPlateOptions)),
        run_region_measure, true},
-      {"overlay", "FILE --roi REGION... [--rois FILE.csv] [--ring R1,R2] -o OUT.tif",
+      {"overlay",
+       "--roi REGION... [--rois FILE.csv] [--ring R1,R2] -o OUT [-r] [-j N] PATH...",
        "Writes an 8-bit preview of the scan, contrast stretched between two\n"
        "percentiles, with the outlines of the regions and their rings drawn\n"
-       "antialiased on it.\n",
-       join(kRegionOptions,
-            {{"-o,--output", "--output", Kind::kValue, "the preview to write"},
-             {"--percentiles", "--percentiles", Kind::kValue,
-              "P1,P2: the stretch from black to white (default 1,99)"}}),
+       "antialiased on it.\n" WRITE_HELP,
+       with_walk(join(kRegionOptions,
+                      {{"-o,--output", "--output", Kind::kValue, kOutputHelp},
+                       {"--percentiles", "--percentiles", Kind::kValue,
+                        "P1,P2: the stretch from black to white (default 1,99)"}})),
        run_overlay, true},
-      {"mask", "FILE -o OUT.tif",
+      {"mask", "-o OUT [-r] [-j N] PATH...",
        "Writes the data mask (1 for pixels that are not white, 0 for white\n"
-       "ones) as a 16-bit TIFF scaled from 0 to 65535.\n",
-       {{"-o,--output", "--output", Kind::kValue, "the file to write"}}, run_mask, true},
-      {"psl", "FILE -o OUT.tif [--pixel-size UM] [--sensitivity S] [--latitude L]",
+       "ones) as a 16-bit TIFF scaled from 0 to 65535.\n" WRITE_HELP,
+       with_walk({{"-o,--output", "--output", Kind::kValue, kOutputHelp}}), run_mask, true},
+      {"psl", "-o OUT [--pixel-size UM] [--sensitivity S] [--latitude L] [-r] [-j N] PATH...",
        "Writes the photo-stimulated luminescence (Fuji relative intensity) as\n"
        "a 16-bit TIFF scaled linearly from its minimum to its maximum.\n"
        "UM lies above 0 and at most 10000, S from 1 to 1000000, L above 0 and at\n"
-       "most 10.\n",
-       join({{"-o,--output", "--output", Kind::kValue, "the file to write"}}, kPlateOptions),
+       "most 10.\n" WRITE_HELP,
+       with_walk(join({{"-o,--output", "--output", Kind::kValue, kOutputHelp}}, kPlateOptions)),
        run_psl, true},
-      {"density", "FILE -o OUT.tif [--saturated D]",
+      {"density", "-o OUT [--saturated D] [-r] [-j N] PATH...",
        "Writes the optical density as a 16-bit TIFF scaled linearly from its\n"
        "minimum to its maximum.\n"
        "Infinite values (black pixels of BlackIsZero images) are written as\n"
-       "65535, like the largest finite value.\n",
-       {{"-o,--output", "--output", Kind::kValue, "the file to write"},
-        {"--saturated", "--saturated", Kind::kValue,
-         "value for full-scale samples (default: log10 of the full scale under WhiteIsZero, 0 "
-         "under BlackIsZero)"}},
+       "65535, like the largest finite value.\n" WRITE_HELP,
+       with_walk({{"-o,--output", "--output", Kind::kValue, kOutputHelp},
+                  {"--saturated", "--saturated", Kind::kValue,
+                   "value for full-scale samples (default: log10 of the full scale under "
+                   "WhiteIsZero, 0 under BlackIsZero)"}}),
        run_density, true},
       {"synth", "-o OUT.tif [--width W] [--height H] [--pattern N]",
        "Writes a synthetic 16-bit BlackIsZero sample scan: a background\n"

@@ -4,11 +4,15 @@
 // accelerated paths the library takes here. --json gives the same for
 // scripts. Failures are printed with vepra_error_handle(); the exit status
 // is 0 on success, 1 when a query failed and 2 for a bad command line.
+// Options and --help come from CLI11, JSON from nlohmann/json.
 #define VEPRA_ERROR_NO_LOCATION 1
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -18,6 +22,8 @@ namespace {
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
+
+using Json = nlohmann::ordered_json;
 
 struct feature_name {
   uint64_t bit;
@@ -103,24 +109,6 @@ std::string size_text(uint64_t bytes) {
   return buf;
 }
 
-std::string json_string(const char *s) {
-  std::string out = "\"";
-  for (const char *p = s; *p != '\0'; ++p) {
-    const auto c = static_cast<unsigned char>(*p);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
 // What the program reports, gathered before anything is printed.
 struct report {
   char os_name[256] = {};
@@ -194,58 +182,52 @@ void print_text(const report &r) {
   }
 }
 
-void print_names(const std::vector<const char *> &names) {
-  std::printf("[");
-  for (size_t i = 0; i < names.size(); ++i) {
-    std::printf("%s%s", i == 0 ? "" : ", ", json_string(names[i]).c_str());
-  }
-  std::printf("]");
-}
-
-void print_json(const report &r) {
+Json json_of(const report &r) {
   const vepra_cpu_info_t &c = r.cpu;
-  std::printf("{\n  \"os\": {\"name\": %s, \"family\": %s, \"family_code\": %d},\n",
-              json_string(r.os_name).c_str(), json_string(family_name(r.os_family)).c_str(),
-              r.os_family);
-  std::printf("  \"processors\": %" PRIu32 ",\n  \"memory_mib\": %.1f,\n", r.processors,
-              r.memory_mib);
-  std::printf("  \"cpu\": {\n    \"vendor\": %s,\n    \"brand\": %s,\n",
-              json_string(c.vendor).c_str(), json_string(c.brand).c_str());
-  std::printf("    \"family\": %" PRIu32 ", \"model\": %" PRIu32 ", \"stepping\": %" PRIu32 ",\n",
-              c.family, c.model, c.stepping);
-  std::printf("    \"max_leaf\": %" PRIu32 ", \"max_ext_leaf\": %" PRIu32 ",\n", c.max_leaf,
-              c.max_ext_leaf);
-  std::printf("    \"hypervisor\": %s, \"hypervisor_vendor\": %s,\n",
-              c.hypervisor != 0 ? "true" : "false", json_string(c.hypervisor_vendor).c_str());
-  std::printf("    \"frequency_mhz\": %" PRIu32 ",\n    \"features\": ", c.frequency_mhz);
-  print_names(feature_names(c.features));
-  std::printf(",\n    \"os_sse\": %" PRIu32 ",\n    \"caches\": [", os_sse);
+  Json j;
+  j["os"] = {{"name", r.os_name}, {"family", family_name(r.os_family)},
+             {"family_code", r.os_family}};
+  j["processors"] = r.processors;
+  // Memory to a tenth of a MiB, as the text gives it.
+  char memory[64];
+  std::snprintf(memory, sizeof memory, "%.1f", r.memory_mib);
+  j["memory_mib"] = std::strtod(memory, nullptr);
+  Json cpu;
+  cpu["vendor"] = c.vendor;
+  cpu["brand"] = c.brand;
+  cpu["family"] = c.family;
+  cpu["model"] = c.model;
+  cpu["stepping"] = c.stepping;
+  cpu["max_leaf"] = c.max_leaf;
+  cpu["max_ext_leaf"] = c.max_ext_leaf;
+  cpu["hypervisor"] = c.hypervisor != 0;
+  cpu["hypervisor_vendor"] = c.hypervisor_vendor;
+  cpu["frequency_mhz"] = c.frequency_mhz;
+  cpu["features"] = feature_names(c.features);
+  cpu["os_sse"] = os_sse;
+  Json caches = Json::array();
   for (uint32_t i = 0; i < c.cache_count; ++i) {
     const vepra_cpu_cache_t &k = c.caches[i];
-    std::printf("%s\n      {\"level\": %" PRIu32 ", \"kind\": %s, \"size\": %" PRIu64
-                ", \"line_size\": %" PRIu32 ", \"ways\": %" PRIu32 ", \"sets\": %" PRIu32
-                ", \"shared_by\": %" PRIu32 "}",
-                i == 0 ? "" : ",", k.level, json_string(cache_kind(k.kind)).c_str(), k.size,
-                k.line_size, k.ways, k.sets, k.shared_by);
+    caches.push_back({{"level", k.level}, {"kind", cache_kind(k.kind)}, {"size", k.size},
+                      {"line_size", k.line_size}, {"ways", k.ways}, {"sets", k.sets},
+                      {"shared_by", k.shared_by}});
   }
+  cpu["caches"] = std::move(caches);
+  j["cpu"] = std::move(cpu);
   const vepra_cpu_topology_t &t = *r.topology;
-  std::printf("\n    ]\n  },\n  \"topology\": {\n    \"method\": %s, \"packages\": %" PRIu32
-              ", \"cores_per_package\": %" PRIu32 ", \"threads_per_core\": %" PRIu32
-              ",\n    \"processors\": [",
-              json_string(method_name(t.method)).c_str(), t.packages, t.cores_per_package,
-              t.threads_per_core);
+  Json processors = Json::array();
   for (uint32_t i = 0; i < t.count; ++i) {
     const vepra_cpu_logical_t &p = t.processors[i];
-    std::printf("%s\n      {\"cpu\": %" PRIu32 ", \"x2apic_id\": %" PRIu32 ", \"package\": %" PRIu32
-                ", \"core\": %" PRIu32 ", \"thread\": %" PRIu32 "}",
-                i == 0 ? "" : ",", p.os_index, p.apic_id, p.package, p.core, p.thread);
+    processors.push_back({{"cpu", p.os_index}, {"x2apic_id", p.apic_id}, {"package", p.package},
+                          {"core", p.core}, {"thread", p.thread}});
   }
-  std::printf("\n    ]\n  },\n  \"accelerated_paths\": {");
-  for (size_t i = 0; i < sizeof kPaths / sizeof kPaths[0]; ++i) {
-    std::printf("%s\n    %s: %s", i == 0 ? "" : ",", json_string(kPaths[i].name).c_str(),
-                path_taken(r, kPaths[i]) ? "true" : "false");
-  }
-  std::printf("\n  }\n}\n");
+  j["topology"] = {{"method", method_name(t.method)}, {"packages", t.packages},
+                   {"cores_per_package", t.cores_per_package},
+                   {"threads_per_core", t.threads_per_core}, {"processors", std::move(processors)}};
+  Json paths = Json::object();
+  for (const path &p : kPaths) paths[p.name] = path_taken(r, p);
+  j["accelerated_paths"] = std::move(paths);
+  return j;
 }
 
 vepra_error_t *gather(report *r, apr_pool_t *pool) {
@@ -258,27 +240,30 @@ vepra_error_t *gather(report *r, apr_pool_t *pool) {
   return err == nullptr ? nullptr : vepra_error_quick_wrap(err, "Cannot describe this machine.");
 }
 
-int usage(FILE *out, int status) {
-  std::fprintf(out,
-               "usage: vepra-sysinfo [--json]\n"
-               "Describes the operating system, memory and processors, and which\n"
-               "accelerated paths the vepra library takes on this machine.\n");
-  return status;
-}
+constexpr const char *kDescription =
+    "Describes the operating system, memory and processors, and which\n"
+    "accelerated paths the vepra library takes on this machine.";
 
 }  // namespace
 
 int main(int argc, char **argv) {
   bool json = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--json") == 0) {
-      json = true;
-    } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-      return usage(stdout, 0);
-    } else {
-      std::fprintf(stderr, "vepra-sysinfo: unknown argument '%s'\n", argv[i]);
-      return usage(stderr, kUsage);
-    }
+  CLI::App app{kDescription, "vepra-sysinfo"};
+  app.add_flag("--json", json, "print the same as one JSON object, for scripts");
+  app.allow_extras();  // reported below, by name
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp &) {
+    std::fputs(app.help().c_str(), stdout);
+    return 0;
+  } catch (const CLI::ParseError &e) {
+    std::fprintf(stderr, "vepra-sysinfo: %s\n%s", e.what(), app.help().c_str());
+    return kUsage;
+  }
+  if (!app.remaining().empty()) {
+    std::fprintf(stderr, "vepra-sysinfo: unknown argument '%s'\n%s", app.remaining()[0].c_str(),
+                 app.help().c_str());
+    return kUsage;
   }
   if (vepra_initialize() != 0) {
     std::fprintf(stderr, "vepra-sysinfo: the vepra library cannot be initialized\n");
@@ -293,7 +278,9 @@ int main(int argc, char **argv) {
     vepra_error_clear(err);
     status = kFailure;
   } else if (json) {
-    print_json(r);
+    std::fputs(json_of(r).dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str(),
+               stdout);
+    std::fputc('\n', stdout);
   } else {
     print_text(r);
   }
