@@ -75,6 +75,15 @@ TEST_F(LogTest, LogsWithoutFileReportOpenAndWriteFailures) {
   char buf[255];
   EXPECT_EQ(take_printed(e), "Error: Cannot create log. \nError: Can't open file '" + path +
                                  "' \nError: " + apr_strerror(APR_ENOENT, buf, sizeof buf) + " ");
+  // Null arguments: no out pointer makes nothing; no name fails the open.
+  const std::string einval = apr_strerror(APR_EINVAL, buf, sizeof buf);
+  EXPECT_EQ(take_printed(vepra_log_create(nullptr, path.c_str(), pool_)),
+            "Error: Cannot create log. \nError: " + einval + " ");
+  vepra_log_t *unnamed = nullptr;
+  EXPECT_EQ(take_printed(vepra_log_create(&unnamed, nullptr, pool_)),
+            "Error: Cannot create log. \nError: Can't open file '(null)' \nError: " + einval + " ");
+  ASSERT_NE(unnamed, nullptr);
+  EXPECT_EQ(unnamed->file, nullptr);
   vepra_log_t *closed = nullptr;
   ASSERT_EQ(vepra_log_create(&closed, temp_path("closed.log").c_str(), pool_), nullptr);
   vepra_log_terminate(closed);
