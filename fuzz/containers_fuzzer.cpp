@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <vector>
 
+#include "fuzz_common.hpp"
 #include "vepra_dl.h"
 #include "vepra_tree.h"
-#include "fuzz_bytes.hpp"
 
 namespace {
 
@@ -40,18 +40,14 @@ void run_list(Bytes &in) {
   std::vector<vepra_dl_t *> loose;  // unlinked nodes still to free
   int next_id = 1;
   auto index = [&](unsigned b) { return static_cast<size_t>(b % model.size()); };
-  auto move_to = [&](size_t i) {
-    list = vepra_dl_get_n(list, i);
-  };
   while (in.more() && model.size() < 4096) {
     unsigned op = in.next() % 9, arg = in.next();
     int k = next_id++;
     auto tag = static_cast<uint32_t>(arg % 5);
-    size_t handle = 0;
-    if (list != nullptr) {
-      handle = static_cast<size_t>(
-          std::find(model.begin(), model.end(), id_of(list->data)) - model.begin());
-    }
+    // The model's position of the node the list handle points at.
+    const auto handle =
+        list == nullptr ? 0
+                        : std::find(model.begin(), model.end(), id_of(list->data)) - model.begin();
     switch (op) {
       case 0:
         check(vepra_dlm_append(&list, tag, as_data(k), nullptr) == nullptr);
@@ -63,14 +59,14 @@ void run_list(Bytes &in) {
         break;
       case 2:
         check(vepra_dlm_add_after(&list, tag, as_data(k), nullptr) == nullptr);
-        model.insert(model.empty() ? model.end() : model.begin() + static_cast<long>(handle) + 1, k);
+        model.insert(model.empty() ? model.end() : model.begin() + handle + 1, k);
         break;
       case 3:
         check(vepra_dlm_add_before(&list, tag, as_data(k), nullptr) == nullptr);
-        model.insert(model.begin() + static_cast<long>(model.empty() ? 0 : handle), k);
+        model.insert(model.begin() + (model.empty() ? 0 : handle), k);
         break;
       case 4:
-        if (!model.empty()) move_to(index(arg));
+        if (!model.empty()) list = vepra_dl_get_n(list, index(arg));
         break;
       case 5:
         if (!model.empty()) {
@@ -174,13 +170,9 @@ void run_tree(Bytes &in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const bool initialized = vepra_initialize() == 0;
-  if (!initialized || size == 0) return 0;
+  vepra_fuzz::initialize();
+  if (size == 0) return 0;
   Bytes in{data + 1, size - 1};
-  if (data[0] & 1) {
-    run_tree(in);
-  } else {
-    run_list(in);
-  }
+  (data[0] & 1) != 0 ? run_tree(in) : run_list(in);
   return 0;
 }

@@ -1,29 +1,13 @@
 // Feeds arbitrary bytes to the general image reader. The reader works on
 // stdio streams by path, so each input is written to one scratch file that
 // is rewritten in place for every run.
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
-#include "fuzz_scratch_file.hpp"
-#include "vepra_error.h"
+#include "fuzz_common.hpp"
 #include "vepra_img.h"
 
-namespace {
-
+using vepra_fuzz::check;
 using vepra_fuzz::scratch_path;
-using vepra_fuzz::write_input;
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  if (vepra_initialize() != 0) std::abort();
-  scratch_path("tiff_read_fuzzer", ".tif");
-  return 0;
-}
 
 // Reads the scratch file with vepra_img_read (flags -1) or with
 // vepra_img_read_ex, the given flags and page, and checks the record.
@@ -34,7 +18,7 @@ void read_and_check(int flags, uint32_t page = 0) {
                                                    static_cast<uint32_t>(flags), page);
   if (e == nullptr) {
     // A successful read owns rows that cover the whole image.
-    if (img.type != 1) std::abort();
+    check(img.type == 1);
     const uint32_t last_row = img.height - 1, last_col = img.width - 1;
     if (img.data8 != nullptr) img.data8[last_row][last_col] ^= 1;
     if (img.data16 != nullptr) img.data16[last_row][last_col] ^= 1;
@@ -44,25 +28,23 @@ void read_and_check(int flags, uint32_t page = 0) {
     const bool header = flags >= 0 && (flags & VEPRA_IMG_READ_HEADER) != 0;
     const uint32_t c = img.compression;
     const bool decodable = c == 1 || c == 5 || c == 8 || c == 32773 || c == 32946 || c == 50000;
-    if (decoding && (!decodable || img.samples_per_pixel != 1 ||
-                     (img.bits_per_sample[0] != 8 && img.bits_per_sample[0] != 16))) {
-      std::abort();
-    }
-    if (decoding && !header && img.width > 0 && img.height > 0 &&
-        (img.bits_per_sample[0] == 8) != (img.data8 != nullptr)) {
-      std::abort();
-    }
-    if (header && (img.data8 != nullptr || img.data16 != nullptr)) std::abort();
-  } else if (img.data8 != nullptr || img.data16 != nullptr || img.strip_offsets != nullptr ||
-             img.strip_byte_counts != nullptr || img.software != nullptr) {
-    std::abort();  // a failed read must leave nothing behind
+    const uint32_t bits = img.bits_per_sample[0];
+    check(!decoding || (decodable && img.samples_per_pixel == 1 && (bits == 8 || bits == 16)));
+    check(!decoding || header || img.width == 0 || img.height == 0 ||
+          (bits == 8) == (img.data8 != nullptr));
+    check(!header || (img.data8 == nullptr && img.data16 == nullptr));
+  } else {
+    // A failed read must leave nothing behind.
+    check(img.data8 == nullptr && img.data16 == nullptr && img.strip_offsets == nullptr &&
+          img.strip_byte_counts == nullptr && img.software == nullptr);
   }
   vepra_error_clear(e);
   vepra_img_free(&img);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (!write_input(data, size)) return 0;
+  vepra_fuzz::initialize();
+  if (!vepra_fuzz::write_input(data, size)) return 0;
   read_and_check(-1);
   // The flagged reads: the plain one chosen by the header's fourth byte,
   // which the plain readers do not look at, then the decoding reads of

@@ -87,7 +87,7 @@ demo() {
 fuzz_seconds() {
   case $1 in
     tiff_read_fuzzer) echo 60 ;;
-    error_deserialize_fuzzer) echo 60 ;;
+    text_fuzzer) echo 210 ;;  # six targets
     *) echo 30 ;;
   esac
 }

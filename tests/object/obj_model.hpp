@@ -1,14 +1,14 @@
 // A reference model of objects, children and signals, written from the
-// rules of the object engine with plain vectors and indexes, and the random
-// operations that drive the engine and the model side by side.
+// rules of the object engine with plain vectors and indexes, and the
+// byte-coded operations that drive the engine and the model side by side.
 #ifndef VEPRA_TESTS_OBJECT_OBJ_MODEL_HPP
 #define VEPRA_TESTS_OBJECT_OBJ_MODEL_HPP
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -40,16 +40,24 @@ struct Sig {
   bool busy = false;
   std::vector<Dest> dests;
   size_t queued = 0;  // compared only; the model keeps its queue in acts
-  bool operator==(const Sig &o) const {
-    return code == o.code && busy == o.busy && dests == o.dests && queued == o.queued;
-  }
+  bool operator==(const Sig &) const = default;
 };
 
 // One thing a test run does: at top level, or from inside a slot (the
 // slot's usr selects an entry of the nested table).
 enum class Kind {
-  kCreate, kAddSignal, kConnect, kDisconnect, kEmit, kRemove, kDeleteSignals,
-  kAddChild, kRemoveByName, kRemoveChild, kRename, kDestroy
+  kCreate,
+  kAddSignal,
+  kConnect,
+  kDisconnect,
+  kEmit,
+  kRemove,
+  kDeleteSignals,
+  kAddChild,
+  kRemoveByName,
+  kRemoveChild,
+  kRename,
+  kDestroy
 };
 struct Op {
   Kind kind;
@@ -57,8 +65,8 @@ struct Op {
   int code = 1;
   int cb = 0;
   uintptr_t usr = 0;
-  int name = -1;  // index into kNames, -1 for none
-  bool here = false;  // nested: acts on the emitting object and signal
+  int name = -1;         // index into kNames, -1 for none
+  bool here = false;     // nested: acts on the emitting object and signal
   bool to_dest = false;  // nested: its other object is the slot's dest
 };
 
@@ -154,7 +162,8 @@ class Model {
       s->acts.push_back({1, static_cast<int>(code), src, dest, usr, cb});
       return 0;
     }
-    auto d = std::find_if(s->dests.begin(), s->dests.end(), [&](auto &x) { return x.dest == dest; });
+    auto d =
+        std::find_if(s->dests.begin(), s->dests.end(), [&](auto &x) { return x.dest == dest; });
     if (d == s->dests.end()) {
       s->dests.push_back({dest, {{usr, cb}}});
     } else {
@@ -297,8 +306,8 @@ class Model {
   void release_peers(int o) {
     std::vector<int> peers;
     for (auto &d : find(o, 1)->dests)
-      if (d.dest != o && std::any_of(d.slots.begin(), d.slots.end(),
-                                     [](auto &s) { return s.cb == kAuto; }))
+      if (d.dest != o &&
+          std::any_of(d.slots.begin(), d.slots.end(), [](auto &s) { return s.cb == kAuto; }))
         peers.push_back(d.dest);
     for (int p : peers) disconnect(p, -1, o, kAny);
   }
@@ -397,40 +406,33 @@ inline void Model::call(int cb, int src, unsigned code, int dest, uintptr_t usr)
   }
 }
 
-// Random operations. Codes 1 to 3; slots f0 to f2; usr picks a nested
+// Eight bytes from next make one operation on objects of the given list.
+// Codes 1 to 4 (4 is never added), slots f0 to f2, and usr picks a nested
 // operation (or none, past the end of the table).
-inline Op random_op(std::mt19937 &rng, const std::vector<int> &objects, bool nested) {
-  auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
-  auto any = [&] { return objects.empty() ? 0 : objects[pick(static_cast<int>(objects.size()))]; };
+template <class Next>
+Op decode(Next &next, const std::vector<int> &objects, bool nested) {
+  static constexpr Kind kTop[] = {Kind::kCreate,   Kind::kAddSignal,    Kind::kConnect,
+                                  Kind::kConnect,  Kind::kDisconnect,   Kind::kEmit,
+                                  Kind::kEmit,     Kind::kRemove,       Kind::kDeleteSignals,
+                                  Kind::kAddChild, Kind::kRemoveByName, Kind::kRemoveChild,
+                                  Kind::kRename,   Kind::kDestroy};
+  static constexpr Kind kNested[] = {Kind::kConnect, Kind::kDisconnect,   Kind::kEmit,
+                                     Kind::kRemove,  Kind::kAddSignal,    Kind::kAddChild,
+                                     Kind::kDestroy, Kind::kDeleteSignals};
+  unsigned b[8];
+  for (unsigned &v : b) v = next();
+  auto object = [&](unsigned v) { return objects.empty() ? 0 : objects[v % objects.size()]; };
   Op op;
-  op.x = any();
-  op.y = any();
-  op.code = 1 + pick(3);
-  op.cb = pick(3);
-  op.usr = static_cast<uintptr_t>(pick(16));
-  op.name = pick(3);
-  int r = pick(100);
-  if (nested) {
-    op.kind = r < 25 ? Kind::kConnect : r < 45 ? Kind::kDisconnect : r < 60 ? Kind::kEmit
-            : r < 72 ? Kind::kRemove : r < 84 ? Kind::kAddSignal : r < 92 ? Kind::kAddChild
-                     : Kind::kDestroy;
-  } else {
-    op.kind = r < 6 ? Kind::kCreate : r < 10 ? Kind::kAddSignal : r < 40 ? Kind::kConnect
-            : r < 48 ? Kind::kDisconnect : r < 76 ? Kind::kEmit : r < 79 ? Kind::kRemove
-            : r < 80 ? Kind::kDeleteSignals : r < 88 ? Kind::kAddChild
-            : r < 92 ? Kind::kRemoveByName : r < 95 ? Kind::kRemoveChild
-            : r < 98 ? Kind::kRename : Kind::kDestroy;
-  }
-  if (op.kind == Kind::kDisconnect) {
-    op.code = pick(4) == 0 ? -1 : 1 + pick(3);
-    if (pick(3) == 0) op.y = -1;
-    if (pick(3) == 0) op.cb = kAny;
-  }
-  if (op.kind == Kind::kCreate && pick(3) == 0) op.name = -1;
-  if (nested) {
-    op.here = pick(3) != 0;
-    op.to_dest = pick(2) == 0;
-  }
+  op.kind = nested ? kNested[b[0] % std::size(kNested)] : kTop[b[0] % std::size(kTop)];
+  const bool disconnect = op.kind == Kind::kDisconnect;
+  op.x = object(b[1]);
+  op.y = disconnect && b[2] % 5 == 0 ? -1 : object(b[2]);
+  op.code = disconnect && b[3] % 4 == 0 ? -1 : 1 + static_cast<int>(b[3] % 4);
+  op.cb = disconnect && b[4] % 4 == 3 ? kAny : static_cast<int>(b[4] % 3);
+  op.usr = b[5] % 16;
+  op.name = op.kind == Kind::kCreate && b[6] % 4 == 3 ? -1 : static_cast<int>(b[6] % 3);
+  op.here = nested && (b[7] & 1) != 0;
+  op.to_dest = nested && (b[7] & 2) != 0;
   return op;
 }
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "obj_model.hpp"
@@ -43,7 +44,9 @@ class Real {
   int depth = 0;
   int count() const { return static_cast<int>(objs_.size()); }
   bool alive(int i) const { return i >= 0 && i < count() && alive_[i]; }
-  int live_count() const { return static_cast<int>(std::count(alive_.begin(), alive_.end(), true)); }
+  int live_count() const {
+    return static_cast<int>(std::count(alive_.begin(), alive_.end(), true));
+  }
   vepra_obj_t *obj(int i) const { return i >= 0 && i < count() ? objs_[i] : nullptr; }
   int index_of(const vepra_obj_t *o) const {
     for (int i = 0; i < count(); ++i)
@@ -70,8 +73,8 @@ class Real {
   }
   int add_signal(int o, unsigned code) { return code_of(vepra_obj_add_signal(objs_[o], code)); }
   int connect(int s, unsigned code, int d, int cb, uintptr_t usr) {
-    return code_of(vepra_obj_connect(objs_[s], code, objs_[d], slot_fn(cb),
-                                     reinterpret_cast<void *>(usr)));
+    return code_of(
+        vepra_obj_connect(objs_[s], code, objs_[d], slot_fn(cb), reinterpret_cast<void *>(usr)));
   }
   void disconnect(int s, int code, int d, int cb) {
     vepra_obj_disconnect(objs_[s], code, obj(d), slot_fn(cb));
@@ -83,7 +86,9 @@ class Real {
   int remove_by_name(int p, int name) {
     return index_of(vepra_obj_removec(objs_[p], kNames[name], nullptr));
   }
-  int remove_child(int p, int c) { return index_of(vepra_obj_removec(objs_[p], nullptr, objs_[c])); }
+  int remove_child(int p, int c) {
+    return index_of(vepra_obj_removec(objs_[p], nullptr, objs_[c]));
+  }
   void rename(int o, int name) { vepra_obj_set_name(objs_[o], kNames[name]); }
   void destroy(int o) { vepra_obj_destroy(objs_[o]); }
 
@@ -92,7 +97,9 @@ class Real {
     UT_array *arr = objs_[o]->signals;
     for (unsigned i = 0; arr != nullptr && i < utarray_len(arr); ++i) {
       auto *s = static_cast<osig *>(utarray_eltptr(arr, i));
-      Sig sig{s->code, (s->flags & VEPRA_SIG_BUSY) != 0, {},
+      Sig sig{s->code,
+              (s->flags & VEPRA_SIG_BUSY) != 0,
+              {},
               s->actions != nullptr ? utarray_len(s->actions) : 0};
       for (osigdest *d = s->destinations; d != nullptr; d = static_cast<osigdest *>(d->hh.next)) {
         Dest dest{index_of(d->dest), {}};
@@ -138,8 +145,8 @@ class Real {
     log_->push_back({f, index_of(src), static_cast<int>(code), index_of(dest), usr});
     if (depth < kMaxDepth && usr < nested_->size()) {
       ++depth;
-      int r = apply(*this, localise((*nested_)[usr], index_of(src), static_cast<int>(code),
-                                    index_of(dest)));
+      int r = apply(
+          *this, localise((*nested_)[usr], index_of(src), static_cast<int>(code), index_of(dest)));
       --depth;
       log_->push_back({-1, r, 0, 0, 0});
     }
@@ -151,6 +158,47 @@ class Real {
   std::vector<bool> alive_;
   std::vector<apr_pool_t *> homes_;
 };
+
+// Carries out the operations that data encodes on the engine and on the
+// model: eight bytes for each entry of the nested table, then eight for
+// each top-level operation. After every step both must give the same
+// result, the same slot calls in the same order, and the same objects,
+// signals, destinations, slots, children, parents and name index. Returns
+// "" when they agree throughout, else the first difference. Everything is
+// destroyed at the end.
+inline std::string run_ops(const uint8_t *data, size_t size) {
+  size_t at = 0;
+  auto next = [&] { return at < size ? unsigned{data[at++]} : 0u; };
+  std::vector<Op> nested;
+  const std::vector<int> first{0, 1, 2, 3, 4, 5};
+  for (int i = 0; i < 8; ++i) nested.push_back(decode(next, first, true));
+  std::vector<Entry> real_log, model_log;
+  Real real(&nested, &real_log);
+  Model model(&nested, &model_log);
+  for (int i = 0; i < 3; ++i) {
+    const Op op{Kind::kCreate, 0, -1, 1, 0, 0, i};
+    if (apply(real, op) != apply(model, op)) return "create";
+  }
+  for (int step = 0; step < 256 && at < size; ++step) {
+    const Op op = decode(next, model.live(), false);
+    const std::string where =
+        "step " + std::to_string(step) + " kind " + std::to_string(static_cast<int>(op.kind));
+    if (apply(real, op) != apply(model, op)) return where + ": result";
+    if (real_log != model_log) return where + ": slot calls";
+    if (real.count() != model.count()) return where + ": objects";
+    for (int i = 0; i < model.count(); ++i) {
+      const std::string object = where + ": object " + std::to_string(i);
+      if (real.alive(i) != model.alive(i)) return object + " alive";
+      if (!model.alive(i)) continue;
+      if (real.signals(i) != model.signals(i)) return object + " signals";
+      if (real.children(i) != model.objs[i].children) return object + " children";
+      if (real.index_of(real.obj(i)->parent) != model.objs[i].parent) return object + " parent";
+      for (const auto &[name, child] : model.objs[i].index)
+        if (vepra_obj_getc(real.obj(i), name.c_str()) != real.obj(child)) return object + " index";
+    }
+  }
+  return "";
+}
 
 }  // namespace obj_model
 

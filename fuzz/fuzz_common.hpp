@@ -1,0 +1,60 @@
+// What the fuzzers share: the check that ends a run on a broken invariant,
+// the library's initialisation, a reader of the input's bytes, and one
+// scratch file of the process for targets that read files.
+#ifndef VEPRA_FUZZ_FUZZ_COMMON_HPP
+#define VEPRA_FUZZ_FUZZ_COMMON_HPP
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "vepra_error.h"
+
+namespace vepra_fuzz {
+
+inline void check(bool ok) {
+  if (!ok) std::abort();
+}
+
+// Initialises the library once; nothing can be fuzzed without it.
+inline void initialize() {
+  static const bool ready = vepra_initialize() == 0;
+  check(ready);
+}
+
+// Hands out the input's bytes in order; 0 once they run out.
+struct Bytes {
+  const uint8_t *data;
+  size_t size;
+  size_t at = 0;
+  bool more() const { return at < size; }
+  unsigned next() { return at < size ? data[at++] : 0; }
+};
+
+// The scratch file's path, $TMPDIR/vepra_fuzz.<pid>, removed at exit.
+inline const std::string &scratch_path() {
+  static const std::string path = [] {
+    const char *dir = std::getenv("TMPDIR");
+    std::string p =
+        std::string(dir != nullptr ? dir : "/tmp") + "/vepra_fuzz." + std::to_string(getpid());
+    std::atexit([] { std::remove(scratch_path().c_str()); });
+    return p;
+  }();
+  return path;
+}
+
+// Writes size bytes of data as the whole scratch file.
+inline bool write_input(const uint8_t *data, size_t size) {
+  FILE *f = std::fopen(scratch_path().c_str(), "wb");
+  if (f == nullptr) return false;
+  const bool ok = std::fwrite(data, 1, size, f) == size;
+  return std::fclose(f) == 0 && ok;
+}
+
+}  // namespace vepra_fuzz
+
+#endif  // VEPRA_FUZZ_FUZZ_COMMON_HPP
