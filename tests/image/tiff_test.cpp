@@ -730,9 +730,23 @@ TEST_F(TiffTest, EditedLibtiffFiles) {
     set_value(b, TIFFTAG_IMAGELENGTH, 2);
     set_value(b, TIFFTAG_ROWSPERSTRIP, 2);
   };
-  // A map of the levels, reversed or not, in every channel or in red and green only.
-  auto palette = [](uint16_t bits, bool gray, bool reversed) {
-    return [=](TIFF *t) {
+  auto tagged = [](int tag, uint32_t value, int tag2 = 0, uint32_t value2 = 0) {
+    Shape s;
+    s.tags = {{tag, value}};
+    if (tag2 != 0) s.tags.emplace_back(tag2, value2);
+    return s;
+  };
+  auto with = [](Shape s, uint16_t compression) {
+    s.compression = compression;
+    return s;
+  };
+  // An 8- or 16-bit file with a map of the levels, reversed or not, in
+  // every channel or in red and green only.
+  auto paletted = [](uint16_t bits, bool gray, bool reversed) {
+    Shape s;
+    s.bits = bits;
+    s.photometric = PHOTOMETRIC_PALETTE;
+    s.fields = [=](TIFF *t) {
       std::vector<uint16_t> map(size_t{1} << bits), blue(map.size());
       for (size_t i = 0; i < map.size(); ++i) {
         map[i] = uint16_t((reversed ? map.size() - 1 - i : i) * (bits == 8 ? 257 : 1));
@@ -740,124 +754,85 @@ TEST_F(TiffTest, EditedLibtiffFiles) {
       }
       TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data(), blue.data());
     };
+    return s;
   };
   // ResolutionUnit 1, as Python's tifffile writes it by default.
-  auto no_unit = [](TIFF *t) {
+  Shape no_unit;
+  no_unit.fields = [](TIFF *t) {
     TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
     TIFFSetField(t, TIFFTAG_XRESOLUTION, 72.0f);
     TIFFSetField(t, TIFFTAG_YRESOLUTION, 72.0f);
   };
-  const uint16_t lzw = COMPRESSION_LZW, deflate = COMPRESSION_ADOBE_DEFLATE,
-                 palette_kind = PHOTOMETRIC_PALETTE;
+  // A 32 x 2048 single strip declared as two rows.
+  const Shape bomb{.width = 32, .height = 2048, .bits = 8, .rows_per_strip = 2048};
+  const Shape plain, eight{.bits = 8};
+  const uint16_t lzw = COMPRESSION_LZW, deflate = COMPRESSION_ADOBE_DEFLATE;
+  const int structure = VEPRA_E_TIFF_STRUCTURE;
   const std::string depth = " is not supported: only 8- and 16-bit samples are read",
                     unsigned_only =
                         " supported: only 8- and 16-bit unsigned integer samples "
                         "are read",
                     one = " is not supported: only one sample per pixel is read",
+                    gray_first = " (convert the image to gray first)",
                     codecs =
                         " is not supported: only uncompressed, LZW, Deflate, ZSTD and "
                         "PackBits images are read (convert with: tiffcp -c none IN OUT)",
                     expands = "TIFF strip 0 holds more than its 64 bytes of pixels",
                     unit = "Unknown resolution units [1] in TIFF file";
-  // A 32 x 2048 single strip declared as two rows.
-  const Shape bomb{.width = 32, .height = 2048, .bits = 8, .rows_per_strip = 2048};
-  auto with = [](Shape s, uint16_t compression) {
-    s.compression = compression;
-    return s;
-  };
   const Case cases[] = {
-      {"plain", {}, {}, ""},
+      {"plain", plain, nullptr, ""},
       // libtiff, like Pillow, writes no SamplesPerPixel for one sample.
-      {"no SamplesPerPixel",
-       {},
-       [](Bytes &b) { EXPECT_EQ(entry_of(b, TIFFTAG_SAMPLESPERPIXEL), nullptr); },
-       ""},
-      {"planar 2, one sample", {.tags = {{TIFFTAG_PLANARCONFIG, 2}}}, {}, ""},
-      {"gray palette",
-       {.bits = 8, .photometric = palette_kind, .fields = palette(8, true, false)},
-       {},
-       ""},
-      {"reversed palette",
-       {.bits = 8, .photometric = palette_kind, .fields = palette(8, true, true)},
-       {},
-       "",
-       kStrict,
-       0,
+      {"no SamplesPerPixel", plain,
+       [](Bytes &b) { EXPECT_EQ(entry_of(b, TIFFTAG_SAMPLESPERPIXEL), nullptr); }, ""},
+      {"planar 2, one sample", tagged(TIFFTAG_PLANARCONFIG, 2), nullptr, ""},
+      {"gray palette", paletted(8, true, false), nullptr, ""},
+      {"reversed palette", paletted(8, true, true), nullptr, "", kStrict, 0,
        [](uint32_t v) { return 255 - v; }},
-      {"16-bit palette",
-       {.photometric = palette_kind, .fields = palette(16, true, true)},
-       {},
-       "",
-       kStrict,
-       0,
+      {"16-bit palette", paletted(16, true, true), nullptr, "", kStrict, 0,
        [](uint32_t v) { return 65535 - v; }},
-      {"colour palette",
-       {.bits = 8, .photometric = palette_kind, .fields = palette(8, false, false)},
-       {},
-       "TIFF colour palette is not supported: only palettes of gray levels are read (convert the "
-       "image to gray first)"},
-      {"no BitsPerSample",
-       {},
-       drop(TIFFTAG_BITSPERSAMPLE),
+      {"colour palette", paletted(8, false, false), nullptr,
+       "TIFF colour palette is not supported: only palettes of gray levels are read" + gray_first},
+      {"no BitsPerSample", plain, drop(TIFFTAG_BITSPERSAMPLE),
        "TIFF image with 1 bits per sample" + depth},
-      {"12-bit", {.bits = 8}, set(258, 12), "TIFF image with 12 bits per sample" + depth},
-      {"float",
-       {.tags = {{TIFFTAG_SAMPLEFORMAT, 3}}},
-       set(258, 32),
+      {"12-bit", eight, set(258, 12), "TIFF image with 12 bits per sample" + depth},
+      {"float", tagged(TIFFTAG_SAMPLEFORMAT, 3), set(258, 32),
        "TIFF samples of 32-bit floating point are not" + unsigned_only},
-      {"signed",
-       {.tags = {{TIFFTAG_SAMPLEFORMAT, 2}}},
-       {},
+      {"signed", tagged(TIFFTAG_SAMPLEFORMAT, 2), nullptr,
        "TIFF sample format 2 is not" + unsigned_only},
-      {"RGB",
-       {.tags = {{TIFFTAG_SAMPLESPERPIXEL, 3}, {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}}},
-       {},
-       "TIFF image with 3 samples per pixel (RGB)" + one + " (convert the image to gray first)"},
+      {"RGB", tagged(TIFFTAG_SAMPLESPERPIXEL, 3, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB), nullptr,
+       "TIFF image with 3 samples per pixel (RGB)" + one + gray_first},
       {"planar 2, two samples",
-       {.tags = {{TIFFTAG_SAMPLESPERPIXEL, 2}, {TIFFTAG_PLANARCONFIG, PLANARCONFIG_SEPARATE}}},
-       {},
+       tagged(TIFFTAG_SAMPLESPERPIXEL, 2, TIFFTAG_PLANARCONFIG, PLANARCONFIG_SEPARATE), nullptr,
        "TIFF planar configuration 2 with 2 samples per pixel" + one},
-      {"JPEG", {}, set(259, 7), "TIFF compression 7 (JPEG)" + codecs},
-      {"old JPEG", {}, set(259, 6), "TIFF compression 6 (old-style JPEG)" + codecs},
-      {"old LZW",
-       {.compression = lzw},
+      {"JPEG", plain, set(259, 7), "TIFF compression 7 (JPEG)" + codecs},
+      {"old JPEG", plain, set(259, 6), "TIFF compression 6 (old-style JPEG)" + codecs},
+      {"old LZW", with(plain, lzw),
        [](Bytes &b) { b[get_value(b, 273)] = 0, b[get_value(b, 273) + 1] = 1; },
        "TIFF compression 5 (LZW) in the old reversed-bit-order variant is not supported (convert "
        "with: tiffcp -c none IN OUT)"},
-      {"predictor 3",
-       {.compression = lzw, .predictor = PREDICTOR_HORIZONTAL},
-       set(TIFFTAG_PREDICTOR, 3),
+      {"predictor 3", with(tagged(TIFFTAG_PREDICTOR, 2), lzw), set(TIFFTAG_PREDICTOR, 3),
        "TIFF predictor 3 (floating point) is not supported: only horizontal differencing (2) is "
        "read"},
-      {"CMYK",
-       {},
-       set(262, 5),
+      {"CMYK", plain, set(262, 5),
        "TIFF photometric interpretation 5 (separated, CMYK) is not supported: only grayscale "
        "images are read"},
-      {"fill order",
-       {.tags = {{TIFFTAG_FILLORDER, 2}}},
-       {},
+      {"fill order", tagged(TIFFTAG_FILLORDER, 2), nullptr,
        "TIFF fill order 2 (bits in reversed order) is not supported"},
       // LZW and PackBits stop at the declared rows, the inflaters report
       // the excess.
       {"LZW bomb", with(bomb, lzw), two_rows, ""},
       {"PackBits bomb", with(bomb, COMPRESSION_PACKBITS), two_rows, ""},
-      {"Deflate bomb", with(bomb, deflate), two_rows, expands + " (Deflate)", kStrict,
-       VEPRA_E_TIFF_STRUCTURE},
+      {"Deflate bomb", with(bomb, deflate), two_rows, expands + " (Deflate)", kStrict, structure},
       {"ZSTD bomb", with(bomb, COMPRESSION_ZSTD), two_rows, expands + " (ZSTD)", kStrict,
-       VEPRA_E_TIFF_STRUCTURE},
-      {"unitless", {.fields = no_unit}, {}, "", kStrict | unitless},
-      {"unitless header", {.fields = no_unit}, {}, "", header | unitless},
-      {"unit 1", {.fields = no_unit}, {}, unit, kStrict, VEPRA_E_TIFF_STRUCTURE},
-      {"unit 1 header", {.fields = no_unit}, {}, unit, header, VEPRA_E_TIFF_STRUCTURE},
-      {"Deflate header", {.compression = deflate}, {}, "", kStrict | header},
+       structure},
+      {"unitless", no_unit, nullptr, "", kStrict | unitless},
+      {"unitless header", no_unit, nullptr, "", header | unitless},
+      {"unit 1", no_unit, nullptr, unit, kStrict, structure},
+      {"unit 1 header", no_unit, nullptr, unit, header, structure},
+      {"Deflate header", with(plain, deflate), nullptr, "", kStrict | header},
       // Without the strict flag compressed strips are read as raw bytes
       // (the file padded to hold them).
-      {"LZW raw",
-       {.compression = lzw},
-       [](Bytes &b) { b.resize(b.size() + 2048); },
-       "raw",
-       unitless},
+      {"LZW raw", with(plain, lzw), [](Bytes &b) { b.resize(b.size() + 2048); }, "raw", unitless},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
