@@ -955,6 +955,7 @@ TEST_F(TiffTest, PagesFlagsAndUnreadableFiles) {
   EXPECT_EQ(pages, 3u);
   ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, 0, 2), nullptr);
   EXPECT_EQ(img_.width, 37u / 4);
+  vepra_img_free(&img_);
 
   std::filesystem::create_directory(dir);
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
