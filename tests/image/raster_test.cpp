@@ -41,7 +41,8 @@ std::vector<Pixel> pixels_of(const Draw &draw) {
 Draw draw_for(const std::string &name, const long long (&v)[5], double width) {
   const int a = static_cast<int>(v[0]), b = static_cast<int>(v[1]), c = static_cast<int>(v[2]),
             d = static_cast<int>(v[3]);
-  if (name == "circle") return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_circle(a, b, c, f, p); };
+  if (name == "circle")
+    return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_circle(a, b, c, f, p); };
   if (name == "circle_aa")
     return [=](vepra_img_pixel_fn f, void *p) { return vepra_img_circle_aa(a, b, c, f, p); };
   if (name == "ellipse")
@@ -109,33 +110,28 @@ std::multiset<std::pair<long long, long long>> positions(const std::vector<Pixel
   return s;
 }
 
+// Circles of radius 0 and 1 and thin ellipses are among the reference
+// sequences; these are the cases the reference rasterisers do not cover.
 TEST(Raster, DocumentedEdgeCases) {
-  using P = std::pair<long long, long long>;
-  // r = 0: the centre four times; r = 1: the four neighbours.
-  EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle(3, 4, 0, f, p); })),
-            (std::multiset<P>{{3, 4}, {3, 4}, {3, 4}, {3, 4}}));
-  EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle(3, 4, 1, f, p); })),
-            (std::multiset<P>{{4, 4}, {3, 5}, {2, 4}, {3, 3}}));
-  // a = 1, b = 5: the tips are finished on the centre column.
-  const auto flat = positions(pixels_of([](auto f, void *p) { return vepra_img_ellipse(0, 0, 1, 5, f, p); }));
-  EXPECT_EQ(flat.count({0, 5}), 1u);
-  EXPECT_EQ(flat.count({0, -5}), 1u);
   // Width 3 grows the square by 1 on every side; 1.2 is the thin circle.
-  const auto wide = pixels_of([](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 3.0); });
+  const auto wide =
+      pixels_of([](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 3.0); });
   const auto grown = pixels_of([](auto f, void *p) {
     vepra::detail::Plotter plot(f, p);
     return vepra::detail::ellipser_waa_internal(plot, -11, -11, 11, 11, 3.0);
   });
   EXPECT_EQ(positions(wide), positions(grown));
-  EXPECT_EQ(positions(pixels_of([](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 1.2); })),
-            positions(pixels_of([](auto f, void *p) { return vepra_img_ellipse_aa(0, 0, 10, 10, f, p); })));
+  EXPECT_EQ(positions(pixels_of(
+                [](auto f, void *p) { return vepra_img_circle_waa(0, 0, 10, f, p, 1.2); })),
+            positions(pixels_of(
+                [](auto f, void *p) { return vepra_img_ellipse_aa(0, 0, 10, 10, f, p); })));
   // The corners of a rectangle may come in any order.
   for (auto [x0, y0, x1, y1] : {std::array{13, 8, 2, 1}, std::array{2, 8, 13, 1}}) {
     for (double width : {0.0, 1.0, 3.0}) {
       auto draw = [&](int xa, int ya, int xb, int yb) {
         return positions(pixels_of([&](auto f, void *d) {
           return width == 0 ? vepra_img_ellipser(xa, ya, xb, yb, f, d)
-                             : vepra_img_ellipser_waa(xa, ya, xb, yb, f, d, width);
+                            : vepra_img_ellipser_waa(xa, ya, xb, yb, f, d, width);
         }));
       };
       EXPECT_EQ(draw(x0, y0, x1, y1), draw(2, 1, 13, 8)) << x0 << "," << y0 << " width " << width;
@@ -198,7 +194,8 @@ TEST(Raster, ExtremeCoordinatesStayInRange) {
   };
   EXPECT_EQ(vepra_img_circle(INT_MAX, INT_MIN, 3, bounded, &count), nullptr);
   EXPECT_EQ(vepra_img_ellipse(INT_MAX - 2, 0, 2, 1 << 20, bounded, &count), nullptr);
-  EXPECT_EQ(vepra_img_ellipser_aa(INT_MIN, INT_MIN, INT_MIN + 9, INT_MIN + 5, bounded, &count), nullptr);
+  EXPECT_EQ(vepra_img_ellipser_aa(INT_MIN, INT_MIN, INT_MIN + 9, INT_MIN + 5, bounded, &count),
+            nullptr);
   EXPECT_EQ(vepra_img_ellipser_waa(INT_MAX - 6, 0, INT_MAX, 9, bounded, &count, -3.0), nullptr);
   EXPECT_EQ(vepra_img_circle_waa(0, 0, 5, bounded, &count, std::nan("")), nullptr);
   EXPECT_GT(count, 0);
