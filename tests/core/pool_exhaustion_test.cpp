@@ -225,53 +225,38 @@ TEST_F(PoolExhaustionTest, LogsListsTreesAndTries) {
     }
     return e;
   });
+  // Lists, trees, tries and string lists on a pool with the library's abort
+  // function and on a bare one: each failing step returns its error.
   for (bool bare : {false, true}) {
     sweep(
-        "dl",
+        "containers",
         [](apr_pool_t *pool) -> vepra_error_t * {
           vepra_dl_t *list = nullptr;
-          for (int i = 0; i < 3; ++i) {
-            if (vepra_error_t *e = vepra_dl_append(&list, i, nullptr, nullptr, pool)) return e;
-            if (vepra_error_t *e = vepra_cdl_append(&list, i, nullptr, nullptr, pool)) return e;
-          }
-          return made("done");
-        },
-        bare);
-    sweep(
-        "tree",
-        [](apr_pool_t *pool) -> vepra_error_t * {
           vepra_tree_t *root = nullptr;
-          if (vepra_error_t *e = vepra_tree_create(0, nullptr, &root, pool)) return e;
-          for (int i = 0; i < 3; ++i) {
-            if (vepra_error_t *e = vepra_tree_append_child(root, i, nullptr, nullptr, pool))
-              return e;
-          }
-          return made("done");
-        },
-        bare);
-    sweep(
-        "trie",
-        [](apr_pool_t *pool) -> vepra_error_t * {
           vepra_trie_t *trie = nullptr;
-          if (vepra_error_t *e = vepra_trie_create(&trie, pool)) return e;
-          for (const char *key : {"alpha", "alps", "beta"}) {
-            if (vepra_error_t *e = vepra_trie_insert(trie, key, std::strlen(key), nullptr, pool))
-              return e;
-          }
-          return made("done");
-        },
-        bare);
-    sweep(
-        "strlist",
-        [](apr_pool_t *pool) -> vepra_error_t * {
           vepra_strlist_t *src = nullptr;
           vepra_strlist_t *dst = nullptr;
-          if (vepra_error_t *e = vepra_strlist_create(&src, pool)) return e;
-          if (vepra_error_t *e = vepra_strlist_create(&dst, pool)) return e;
-          if (vepra_error_t *e = vepra_strlist_addlast(src, "a b \"c d\"", pool)) return e;
-          if (vepra_error_t *e = vepra_strlist_addfirst(src, "e", pool)) return e;
-          if (vepra_error_t *e = vepra_strlist_tokenize(src, dst, " ", pool)) return e;
-          if (vepra_error_t *e = vepra_strlist_copy(src, dst, pool)) return e;
+          const std::function<vepra_error_t *()> steps[] = {
+              [&] { return vepra_dl_append(&list, 1, nullptr, nullptr, pool); },
+              [&] { return vepra_cdl_append(&list, 2, nullptr, nullptr, pool); },
+              [&] { return vepra_dl_append(&list, 3, nullptr, nullptr, pool); },
+              [&] { return vepra_tree_create(0, nullptr, &root, pool); },
+              [&] { return vepra_tree_append_child(root, 1, nullptr, nullptr, pool); },
+              [&] { return vepra_tree_append_child(root, 2, nullptr, nullptr, pool); },
+              [&] { return vepra_trie_create(&trie, pool); },
+              [&] { return vepra_trie_insert(trie, "alpha", 5, nullptr, pool); },
+              [&] { return vepra_trie_insert(trie, "alps", 4, nullptr, pool); },
+              [&] { return vepra_trie_insert(trie, "beta", 4, nullptr, pool); },
+              [&] { return vepra_strlist_create(&src, pool); },
+              [&] { return vepra_strlist_create(&dst, pool); },
+              [&] { return vepra_strlist_addlast(src, "a b \"c d\"", pool); },
+              [&] { return vepra_strlist_addfirst(src, "e", pool); },
+              [&] { return vepra_strlist_tokenize(src, dst, " ", pool); },
+              [&] { return vepra_strlist_copy(src, dst, pool); },
+          };
+          for (const auto &step : steps) {
+            if (vepra_error_t *e = step()) return e;
+          }
           return made("done");
         },
         bare);
