@@ -128,6 +128,37 @@ void libtiff_file(const std::string &path, int tag, uint32_t value) {
   TIFFClose(t);
 }
 
+// The attributes of the elements of an XML file, parsed by APR-util.
+std::vector<std::map<std::string, std::string>> xml_elements(apr_pool_t *pool,
+                                                             const std::string &path,
+                                                             const std::string &name) {
+  std::vector<std::map<std::string, std::string>> found;
+  apr_file_t *file = nullptr;
+  apr_xml_parser *parser = nullptr;
+  apr_xml_doc *doc = nullptr;
+  EXPECT_EQ(apr_file_open(&file, path.c_str(), APR_FOPEN_READ, 0, pool), APR_SUCCESS);
+  if (file == nullptr) return found;
+  EXPECT_EQ(apr_xml_parse_file(pool, &parser, &doc, file, 4096), APR_SUCCESS);
+  apr_file_close(file);
+  if (doc == nullptr) return found;
+  std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
+    for (; e != nullptr; e = e->next) {
+      if (name == e->name) {
+        std::map<std::string, std::string> attrs;
+        for (const apr_xml_attr *a = e->attr; a != nullptr; a = a->next) attrs[a->name] = a->value;
+        found.push_back(attrs);
+      }
+      visit(e->first_child);
+    }
+  };
+  found.push_back({});  // the root's attributes come first
+  for (const apr_xml_attr *a = doc->root->attr; a != nullptr; a = a->next) {
+    found[0][a->name] = a->value;
+  }
+  visit(doc->root->first_child);
+  return found;
+}
+
 std::string format(const char *fmt, double v) {
   char text[64];
   std::snprintf(text, sizeof text, fmt, v);
@@ -163,12 +194,18 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   ASSERT_EQ(vepra_img_entropy(&img_, &entropy), nullptr);
   std::string csv = "value," + scan + "\n";
   size_t min = nbins, max = 0;
+  double sum = 0, count = 0;
   for (size_t v = 0; v < nbins; ++v) {
     csv += std::to_string(v) + "," + std::to_string(hist[v]) + "\n";
-    if (hist[v] != 0) min = std::min(min, v), max = v;
+    if (hist[v] == 0) continue;
+    min = std::min(min, v), max = v;
+    sum += double(v) * double(hist[v]), count += double(hist[v]);
   }
-  const std::string tail =
-      format("%.6f", entropy) + "\t" + format("%.4f", vepra_img_thres_IJ(nbins, hist));
+  const std::map<std::string, double> values = {{"min", double(min)},
+                                                {"max", double(max)},
+                                                {"mean", sum / count},
+                                                {"threshold", vepra_img_thres_IJ(nbins, hist)}};
+  const std::string tail = format("%.6f", entropy) + "\t" + format("%.4f", values.at("threshold"));
   vepra_mem_free(hist);
   r = run_tool({"stats", "--histogram", csv_path, scan});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -177,6 +214,35 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   EXPECT_EQ(r.out.substr(0, head.size()), head);
   EXPECT_EQ(r.out.substr(r.out.size() - tail.size() - 1), tail + "\n");
   EXPECT_TRUE(slurp(csv_path) == csv);
+  // The plot's marks sit at those figures, on a linear and a log scale.
+  const std::string svg = temp_path("plot.svg");
+  for (const bool log : {false, true}) {
+    std::vector<std::string> args = {"stats", "--plot", svg, scan};
+    if (log) args.push_back("--log");
+    ASSERT_EQ(run_tool(args).status, 0);
+    const auto root = xml_elements(pool_, svg, "line").at(0);
+    const double x0 = std::stod(root.at("data-x0")), x1 = std::stod(root.at("data-x1"));
+    const double left = std::stod(root.at("data-left")), width = std::stod(root.at("data-width"));
+    EXPECT_LT(x0, double(min));
+    EXPECT_GT(x1, double(max));
+    std::map<std::string, double> seen;
+    for (const auto &line : xml_elements(pool_, svg, "line")) {
+      if (!line.count("class") || line.at("class") != "mark") continue;
+      const std::string name = line.at("id").substr(5);  // "mark-..."
+      const double value = std::stod(line.at("data-value"));
+      EXPECT_NEAR(value, values.at(name), 5e-5) << name;
+      EXPECT_NEAR(std::stod(line.at("x1")), left + (value - x0) / (x1 - x0) * width, 0.01) << name;
+      EXPECT_EQ(line.at("x1"), line.at("x2"));
+      seen[name] = value;
+    }
+    EXPECT_EQ(seen.size(), 4u);
+    // Each mark has a label that names it.
+    size_t labels = 0;
+    for (const auto &text : xml_elements(pool_, svg, "text")) {
+      labels += text.count("class") && text.at("class") == "label";
+    }
+    EXPECT_EQ(labels, 4u);
+  }
 
   // Names are escaped in the line-oriented output.
   const std::string odd = temp_path("a b\tc\nd\\e\x01.tif"),
@@ -502,85 +568,6 @@ TEST_F(VepraImageFolderTest, ProgressLineOnlyOnATerminal) {
   EXPECT_EQ(r.err.find('\r'), std::string::npos);
   EXPECT_NE(r.err.find("broken.tif"), std::string::npos);
 #endif
-}
-
-// The attributes of the elements of an XML file, parsed by APR-util.
-std::vector<std::map<std::string, std::string>> xml_elements(apr_pool_t *pool,
-                                                             const std::string &path,
-                                                             const std::string &name) {
-  std::vector<std::map<std::string, std::string>> found;
-  apr_file_t *file = nullptr;
-  apr_xml_parser *parser = nullptr;
-  apr_xml_doc *doc = nullptr;
-  EXPECT_EQ(apr_file_open(&file, path.c_str(), APR_FOPEN_READ, 0, pool), APR_SUCCESS);
-  if (file == nullptr) return found;
-  EXPECT_EQ(apr_xml_parse_file(pool, &parser, &doc, file, 4096), APR_SUCCESS);
-  apr_file_close(file);
-  if (doc == nullptr) return found;
-  std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
-    for (; e != nullptr; e = e->next) {
-      if (name == e->name) {
-        std::map<std::string, std::string> attrs;
-        for (const apr_xml_attr *a = e->attr; a != nullptr; a = a->next) attrs[a->name] = a->value;
-        found.push_back(attrs);
-      }
-      visit(e->first_child);
-    }
-  };
-  found.push_back({});  // the root's attributes come first
-  for (const apr_xml_attr *a = doc->root->attr; a != nullptr; a = a->next) {
-    found[0][a->name] = a->value;
-  }
-  visit(doc->root->first_child);
-  return found;
-}
-
-TEST_F(VepraImageTest, PlotMarksSitAtTheirValues) {
-  const std::string scan = temp_path("scan.tif"), svg = temp_path("plot.svg");
-  ASSERT_EQ(run_tool({"synth", "-o", scan, "--width", "80", "--height", "60"}).status, 0);
-  ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
-  size_t nbins = 0;
-  uint64_t *hist = nullptr;
-  ASSERT_EQ(vepra_img_histogram(&img_, &nbins, &hist), nullptr);
-  double sum = 0, count = 0;
-  size_t min = nbins, max = 0;
-  for (size_t v = 0; v < nbins; ++v) {
-    if (hist[v] == 0) continue;
-    min = std::min(min, v), max = v;
-    sum += double(v) * double(hist[v]), count += double(hist[v]);
-  }
-  const std::map<std::string, double> values = {{"min", double(min)},
-                                                {"max", double(max)},
-                                                {"mean", sum / count},
-                                                {"threshold", vepra_img_thres_IJ(nbins, hist)}};
-  vepra_mem_free(hist);
-  for (const bool log : {false, true}) {
-    std::vector<std::string> args = {"stats", "--plot", svg, scan};
-    if (log) args.push_back("--log");
-    ASSERT_EQ(run_tool(args).status, 0);
-    const auto root = xml_elements(pool_, svg, "line").at(0);
-    const double x0 = std::stod(root.at("data-x0")), x1 = std::stod(root.at("data-x1"));
-    const double left = std::stod(root.at("data-left")), width = std::stod(root.at("data-width"));
-    EXPECT_LT(x0, double(min));
-    EXPECT_GT(x1, double(max));
-    std::map<std::string, double> seen;
-    for (const auto &line : xml_elements(pool_, svg, "line")) {
-      if (!line.count("class") || line.at("class") != "mark") continue;
-      const std::string name = line.at("id").substr(5);  // "mark-..."
-      const double value = std::stod(line.at("data-value"));
-      EXPECT_NEAR(value, values.at(name), 5e-5) << name;
-      EXPECT_NEAR(std::stod(line.at("x1")), left + (value - x0) / (x1 - x0) * width, 0.01) << name;
-      EXPECT_EQ(line.at("x1"), line.at("x2"));
-      seen[name] = value;
-    }
-    EXPECT_EQ(seen.size(), 4u);
-    // Each mark has a label that names it.
-    size_t labels = 0;
-    for (const auto &text : xml_elements(pool_, svg, "text")) {
-      labels += text.count("class") && text.at("class") == "label";
-    }
-    EXPECT_EQ(labels, 4u);
-  }
 }
 
 TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
