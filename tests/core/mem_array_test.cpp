@@ -41,6 +41,8 @@ size_t flat_index(const std::vector<int> &dims, const std::vector<uint32_t> &at)
 
 class MemArrayTest : public LibraryTest {};
 
+// Element addressing, set-all and the bounds check of each dimension,
+// against a flat row-major copy.
 TEST_F(MemArrayTest, RandomShapesMatchFlatReference) {
   std::mt19937 rng(31);
   for (int round = 0; round < 40; ++round) {
@@ -67,14 +69,19 @@ TEST_F(MemArrayTest, RandomShapesMatchFlatReference) {
       }
       ASSERT_EQ(vepra_mem_array_copyfromel(a, back.data(), size, n, at.data()), nullptr);
       ASSERT_EQ(std::memcmp(back.data(), ref, size), 0);
-      // One index past its dimension (or wrapped from a negative int).
+      // One index past its dimension (or wrapped from a negative int), in a
+      // write or a read.
       const unsigned d = static_cast<unsigned>(rng() % n);
       std::vector<uint32_t> bad = at;
       bad[d] = step % 2 ? static_cast<uint32_t>(dims[d]) : static_cast<uint32_t>(-1);
-      EXPECT_EQ(take_printed(vepra_mem_array_copyfromel(a, back.data(), size, n, bad.data())),
-                "Error: Cannot copy data from element. \nError: Number of values in dimension " +
-                    std::to_string(d + 1) + " is " + std::to_string(dims[d]) +
-                    ", requested position is " + std::to_string(static_cast<int>(bad[d])) + " ");
+      const bool write = step % 4 < 2;
+      vepra_error_t *e = write ? vepra_mem_array_copytoel(a, element.data(), size, n, bad.data())
+                               : vepra_mem_array_copyfromel(a, back.data(), size, n, bad.data());
+      EXPECT_EQ(take_printed(e), std::string("Error: Cannot copy data ") + (write ? "to" : "from") +
+                                     " element. \nError: Number of values in dimension " +
+                                     std::to_string(d + 1) + " is " + std::to_string(dims[d]) +
+                                     ", requested position is " +
+                                     std::to_string(static_cast<int>(bad[d])) + " ");
     }
     ASSERT_EQ(vepra_mem_array_allset(a, 0xA5, size), nullptr);
     for (size_t i = 0; i < total; ++i) {
@@ -89,6 +96,7 @@ TEST_F(MemArrayTest, RandomShapesMatchFlatReference) {
   }
 }
 
+// Each refusal names the dimension or size at fault and leaves out alone.
 TEST_F(MemArrayTest, ShapesAndMessages) {
   vepra_mem_array_t *a = nullptr;
   ASSERT_EQ(vepra_mem_array_alloc(&a, 8, 3, 4, 0), nullptr);
@@ -96,7 +104,7 @@ TEST_F(MemArrayTest, ShapesAndMessages) {
   auto **rows = static_cast<double **>(a->data);
   for (int r = 0; r < 3; ++r)
     for (int c = 0; c < 4; ++c) EXPECT_EQ(rows[r][c], 0.0);
-  const uint32_t corner[2] = {2, 3}, row_out[2] = {3, 0}, col_out[2] = {0, 4};
+  const uint32_t corner[2] = {2, 3};
   const double x = 1.5;
   EXPECT_EQ(vepra_mem_array_copytoel(a, &x, 8, 2, corner), nullptr);
   EXPECT_EQ(rows[2][3], 1.5);
@@ -104,12 +112,6 @@ TEST_F(MemArrayTest, ShapesAndMessages) {
     vepra_error_t *error;
     const char *text;
   } cases[] = {
-      {vepra_mem_array_copytoel(a, &x, 8, 2, row_out),
-       "Error: Cannot copy data to element. \n"
-       "Error: Number of values in dimension 1 is 3, requested position is 3 "},
-      {vepra_mem_array_copytoel(a, &x, 8, 2, col_out),
-       "Error: Cannot copy data to element. \n"
-       "Error: Number of values in dimension 2 is 4, requested position is 4 "},
       {vepra_mem_array_copytoel(a, &x, 4, 2, corner),
        "Error: Cannot copy data to element. \nError: Expected element size 8, found 4 "},
       {vepra_mem_array_copyfromel(a, nullptr, 8, 3, corner),
@@ -124,11 +126,6 @@ TEST_F(MemArrayTest, ShapesAndMessages) {
   for (const auto &c : cases) EXPECT_EQ(take_printed(c.error), c.text);
   vepra_mem_array_free(a);  // still the 3 x 4 array: refused allocations leave out alone
 
-  ASSERT_EQ(vepra_mem_array_alloc(&a, 2, 5, 0), nullptr);
-  ASSERT_EQ(a->ndims, 1);
-  ASSERT_EQ(vepra_mem_array_allset(a, 255, 2), nullptr);
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(static_cast<uint16_t *>(a->data)[i], 65535);
-  vepra_mem_array_free(a);
   vepra_mem_array_free(nullptr);
 
   // Freeing returns every table and block: the C library's count of heap

@@ -88,11 +88,12 @@ class PoolExhaustionTest : public vepra_test::LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    previous_ = vepra_error_set_malfunction_handler([](vepra_error_t *c) noexcept -> vepra_error_t * {
-      ++g_malfunctions;
-      vepra_error_clear(c);
-      return nullptr;
-    });
+    previous_ =
+        vepra_error_set_malfunction_handler([](vepra_error_t *c) noexcept -> vepra_error_t * {
+          ++g_malfunctions;
+          vepra_error_clear(c);
+          return nullptr;
+        });
   }
   void TearDown() override {
     vepra_error_set_malfunction_handler(previous_);
@@ -139,8 +140,9 @@ class PoolExhaustionTest : public vepra_test::LibraryTest {
   vepra_error_malfunction_fn previous_ = nullptr;
 };
 
-// A chain made before the failures are armed.
+// A chain made with the failures disarmed.
 vepra_error_t *made(const char *text) {
+  g_armed = false;
   return vepra_error_create_i(0, 0, 0, nullptr, nullptr, nullptr, text);
 }
 
@@ -153,25 +155,23 @@ TEST_F(PoolExhaustionTest, ErrorRecordsAndChains) {
   sweep("createf", [](apr_pool_t *) {
     return vepra_error_createf_i(0, 0, 0, nullptr, nullptr, nullptr, "%s %d", "n", 5);
   });
-  sweep("aprwrap", [](apr_pool_t *) { return vepra_error_aprwrap_i(APR_ENOENT, 0, nullptr, nullptr); });
+  sweep("aprwrap",
+        [](apr_pool_t *) { return vepra_error_aprwrap_i(APR_ENOENT, 0, nullptr, nullptr); });
   sweep("aprwrapf", [](apr_pool_t *) {
     return vepra_error_aprwrapf_i(APR_ENOENT, 0, nullptr, nullptr, "open %s", "x");
   });
   sweep("quick_wrap", [](apr_pool_t *) {
-    g_armed = false;
     vepra_error_t *cause = made("cause");
     g_armed = true;
     return vepra_error_quick_wrap_i(0, nullptr, nullptr, cause, "context");
   });
   sweep("compose_create", [](apr_pool_t *) {
-    g_armed = false;
     vepra_error_t *a = made("a");
     vepra_error_t *b = vepra_error_quick_wrap_i(0, "f.c", "g", made("b"), "b2");
     g_armed = true;
     return vepra_error_compose_create(a, b);
   });
   sweep("dup", [](apr_pool_t *) {
-    g_armed = false;
     vepra_error_t *a = vepra_error_quick_wrap_i(0, nullptr, nullptr, made("a"), "a2");
     g_armed = true;
     vepra_error_t *d = vepra_error_dup(a);
@@ -186,8 +186,8 @@ TEST_F(PoolExhaustionTest, ErrorRecordsAndChains) {
     // A success must have registered the name.
     g_armed = false;
     vepra_error_t *r = vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, nullptr);
-    const bool named = vepra_test::printed_lines(r) == std::vector<std::string>{"Error(" +
-                           std::to_string(code) + "): name "};
+    const bool named = vepra_test::printed_lines(r) ==
+                       std::vector<std::string>{"Error(" + std::to_string(code) + "): name "};
     vepra_error_clear(r);
     vepra_error_clear(vepra_error_deregister(code));
     return named ? made("registered") : nullptr;
@@ -221,51 +221,45 @@ TEST_F(PoolExhaustionTest, LogsListsTreesAndTries) {
     if (e == nullptr) {
       vepra_log_dtprintf(log, "%s\n", "line");
       vepra_log_terminate(log);
-      g_armed = false;
       return made("done");
     }
     return e;
   });
+  // Lists, trees, tries and string lists on a pool with the library's abort
+  // function and on a bare one: each failing step returns its error.
   for (bool bare : {false, true}) {
-    sweep("dl", [](apr_pool_t *pool) -> vepra_error_t * {
-      vepra_dl_t *list = nullptr;
-      for (int i = 0; i < 3; ++i) {
-        if (vepra_error_t *e = vepra_dl_append(&list, i, nullptr, nullptr, pool)) return e;
-        if (vepra_error_t *e = vepra_cdl_append(&list, i, nullptr, nullptr, pool)) return e;
-      }
-      g_armed = false;
-      return made("done");
-    }, bare);
-    sweep("tree", [](apr_pool_t *pool) -> vepra_error_t * {
-      vepra_tree_t *root = nullptr;
-      if (vepra_error_t *e = vepra_tree_create(0, nullptr, &root, pool)) return e;
-      for (int i = 0; i < 3; ++i) {
-        if (vepra_error_t *e = vepra_tree_append_child(root, i, nullptr, nullptr, pool)) return e;
-      }
-      g_armed = false;
-      return made("done");
-    }, bare);
-    sweep("trie", [](apr_pool_t *pool) -> vepra_error_t * {
-      vepra_trie_t *trie = nullptr;
-      if (vepra_error_t *e = vepra_trie_create(&trie, pool)) return e;
-      for (const char *key : {"alpha", "alps", "beta"}) {
-        if (vepra_error_t *e = vepra_trie_insert(trie, key, std::strlen(key), nullptr, pool)) return e;
-      }
-      g_armed = false;
-      return made("done");
-    }, bare);
-    sweep("strlist", [](apr_pool_t *pool) -> vepra_error_t * {
-      vepra_strlist_t *src = nullptr;
-      vepra_strlist_t *dst = nullptr;
-      if (vepra_error_t *e = vepra_strlist_create(&src, pool)) return e;
-      if (vepra_error_t *e = vepra_strlist_create(&dst, pool)) return e;
-      if (vepra_error_t *e = vepra_strlist_addlast(src, "a b \"c d\"", pool)) return e;
-      if (vepra_error_t *e = vepra_strlist_addfirst(src, "e", pool)) return e;
-      if (vepra_error_t *e = vepra_strlist_tokenize(src, dst, " ", pool)) return e;
-      if (vepra_error_t *e = vepra_strlist_copy(src, dst, pool)) return e;
-      g_armed = false;
-      return made("done");
-    }, bare);
+    sweep(
+        "containers",
+        [](apr_pool_t *pool) -> vepra_error_t * {
+          vepra_dl_t *list = nullptr;
+          vepra_tree_t *root = nullptr;
+          vepra_trie_t *trie = nullptr;
+          vepra_strlist_t *src = nullptr;
+          vepra_strlist_t *dst = nullptr;
+          const std::function<vepra_error_t *()> steps[] = {
+              [&] { return vepra_dl_append(&list, 1, nullptr, nullptr, pool); },
+              [&] { return vepra_cdl_append(&list, 2, nullptr, nullptr, pool); },
+              [&] { return vepra_dl_append(&list, 3, nullptr, nullptr, pool); },
+              [&] { return vepra_tree_create(0, nullptr, &root, pool); },
+              [&] { return vepra_tree_append_child(root, 1, nullptr, nullptr, pool); },
+              [&] { return vepra_tree_append_child(root, 2, nullptr, nullptr, pool); },
+              [&] { return vepra_trie_create(&trie, pool); },
+              [&] { return vepra_trie_insert(trie, "alpha", 5, nullptr, pool); },
+              [&] { return vepra_trie_insert(trie, "alps", 4, nullptr, pool); },
+              [&] { return vepra_trie_insert(trie, "beta", 4, nullptr, pool); },
+              [&] { return vepra_strlist_create(&src, pool); },
+              [&] { return vepra_strlist_create(&dst, pool); },
+              [&] { return vepra_strlist_addlast(src, "a b \"c d\"", pool); },
+              [&] { return vepra_strlist_addfirst(src, "e", pool); },
+              [&] { return vepra_strlist_tokenize(src, dst, " ", pool); },
+              [&] { return vepra_strlist_copy(src, dst, pool); },
+          };
+          for (const auto &step : steps) {
+            if (vepra_error_t *e = step()) return e;
+          }
+          return made("done");
+        },
+        bare);
   }
   // Functions without an error result: a failure gives null or a partial
   // result, never a crash.
@@ -273,7 +267,6 @@ TEST_F(PoolExhaustionTest, LogsListsTreesAndTries) {
     vepra_prsd_t rec{};
     const int parsed = vepra_prsd_parse_p(&rec, "1 2.5 word 'quoted text'", " ", pool);
     const char *s = vepra_str_psprintf(pool, "%s-%d", "x", 1);
-    g_armed = false;
     return parsed >= 0 && s != nullptr && rec.n_tokens == 4 ? made("done") : made("short");
   });
 }

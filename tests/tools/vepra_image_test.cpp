@@ -17,11 +17,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <sstream>
 #include <string>
-#include <random>
 #include <utility>
 #include <vector>
 
@@ -31,6 +32,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using vepra_test::temp_path;
 
 struct ToolRun {
@@ -50,11 +52,12 @@ std::string quote(const std::string &s) {
   return q + "'";
 }
 
-ToolRun run_tool(const std::vector<std::string> &args) {
+// Runs the program with args, after the shell commands of prefix.
+ToolRun run_tool(const std::vector<std::string> &args, const std::string &prefix = "") {
   ToolRun r;
 #ifdef VEPRA_IMAGE_TOOL
   const std::string out = temp_path("stdout"), err = temp_path("stderr");
-  std::string cmd = quote(VEPRA_IMAGE_TOOL);
+  std::string cmd = prefix + quote(VEPRA_IMAGE_TOOL);
   for (const std::string &a : args) cmd += " " + quote(a);
   const int raw =
       std::system((cmd + " >" + quote(out) + " 2>" + quote(err) + " </dev/null").c_str());
@@ -112,8 +115,10 @@ std::string crafted(uint32_t width, uint32_t height, uint32_t depth, uint32_t by
 void libtiff_file(const std::string &path, int tag, uint32_t value) {
   TIFF *t = TIFFOpen(path.c_str(), "w");
   ASSERT_NE(t, nullptr);
-  for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 4u}, {TIFFTAG_IMAGELENGTH, 4u},
-                          {TIFFTAG_BITSPERSAMPLE, 8u}, {TIFFTAG_PHOTOMETRIC, 1u},
+  for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 4u},
+                          {TIFFTAG_IMAGELENGTH, 4u},
+                          {TIFFTAG_BITSPERSAMPLE, 8u},
+                          {TIFFTAG_PHOTOMETRIC, 1u},
                           {uint32_t(tag), value}})
     TIFFSetField(t, field, v);
   TIFFSetField(t, TIFFTAG_XRESOLUTION, 1.0f);
@@ -121,6 +126,37 @@ void libtiff_file(const std::string &path, int tag, uint32_t value) {
   const uint8_t row[4] = {1, 2, 3, 4};
   for (uint32_t r = 0; r < 4; ++r) TIFFWriteScanline(t, const_cast<uint8_t *>(row), r, 0);
   TIFFClose(t);
+}
+
+// The attributes of the elements of an XML file, parsed by APR-util.
+std::vector<std::map<std::string, std::string>> xml_elements(apr_pool_t *pool,
+                                                             const std::string &path,
+                                                             const std::string &name) {
+  std::vector<std::map<std::string, std::string>> found;
+  apr_file_t *file = nullptr;
+  apr_xml_parser *parser = nullptr;
+  apr_xml_doc *doc = nullptr;
+  EXPECT_EQ(apr_file_open(&file, path.c_str(), APR_FOPEN_READ, 0, pool), APR_SUCCESS);
+  if (file == nullptr) return found;
+  EXPECT_EQ(apr_xml_parse_file(pool, &parser, &doc, file, 4096), APR_SUCCESS);
+  apr_file_close(file);
+  if (doc == nullptr) return found;
+  std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
+    for (; e != nullptr; e = e->next) {
+      if (name == e->name) {
+        std::map<std::string, std::string> attrs;
+        for (const apr_xml_attr *a = e->attr; a != nullptr; a = a->next) attrs[a->name] = a->value;
+        found.push_back(attrs);
+      }
+      visit(e->first_child);
+    }
+  };
+  found.push_back({});  // the root's attributes come first
+  for (const apr_xml_attr *a = doc->root->attr; a != nullptr; a = a->next) {
+    found[0][a->name] = a->value;
+  }
+  visit(doc->root->first_child);
+  return found;
 }
 
 std::string format(const char *fmt, double v) {
@@ -158,12 +194,18 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   ASSERT_EQ(vepra_img_entropy(&img_, &entropy), nullptr);
   std::string csv = "value," + scan + "\n";
   size_t min = nbins, max = 0;
+  double sum = 0, count = 0;
   for (size_t v = 0; v < nbins; ++v) {
     csv += std::to_string(v) + "," + std::to_string(hist[v]) + "\n";
-    if (hist[v] != 0) min = std::min(min, v), max = v;
+    if (hist[v] == 0) continue;
+    min = std::min(min, v), max = v;
+    sum += double(v) * double(hist[v]), count += double(hist[v]);
   }
-  const std::string tail =
-      format("%.6f", entropy) + "\t" + format("%.4f", vepra_img_thres_IJ(nbins, hist));
+  const std::map<std::string, double> values = {{"min", double(min)},
+                                                {"max", double(max)},
+                                                {"mean", sum / count},
+                                                {"threshold", vepra_img_thres_IJ(nbins, hist)}};
+  const std::string tail = format("%.6f", entropy) + "\t" + format("%.4f", values.at("threshold"));
   vepra_mem_free(hist);
   r = run_tool({"stats", "--histogram", csv_path, scan});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -172,6 +214,35 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   EXPECT_EQ(r.out.substr(0, head.size()), head);
   EXPECT_EQ(r.out.substr(r.out.size() - tail.size() - 1), tail + "\n");
   EXPECT_TRUE(slurp(csv_path) == csv);
+  // The plot's marks sit at those figures, on a linear and a log scale.
+  const std::string svg = temp_path("plot.svg");
+  for (const bool log : {false, true}) {
+    std::vector<std::string> args = {"stats", "--plot", svg, scan};
+    if (log) args.push_back("--log");
+    ASSERT_EQ(run_tool(args).status, 0);
+    const auto root = xml_elements(pool_, svg, "line").at(0);
+    const double x0 = std::stod(root.at("data-x0")), x1 = std::stod(root.at("data-x1"));
+    const double left = std::stod(root.at("data-left")), width = std::stod(root.at("data-width"));
+    EXPECT_LT(x0, double(min));
+    EXPECT_GT(x1, double(max));
+    std::map<std::string, double> seen;
+    for (const auto &line : xml_elements(pool_, svg, "line")) {
+      if (!line.count("class") || line.at("class") != "mark") continue;
+      const std::string name = line.at("id").substr(5);  // "mark-..."
+      const double value = std::stod(line.at("data-value"));
+      EXPECT_NEAR(value, values.at(name), 5e-5) << name;
+      EXPECT_NEAR(std::stod(line.at("x1")), left + (value - x0) / (x1 - x0) * width, 0.01) << name;
+      EXPECT_EQ(line.at("x1"), line.at("x2"));
+      seen[name] = value;
+    }
+    EXPECT_EQ(seen.size(), 4u);
+    // Each mark has a label that names it.
+    size_t labels = 0;
+    for (const auto &text : xml_elements(pool_, svg, "text")) {
+      labels += text.count("class") && text.at("class") == "label";
+    }
+    EXPECT_EQ(labels, 4u);
+  }
 
   // Names are escaped in the line-oriented output.
   const std::string odd = temp_path("a b\tc\nd\\e\x01.tif"),
@@ -179,7 +250,8 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   std::ofstream(odd, std::ios::binary) << slurp(scan);
   r = run_tool({"stats", odd, "--histogram", csv_path});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("\n" + shown + "\t" + std::to_string(min) + "\t"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\n" + shown + "\t" + std::to_string(min) + "\t"), std::string::npos)
+      << r.out;
   EXPECT_NE(run_tool({"info", odd}).out.find("file: " + shown + "\n"), std::string::npos);
   std::remove(odd.c_str());
 
@@ -197,84 +269,94 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
               library_output([&](double **o) { return vepra_img_calc_density(&img_, o, 0); }));
 }
 
+// Each failure prints its chain and exits 1 (an input or output failed) or
+// 2 (the command line is wrong).
 TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
-  const std::string missing = temp_path("missing.tif"), text = temp_path("text.tif");
-  ToolRun r = run_tool({"info", missing});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(r.out.empty());
-  EXPECT_EQ(r.err.rfind("Error(120030): Cannot open image '" + missing + "'. \n", 0), 0u) << r.err;
-  EXPECT_NE(r.err.find("\nError(120030): Cannot open file '" + missing + "' \n"), std::string::npos)
-      << r.err;
+  const std::string missing = temp_path("missing.tif"), text = temp_path("text.tif"),
+                    fifo = temp_path("fifo"), dir = temp_path("dir"), big = temp_path("big.tif"),
+                    broken = temp_path("broken.tif"), scan = temp_path("scan.tif"),
+                    rois = temp_path("rois.csv"), x = temp_path("x.tif");
   std::ofstream(text) << "not an image\n";
-  r = run_tool({"stats", text});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("\nError(120150): Unknown data format. "), std::string::npos) << r.err;
-  r = run_tool({"stats", "--bogus", "1", text});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("Error: Unknown option '--bogus' for 'stats'. "), std::string::npos)
-      << r.err;
-  for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
-           {},
-           {"frobnicate"},
-           {"synth"},
-           {"synth", "-o", temp_path("y.tif"), "--width", "0"},
-           {"psl", text, "-o", temp_path("x.tif"), "--latitude", "abc"}}) {
-    EXPECT_EQ(run_tool(args).status, 2) << (args.empty() ? "" : args[0]);
-  }
-  // Values outside an option's meaning are refused before any file is read.
-  for (auto [option, value] : {std::pair{"--sensitivity", "0"}, {"--latitude", "1e308"},
-                               {"--pixel-size", "-1"}, {"--latitude", "-0"}}) {
-    r = run_tool({"psl", text, "-o", temp_path("x.tif"), option, value});
-    EXPECT_EQ(r.status, 2) << option;
-    EXPECT_NE(r.err.find(std::string("Invalid value '") + value + "' for option '" + option + "'"),
-              std::string::npos) << r.err;
-  }
-  // A FIFO without a writer is not opened; a directory without a matching
-  // file is reported as such.
-  const std::string fifo = temp_path("fifo"), dir = temp_path("dir");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
-  r = run_tool({"info", fifo});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Error(120030): '" + fifo + "' is not a regular file or block device "),
-            std::string::npos) << r.err;
-  r = run_tool({"info", dir});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Error: No file in '" + dir + "' matches '*.tif;*.tiff;*.TIF;*.TIFF' "),
-            std::string::npos) << r.err;
-  std::remove(fifo.c_str());
-  rmdir(dir.c_str());
   // A huge 12-bit image is refused as such, before any output is allocated;
   // info reads the directory only, so broken strips do not matter to it.
-  const std::string big = temp_path("big.tif"), broken = temp_path("broken.tif");
   std::ofstream(big, std::ios::binary) << crafted(100000, 100000, 12, 4);
   std::ofstream(broken, std::ios::binary) << crafted(4, 4, 8, 16);
-  for (const char *cmd : {"psl", "density", "mask"}) {
-    r = run_tool({cmd, big, "-o", temp_path("x.tif")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("\nError: TIFF image with 12 bits per sample is not supported"),
-              std::string::npos) << r.err;
-  }
+  std::ofstream(rois) << "circle,1,2,3\nrect,1,2\n";
+  ASSERT_EQ(run_tool({"synth", "-o", scan, "--width", "8", "--height", "8"}).status, 0);
   EXPECT_EQ(run_tool({"info", broken}).status, 0);
-  r = run_tool({"stats", broken});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("\nError(120153): The data is not complete. "), std::string::npos) << r.err;
-  // Compressed data are decoded, measured as the same data uncompressed; a
-  // resolution without a unit reads as none.
-  const std::string lzw = temp_path("lzw.tif"), unitless = temp_path("unitless.tif"),
-                    plain = temp_path("plain.tif");
-  libtiff_file(lzw, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
-  libtiff_file(plain, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+  const std::string twelve = "\nError: TIFF image with 12 bits per sample is not supported";
+  const std::string region = "Error: Invalid region '";
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string message;
+  } cases[] = {
+      {{"info", missing}, 1, "Error(120030): Cannot open image '" + missing + "'. \n"},
+      {{"info", missing}, 1, "\nError(120030): Cannot open file '" + missing + "' \n"},
+      {{"stats", text}, 1, "\nError(120150): Unknown data format. "},
+      {{"info", fifo}, 1, "Error(120030): '" + fifo + "' is not a regular file or block device "},
+      {{"info", dir}, 1, "Error: No file in '" + dir + "' matches '*.tif;*.tiff;*.TIF;*.TIFF' "},
+      {{"psl", big, "-o", x}, 1, twelve},
+      {{"density", big, "-o", x}, 1, twelve},
+      {{"mask", big, "-o", x}, 1, twelve},
+      {{"stats", broken}, 1, "\nError(120153): The data is not complete. "},
+      {{"measure", scan, "--rois", missing}, 1, ""},
+      {{"stats", "--bogus", "1", text}, 2, "Error: Unknown option '--bogus' for 'stats'. "},
+      {{}, 2, ""},
+      {{"frobnicate"}, 2, ""},
+      {{"synth"}, 2, ""},
+      {{"synth", "-o", x, "--width", "0"}, 2, ""},
+      {{"psl", text, "-o", x, "--latitude", "abc"}, 2, ""},
+      // Values outside an option's meaning are refused before any file is read.
+      {{"psl", text, "-o", x, "--sensitivity", "0"},
+       2,
+       "Invalid value '0' for option '--sensitivity'"},
+      {{"psl", text, "-o", x, "--latitude", "1e308"},
+       2,
+       "Invalid value '1e308' for option '--latitude'"},
+      {{"psl", text, "-o", x, "--pixel-size", "-1"},
+       2,
+       "Invalid value '-1' for option '--pixel-size'"},
+      {{"psl", text, "-o", x, "--latitude", "-0"}, 2, "Invalid value '-0' for option '--latitude'"},
+      {{"stats", "--jobs", "0", dir}, 2, ""},
+      {{"stats", "--plot", x, scan, scan}, 2, "'--plot' takes exactly one input file, not 2."},
+      {{"measure", scan, "--roi", "circle:1,2"},
+       2,
+       region + "circle:1,2' for option '--roi': expected circle:X,Y,R"},
+      {{"measure", scan, "--roi", "square:1,2,3"}, 2, region + "square:1,2,3' for option '--roi'"},
+      {{"measure", scan, "--roi", "circle:1,2,-3"}, 2, region + "circle:1,2,-3' for option"},
+      {{"measure", scan, "--roi", "ellipse:1,2,3,nan"}, 2, region + "ellipse:1,2,3,nan' for"},
+      {{"measure", scan, "--roi", "circle:1,2,3", "--ring", "5,3"},
+       2,
+       "Error: Invalid ring '5,3' for option '--ring'"},
+      {{"measure", scan}, 2, "Error: 'measure' needs a region: --roi or --rois."},
+      {{"measure", scan, "--rois", rois},
+       2,
+       "Invalid region 'rect,1,2' at line 2 of '" + rois + "' (option '--rois')"},
+      {{"measure", scan, scan, "--roi", "circle:1,2,3"}, 2, ""},
+      {{"overlay", scan, "--roi", "circle:1,2,3"}, 2, ""},
+      {{"overlay", scan, "--roi", "circle:1,2,3", "-o", x, "--percentiles", "50,10"},
+       2,
+       "Invalid percentiles '50,10' for option '--percentiles'"},
+  };
+  for (const auto &c : cases) {
+    const ToolRun r = run_tool(c.args);
+    EXPECT_EQ(r.status, c.status) << (c.args.empty() ? "" : c.args[0]) << " " << c.message;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+  EXPECT_TRUE(run_tool({"info", missing}).out.empty());
+  std::remove(fifo.c_str());
+  rmdir(dir.c_str());
+  // A resolution without a unit reads as none.
+  const std::string unitless = temp_path("unitless.tif");
   libtiff_file(unitless, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
-  r = run_tool({"stats", lzw});
-  EXPECT_EQ(r.status, 0) << r.err;
-  const ToolRun unpacked = run_tool({"stats", plain});
-  EXPECT_EQ(r.out.substr(r.out.rfind('\t', r.out.find("\t1\t"))),
-            unpacked.out.substr(unpacked.out.rfind('\t', unpacked.out.find("\t1\t"))));
-  r = run_tool({"info", unitless});
+  ToolRun r = run_tool({"info", unitless});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("\nresolution: none (ResolutionUnit 1, no absolute unit)\n"),
-            std::string::npos) << r.out;
+            std::string::npos)
+      << r.out;
   // Its histogram is kept up to value 4 only, and written in full.
   const std::string csv_path = temp_path("u.csv");
   ASSERT_EQ(run_tool({"stats", "--histogram", csv_path, unitless}).status, 0);
@@ -289,6 +371,21 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
   }
 }
 
+// A write that fails (here at the file size limit) exits 1 and leaves the
+// file that was there, with no temporary file beside it.
+TEST_F(VepraImageTest, AFailedWriteKeepsTheOldFile) {
+  const std::string dir = temp_path("keep"), out = dir + "/scan.tif";
+  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+  std::ofstream(out) << "old contents\n";
+  const ToolRun r = run_tool({"synth", "-o", out, "--width", "64", "--height", "64"},
+                             "trap '' XFSZ; ulimit -f 4; ");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Cannot write sample scan to '" + out + "'."), std::string::npos) << r.err;
+  EXPECT_EQ(slurp(out), "old contents\n");
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
+  fs::remove_all(dir);
+}
+
 // A file of two pages, a 4 x 4 image of ones and a 2 x 2 one of twos: info
 // lists both, the measures read the first unless --page says otherwise.
 TEST_F(VepraImageTest, PagesAreListedAndSelected) {
@@ -296,8 +393,10 @@ TEST_F(VepraImageTest, PagesAreListedAndSelected) {
   TIFF *t = TIFFOpen(path.c_str(), "w");
   ASSERT_NE(t, nullptr);
   for (uint32_t p = 0; p < 2; ++p) {
-    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 4u >> p}, {TIFFTAG_IMAGELENGTH, 4u >> p},
-                            {TIFFTAG_BITSPERSAMPLE, 8u}, {TIFFTAG_PHOTOMETRIC, 1u},
+    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 4u >> p},
+                            {TIFFTAG_IMAGELENGTH, 4u >> p},
+                            {TIFFTAG_BITSPERSAMPLE, 8u},
+                            {TIFFTAG_PHOTOMETRIC, 1u},
                             {TIFFTAG_COMPRESSION, p == 0 ? 5u : 8u}})
       TIFFSetField(t, field, v);
     uint8_t row[4] = {uint8_t(p + 1), uint8_t(p + 1), uint8_t(p + 1), uint8_t(p + 1)};
@@ -310,7 +409,8 @@ TEST_F(VepraImageTest, PagesAreListedAndSelected) {
   EXPECT_NE(r.out.find("\npages: 2\npage 0: 4 x 4 pixels, 8 bits, compression 5, photometric 1 "
                        "(BlackIsZero)\npage 1: 2 x 2 pixels, 8 bits, compression 8, photometric 1 "
                        "(BlackIsZero)\n"),
-            std::string::npos) << r.out;
+            std::string::npos)
+      << r.out;
   EXPECT_NE(r.out.find("size: 4 x 4 pixels"), std::string::npos) << r.out;
   r = run_tool({"stats", path});
   EXPECT_NE(r.out.find(path + "\t1\t1\t1.0000"), std::string::npos) << r.out;
@@ -321,50 +421,6 @@ TEST_F(VepraImageTest, PagesAreListedAndSelected) {
   EXPECT_NE(r.err.find("\nError: Page 2 does not exist: the file has 2 pages "), std::string::npos)
       << r.err;
   EXPECT_NE(run_tool({"stats", "--page", "-1", path}).status, 0);
-}
-
-// Tiled, compressed BigTIFF files in both byte orders give the figures of
-// the same pixels in a plain file.
-TEST_F(VepraImageTest, TiledBigTiffGivesThePlainFigures) {
-  const std::string plain = temp_path("plain.tif");
-  std::string figures;
-  for (const char *mode : {"w", "w8", "wb8"}) {
-    const std::string path = temp_path(std::string(mode) + ".tif");
-    TIFF *t = TIFFOpen(mode == std::string("w") ? plain.c_str() : path.c_str(), mode);
-    ASSERT_NE(t, nullptr);
-    for (auto [field, v] : {std::pair{TIFFTAG_IMAGEWIDTH, 20u}, {TIFFTAG_IMAGELENGTH, 19u},
-                            {TIFFTAG_BITSPERSAMPLE, 16u}, {TIFFTAG_PHOTOMETRIC, 1u}})
-      TIFFSetField(t, field, v);
-    std::vector<uint16_t> v(16 * 16);
-    if (mode == std::string("w")) {
-      for (uint32_t r = 0; r < 19; ++r) {
-        for (uint32_t c = 0; c < 20; ++c) v[c] = uint16_t(r * 1000 + c * c);
-        ASSERT_EQ(TIFFWriteScanline(t, v.data(), r, 0), 1);
-      }
-    } else {
-      TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
-      TIFFSetField(t, TIFFTAG_TILEWIDTH, 16u);
-      TIFFSetField(t, TIFFTAG_TILELENGTH, 16u);
-      for (uint32_t y = 0; y < 19; y += 16)
-        for (uint32_t x = 0; x < 20; x += 16) {
-          for (uint32_t r = 0; r < 16; ++r)
-            for (uint32_t c = 0; c < 16; ++c) v[r * 16 + c] = uint16_t((y + r) * 1000 + (x + c) * (x + c));
-          ASSERT_GE(TIFFWriteTile(t, v.data(), x, y, 0, 0), 0);
-        }
-    }
-    TIFFClose(t);
-    if (mode == std::string("w")) {
-      const ToolRun r = run_tool({"stats", plain});
-      ASSERT_EQ(r.status, 0) << r.err;
-      figures = r.out.substr(r.out.find('\t', r.out.find(plain)));
-      continue;
-    }
-    const ToolRun r = run_tool({"stats", path});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out.substr(r.out.find('\t', r.out.find(path))), figures) << mode;
-    EXPECT_NE(run_tool({"info", path}).out.find("\nsize: 20 x 19 pixels\ndepth: 16 bits"),
-              std::string::npos);
-  }
 }
 
 // A width x height 16-bit BlackIsZero file written by libtiff.
@@ -441,7 +497,8 @@ TEST_F(VepraImageFolderTest, ParallelRunsGiveTheSameOrderedOutputAndReportTheBro
   EXPECT_EQ(lines[0], "file\tmin\tmax\tmean\tentropy\tthreshold");
   for (size_t i = 0; i < expected_.size(); ++i) {
     const Scan &s = expected_[i];
-    const std::string head = s.path + "\t" + std::to_string(s.min) + "\t" + std::to_string(s.max) + "\t";
+    const std::string head =
+        s.path + "\t" + std::to_string(s.min) + "\t" + std::to_string(s.max) + "\t";
     EXPECT_EQ(lines[i + 1].substr(0, head.size()), head) << i;
   }
 
@@ -477,7 +534,6 @@ TEST_F(VepraImageFolderTest, ParallelRunsGiveTheSameOrderedOutputAndReportTheBro
               std::pair(expected_[i].width, expected_[i].height));
     EXPECT_EQ(j.at("bits_per_sample"), 16);
   }
-  EXPECT_EQ(run_tool({"stats", "--jobs", "0", dir_}).status, 2);
 }
 
 TEST_F(VepraImageFolderTest, ProgressLineOnlyOnATerminal) {
@@ -512,88 +568,6 @@ TEST_F(VepraImageFolderTest, ProgressLineOnlyOnATerminal) {
   EXPECT_EQ(r.err.find('\r'), std::string::npos);
   EXPECT_NE(r.err.find("broken.tif"), std::string::npos);
 #endif
-}
-
-// The attributes of the elements of an XML file, parsed by APR-util.
-std::vector<std::map<std::string, std::string>> xml_elements(apr_pool_t *pool,
-                                                             const std::string &path,
-                                                             const std::string &name) {
-  std::vector<std::map<std::string, std::string>> found;
-  apr_file_t *file = nullptr;
-  apr_xml_parser *parser = nullptr;
-  apr_xml_doc *doc = nullptr;
-  EXPECT_EQ(apr_file_open(&file, path.c_str(), APR_FOPEN_READ, 0, pool), APR_SUCCESS);
-  if (file == nullptr) return found;
-  EXPECT_EQ(apr_xml_parse_file(pool, &parser, &doc, file, 4096), APR_SUCCESS);
-  apr_file_close(file);
-  if (doc == nullptr) return found;
-  std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
-    for (; e != nullptr; e = e->next) {
-      if (name == e->name) {
-        std::map<std::string, std::string> attrs;
-        for (const apr_xml_attr *a = e->attr; a != nullptr; a = a->next) attrs[a->name] = a->value;
-        found.push_back(attrs);
-      }
-      visit(e->first_child);
-    }
-  };
-  found.push_back({});  // the root's attributes come first
-  for (const apr_xml_attr *a = doc->root->attr; a != nullptr; a = a->next) {
-    found[0][a->name] = a->value;
-  }
-  visit(doc->root->first_child);
-  return found;
-}
-
-TEST_F(VepraImageTest, PlotMarksSitAtTheirValues) {
-  const std::string scan = temp_path("scan.tif"), svg = temp_path("plot.svg");
-  ASSERT_EQ(run_tool({"synth", "-o", scan, "--width", "80", "--height", "60"}).status, 0);
-  ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
-  size_t nbins = 0;
-  uint64_t *hist = nullptr;
-  ASSERT_EQ(vepra_img_histogram(&img_, &nbins, &hist), nullptr);
-  double sum = 0, count = 0;
-  size_t min = nbins, max = 0;
-  for (size_t v = 0; v < nbins; ++v) {
-    if (hist[v] == 0) continue;
-    min = std::min(min, v), max = v;
-    sum += double(v) * double(hist[v]), count += double(hist[v]);
-  }
-  const std::map<std::string, double> values = {{"min", double(min)},
-                                                {"max", double(max)},
-                                                {"mean", sum / count},
-                                                {"threshold", vepra_img_thres_IJ(nbins, hist)}};
-  vepra_mem_free(hist);
-  for (const bool log : {false, true}) {
-    std::vector<std::string> args = {"stats", "--plot", svg, scan};
-    if (log) args.push_back("--log");
-    ASSERT_EQ(run_tool(args).status, 0);
-    const auto root = xml_elements(pool_, svg, "line").at(0);
-    const double x0 = std::stod(root.at("data-x0")), x1 = std::stod(root.at("data-x1"));
-    const double left = std::stod(root.at("data-left")), width = std::stod(root.at("data-width"));
-    EXPECT_LT(x0, double(min));
-    EXPECT_GT(x1, double(max));
-    std::map<std::string, double> seen;
-    for (const auto &line : xml_elements(pool_, svg, "line")) {
-      if (!line.count("class") || line.at("class") != "mark") continue;
-      const std::string name = line.at("id").substr(5);  // "mark-..."
-      const double value = std::stod(line.at("data-value"));
-      EXPECT_NEAR(value, values.at(name), 5e-5) << name;
-      EXPECT_NEAR(std::stod(line.at("x1")), left + (value - x0) / (x1 - x0) * width, 0.01) << name;
-      EXPECT_EQ(line.at("x1"), line.at("x2"));
-      seen[name] = value;
-    }
-    EXPECT_EQ(seen.size(), 4u);
-    // Each mark has a label that names it.
-    size_t labels = 0;
-    for (const auto &text : xml_elements(pool_, svg, "text")) {
-      labels += text.count("class") && text.at("class") == "label";
-    }
-    EXPECT_EQ(labels, 4u);
-  }
-  const ToolRun r = run_tool({"stats", "--plot", svg, scan, scan});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("'--plot' takes exactly one input file, not 2."), std::string::npos) << r.err;
 }
 
 TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
@@ -641,28 +615,6 @@ TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
   EXPECT_DOUBLE_EQ(j.at("psl_sum").get<double>(), m.region.psl_sum);
   EXPECT_TRUE(j.at("ring_mean").is_null());  // no ring: nothing covered
 
-  // Region texts that cannot be understood name the argument and exit 2.
-  for (const auto &[args, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
-           {{"--roi", "circle:1,2"}, "Invalid region 'circle:1,2' for option '--roi': expected circle:X,Y,R"},
-           {{"--roi", "square:1,2,3"}, "Invalid region 'square:1,2,3' for option '--roi'"},
-           {{"--roi", "circle:1,2,-3"}, "Invalid region 'circle:1,2,-3' for option '--roi'"},
-           {{"--roi", "ellipse:1,2,3,nan"}, "Invalid region 'ellipse:1,2,3,nan' for option '--roi'"},
-           {{"--roi", "circle:1,2,3", "--ring", "5,3"}, "Invalid ring '5,3' for option '--ring'"},
-           {{}, "'measure' needs a region: --roi or --rois."}}) {
-    std::vector<std::string> argv = {"measure", scan};
-    argv.insert(argv.end(), args.begin(), args.end());
-    r = run_tool(argv);
-    EXPECT_EQ(r.status, 2) << message;
-    EXPECT_NE(r.err.find("Error: " + message), std::string::npos) << r.err;
-  }
-  std::ofstream(rois) << "circle,1,2,3\nrect,1,2\n";
-  r = run_tool({"measure", scan, "--rois", rois});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("Invalid region 'rect,1,2' at line 2 of '" + rois + "' (option '--rois')"),
-            std::string::npos) << r.err;
-  EXPECT_EQ(run_tool({"measure", scan, "--rois", temp_path("none.csv")}).status, 1);
-  EXPECT_EQ(run_tool({"measure", scan, scan, "--roi", "circle:1,2,3"}).status, 2);
-
   // The overlay differs from a preview without outlines only on and next
   // to the circle's stroke and ring.
   ASSERT_EQ(run_tool({"overlay", scan, "--roi", "circle:-900,-900,1", "-o", plain}).status, 0);
@@ -686,11 +638,6 @@ TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
   EXPECT_GT(changed, 2 * 31 * 3);  // three outlines of more than 60 pixels each
   vepra_img_free(&a);
   vepra_img_free(&b);
-  EXPECT_EQ(run_tool({"overlay", scan, "--roi", "circle:1,2,3"}).status, 2);
-  r = run_tool({"overlay", scan, "--roi", "circle:1,2,3", "-o", out, "--percentiles", "50,10"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("Invalid percentiles '50,10' for option '--percentiles'"),
-            std::string::npos) << r.err;
 }
 
 }  // namespace
