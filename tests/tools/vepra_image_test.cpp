@@ -335,7 +335,6 @@ TEST_F(VepraImageTest, FailuresPrintTheChainAndExitNonZero) {
       {{"measure", scan, "--rois", rois},
        2,
        "Invalid region 'rect,1,2' at line 2 of '" + rois + "' (option '--rois')"},
-      {{"measure", scan, scan, "--roi", "circle:1,2,3"}, 2, ""},
       {{"overlay", scan, "--roi", "circle:1,2,3"}, 2, ""},
       {{"overlay", scan, "--roi", "circle:1,2,3", "-o", x, "--percentiles", "50,10"},
        2,
