@@ -6,9 +6,10 @@
 // Every command that reads scans takes files and directories (walked with
 // the library's traversal) and works on several files at once; the output
 // keeps the order of the input, and the commands that write a file per
-// input mirror the directories under the output directory. Every failure is an error chain printed with
-// vepra_error_handle(); the exit status is 0 on success, 1 when a file or
-// an operation failed and 2 for a command line that cannot be understood.
+// input mirror the directories under the output directory. Every failure
+// is an error chain printed with vepra_error_handle(); the exit status is 0
+// on success, 1 when a file or an operation failed and 2 for a command
+// line that cannot be understood.
 // Options and --help come from CLI11, JSON from nlohmann/json.
 #define VEPRA_ERROR_NO_LOCATION 1  // the chains tell the user, not the source
 
