@@ -20,16 +20,17 @@ VEPRA_BEGIN_DECL
  *  @{ */
 /** BSD strlcpy: copies at most size-1 bytes and terminates when size > 0.
  *  Returns strlen(src); a result >= size means the copy was cut.
- *  @param[out] dst buffer of size bytes; may be null when size is 0
- *  @param src text to copy; not null
+ *  @param[out] dst buffer of size bytes; null writes nothing
+ *  @param src text to copy; null is the empty text
  *  @param size bytes of dst
  *  @return strlen(src) */
 VEPRA_API size_t vepra_str_strlcpy(char *dst, const char *src, size_t size)
     VEPRA_NOTHROW;
 /** BSD strlcat: appends src within size bytes. Returns the length it tried
  *  to build (size + strlen(src) when dst has no terminator within size).
- *  @param[in,out] dst text in a buffer of size bytes; not null
- *  @param src text to append; not null
+ *  @param[in,out] dst text in a buffer of size bytes; null is taken as
+ *         a full buffer (nothing written)
+ *  @param src text to append; null is the empty text
  *  @param size bytes of dst
  *  @return the length of the untruncated result */
 VEPRA_API size_t vepra_str_strlcat(char *dst, const char *src, size_t size)

@@ -72,9 +72,12 @@ char *vepra_str_psprintf(apr_pool_t *pool, const char *format, ...) noexcept {
   return s;
 }
 
+// Both take a null source as the empty text, and write nothing to a null
+// destination (strlcat then reports it as full).
 size_t vepra_str_strlcpy(char *dst, const char *src, size_t size) noexcept {
+  if (src == nullptr) src = "";
   size_t len = std::strlen(src);
-  if (size != 0) {
+  if (size != 0 && dst != nullptr) {
     size_t n = len < size - 1 ? len : size - 1;
     std::memcpy(dst, src, n);
     dst[n] = '\0';
@@ -83,7 +86,8 @@ size_t vepra_str_strlcpy(char *dst, const char *src, size_t size) noexcept {
 }
 
 size_t vepra_str_strlcat(char *dst, const char *src, size_t size) noexcept {
-  size_t dlen = strnlen(dst, size);
+  if (src == nullptr) src = "";
+  size_t dlen = dst != nullptr ? strnlen(dst, size) : size;
   size_t slen = std::strlen(src);
   if (dlen == size) return size + slen;
   size_t n = slen < size - dlen - 1 ? slen : size - dlen - 1;

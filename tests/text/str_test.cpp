@@ -182,6 +182,13 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
           << "wrote without a terminator within size";
     }
   }
+  // Null sources are empty texts; null destinations take nothing.
+  char small[4] = "ab";
+  EXPECT_EQ(vepra_str_strlcat(small, nullptr, sizeof small), 2u);
+  EXPECT_EQ(vepra_str_strlcpy(small, nullptr, sizeof small), 0u);
+  EXPECT_STREQ(small, "");
+  EXPECT_EQ(vepra_str_strlcpy(nullptr, "abc", 9), 3u);
+  EXPECT_EQ(vepra_str_strlcat(nullptr, "abc", 9), 12u);
   EXPECT_STREQ(vepra_str_psprintf(pool_, "%d-%s", 7, "x"), "7-x");
   char *q = nullptr;
   EXPECT_EQ(vepra_str_asprintf(&q, "%s", ""), 0);
