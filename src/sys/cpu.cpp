@@ -19,6 +19,37 @@
 #include "vepra_cpu.h"
 
 namespace vepra::detail {
+
+// Packages, most cores in a package and most threads in a core, counted
+// from the processors seen: their (package, core) keys sorted, then runs.
+vepra_error_t *count_groups(vepra_cpu_topology_t *t, apr_pool_t *pool) noexcept {
+  auto *keys = static_cast<std::uint64_t *>(
+      apr_palloc(pool, sizeof(std::uint64_t) * std::max<std::size_t>(t->count, 1)));
+  if (keys == nullptr) return make_error(VEPRA_E_ALLOC);
+  for (std::uint32_t i = 0; i < t->count; ++i) {
+    keys[i] = (std::uint64_t{t->processors[i].package} << 32) | t->processors[i].core;
+  }
+  std::sort(keys, keys + t->count);
+  t->packages = t->cores_per_package = t->threads_per_core = 0;
+  std::uint32_t cores = 0, threads = 0;
+  for (std::uint32_t i = 0; i < t->count; ++i) {
+    const bool new_package = i == 0 || (keys[i] >> 32) != (keys[i - 1] >> 32);
+    const bool new_core = i == 0 || keys[i] != keys[i - 1];
+    if (new_package) {
+      ++t->packages;
+      cores = 0;
+    }
+    if (new_core) {
+      ++cores;
+      threads = 0;
+    }
+    ++threads;
+    t->cores_per_package = std::max(t->cores_per_package, cores);
+    t->threads_per_core = std::max(t->threads_per_core, threads);
+  }
+  return nullptr;
+}
+
 namespace {
 
 constexpr const char *kIdentifyContext = "Cannot identify the processor.";
@@ -285,36 +316,6 @@ vepra_error_t *visit_processors(const affinity &original, vepra_cpu_topology_t *
   t->method = first.method;
   t->count = n;
   t->processors = out;
-  return nullptr;
-}
-
-// Packages, most cores in a package and most threads in a core, counted
-// from the processors seen: their (package, core) keys sorted, then runs.
-vepra_error_t *count_groups(vepra_cpu_topology_t *t, apr_pool_t *pool) noexcept {
-  auto *keys = static_cast<std::uint64_t *>(
-      apr_palloc(pool, sizeof(std::uint64_t) * std::max<std::size_t>(t->count, 1)));
-  if (keys == nullptr) return make_error(VEPRA_E_ALLOC);
-  for (std::uint32_t i = 0; i < t->count; ++i) {
-    keys[i] = (std::uint64_t{t->processors[i].package} << 32) | t->processors[i].core;
-  }
-  std::sort(keys, keys + t->count);
-  t->packages = t->cores_per_package = t->threads_per_core = 0;
-  std::uint32_t cores = 0, threads = 0;
-  for (std::uint32_t i = 0; i < t->count; ++i) {
-    const bool new_package = i == 0 || (keys[i] >> 32) != (keys[i - 1] >> 32);
-    const bool new_core = i == 0 || keys[i] != keys[i - 1];
-    if (new_package) {
-      ++t->packages;
-      cores = 0;
-    }
-    if (new_core) {
-      ++cores;
-      threads = 0;
-    }
-    ++threads;
-    t->cores_per_package = std::max(t->cores_per_package, cores);
-    t->threads_per_core = std::max(t->threads_per_core, threads);
-  }
   return nullptr;
 }
 

@@ -6,6 +6,10 @@
 
 #include <cstdint>
 
+#include <apr_pools.h>
+
+#include "vepra_cpu.h"
+
 namespace vepra::detail {
 
 struct cpuid_regs {
@@ -28,6 +32,11 @@ std::uint32_t os_saved_state() noexcept;
 // here": the processor has them, os_sse says their registers are saved,
 // and the portable paths are not forced.
 bool may_run(std::uint64_t features) noexcept;
+
+// Sets the packages, the most cores in a package and the most threads in
+// a core of t from its processors' package and core numbers. Scratch from
+// pool; 120012 when it cannot be had.
+vepra_error_t *count_groups(vepra_cpu_topology_t *t, apr_pool_t *pool) noexcept;
 
 // True when a test asked for the n-th bind from now on to fail.
 bool cpu_bind_should_fail() noexcept;

@@ -323,6 +323,22 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   EXPECT_EQ(code_of(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask)), VEPRA_E_ASSERT);
 }
 
+// Group counts of a made-up machine with two packages of unequal size,
+// its processors in no particular order.
+TEST_F(CpuTest, GroupsAreCountedPerPackageAndCore) {
+  const std::pair<uint32_t, uint32_t> where[] = {{1, 2}, {0, 0}, {1, 0}, {1, 2}, {0, 1},
+                                                 {1, 1}, {0, 0}, {1, 2}, {1, 0}};
+  std::vector<vepra_cpu_logical_t> processors;
+  for (auto [package, core] : where) processors.push_back({0, 0, package, core, 0});
+  vepra_cpu_topology_t t{};
+  t.count = static_cast<uint32_t>(processors.size());
+  t.processors = processors.data();
+  ASSERT_EQ(Chain(vepra::detail::count_groups(&t, pool_)), nullptr);
+  EXPECT_EQ(t.packages, 2u);
+  EXPECT_EQ(t.cores_per_package, 3u);
+  EXPECT_EQ(t.threads_per_core, 3u);
+}
+
 // The topology covers only the processors the caller may run on, and the
 // caller's affinity is restored also when a bind or the restore fails.
 TEST_F(CpuTest, TheCallersAffinityIsHonouredAndRestored) {
