@@ -8,7 +8,9 @@
 #include "vepra_mem.h"
 
 using vepra::detail::alloc_error;
-using vepra::detail::allocation_should_fail;
+using vepra::detail::checked_calloc;
+using vepra::detail::checked_malloc;
+using vepra::detail::checked_realloc;
 using vepra::detail::make_error;
 using vepra::detail::wrap_error;
 
@@ -30,14 +32,6 @@ size_t widen(int32_t n) noexcept { return static_cast<size_t>(static_cast<ptrdif
 void *shift(void *p, ptrdiff_t elements, size_t size) noexcept {
   return reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(p) +
                                   static_cast<uintptr_t>(elements) * size);
-}
-
-void *checked_calloc(size_t count, size_t size) noexcept {
-  return allocation_should_fail() ? nullptr : std::calloc(count, size);
-}
-
-void *checked_malloc(size_t size) noexcept {
-  return allocation_should_fail() ? nullptr : std::malloc(size);
 }
 
 vepra_error_t *calloc_error(size_t count, size_t size, void **out) noexcept {
@@ -70,7 +64,7 @@ vepra_error_t *vepra_mem_malloc(size_t size, void **out) noexcept {
 
 vepra_error_t *vepra_mem_realloc(size_t size, void **ptr) noexcept {
   if (size == 0) return make_error(VEPRA_E_MEM_SIZE, "Cannot allocate memory for %zu bytes.", size);
-  *ptr = allocation_should_fail() ? nullptr : std::realloc(*ptr, size);
+  *ptr = checked_realloc(*ptr, size);
   if (*ptr == nullptr) {
     return make_error(VEPRA_E_REALLOC, "Failed to reallocate memory for %zu bytes.", size);
   }

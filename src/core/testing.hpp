@@ -7,6 +7,8 @@
 #define VEPRA_SRC_CORE_TESTING_HPP
 
 #include <atomic>
+#include <cstddef>
+#include <cstdlib>
 
 namespace vepra::testing {
 
@@ -44,6 +46,18 @@ bool lock_should_fail_armed() noexcept;
 inline bool allocation_should_fail() noexcept {
   return __builtin_expect(g_faults_armed.load(std::memory_order_relaxed), false) &&
          allocation_should_fail_armed();
+}
+
+// The system allocator behind every checked allocation, failing where the
+// schedule says so.
+inline void *checked_malloc(size_t size) noexcept {
+  return allocation_should_fail() ? nullptr : std::malloc(size);
+}
+inline void *checked_calloc(size_t count, size_t size) noexcept {
+  return allocation_should_fail() ? nullptr : std::calloc(count, size);
+}
+inline void *checked_realloc(void *p, size_t size) noexcept {
+  return allocation_should_fail() ? nullptr : std::realloc(p, size);
 }
 
 // Same for the creation of an error pool.

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "core/error_internal.hpp"
+#include "core/testing.hpp"
 #include "image/measure_common.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
@@ -79,7 +80,7 @@ bool count_split(const vepra_img_t &img, const uint16_t *const *rows, Counter *b
   constexpr size_t kBins = 65536;
   constexpr bool kBinsFirst = std::is_same_v<Counter, uint32_t>;
   constexpr size_t kScratch = (kBinsFirst ? 3 : 4) * kBins;
-  auto *scratch = static_cast<uint32_t *>(std::calloc(kScratch, sizeof(uint32_t)));
+  auto *scratch = static_cast<uint32_t *>(vepra::detail::checked_calloc(kScratch, sizeof(uint32_t)));
   if (scratch == nullptr) return false;
   uint32_t *s0 = nullptr;
   if constexpr (kBinsFirst) {

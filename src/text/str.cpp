@@ -10,11 +10,14 @@
 #endif
 
 #include "core/error_internal.hpp"
+#include "core/testing.hpp"
 #include "text/text_internal.hpp"
 #include "vepra_str.h"
 
 namespace {
 
+using vepra::detail::checked_malloc;
+using vepra::detail::checked_realloc;
 using vepra::detail::make_error;
 
 // The error of a failed conversion: status is what convert_whole returned.
@@ -38,7 +41,7 @@ vepra_error_t *convert_checked(const char *s, Out *out, int (*convert)(const cha
 }
 
 char *copy_of(const char *s, size_t len) noexcept {
-  auto *out = static_cast<char *>(std::malloc(len + 1));
+  auto *out = static_cast<char *>(checked_malloc(len + 1));
   if (out != nullptr) std::memcpy(out, s, len + 1);
   return out;
 }
@@ -48,7 +51,7 @@ char *copy_of(const char *s, size_t len) noexcept {
 class Builder {
  public:
   explicit Builder(size_t capacity) noexcept
-      : data_(static_cast<char *>(std::malloc(capacity))), cap_(data_ ? capacity : 0) {}
+      : data_(static_cast<char *>(checked_malloc(capacity))), cap_(data_ ? capacity : 0) {}
   ~Builder() { std::free(data_); }
   Builder(const Builder &) = delete;
   Builder &operator=(const Builder &) = delete;
@@ -60,7 +63,7 @@ class Builder {
       if (__builtin_add_overflow(len_ + 1, n, &need)) return false;
       size_t grown = cap_ > SIZE_MAX / 2 ? SIZE_MAX : cap_ * 2;
       size_t cap = grown > need ? grown : need;
-      auto *data = static_cast<char *>(std::realloc(data_, cap));
+      auto *data = static_cast<char *>(checked_realloc(data_, cap));
       if (data == nullptr) return false;
       data_ = data;
       cap_ = cap;
@@ -204,9 +207,8 @@ char *vepra_str_replace(const char *s, const char *from, const char *to) noexcep
   size_t tlen = std::strlen(to);
   Builder out(slen - flen + tlen + 1);
   size_t head = static_cast<size_t>(hit - s);
-  out.append(s, head);
-  out.append(to, tlen);
-  out.append(hit + flen, slen - head - flen);
+  if (!out.append(s, head) || !out.append(to, tlen) || !out.append(hit + flen, slen - head - flen))
+    return nullptr;
   return out.release();
 }
 

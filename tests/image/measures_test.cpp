@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/testing.hpp"
 #include "support/test_support.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
@@ -272,6 +273,19 @@ TEST_F(MeasuresTest, AllocationFailuresAreReported) {
       });
   EXPECT_EQ(counted, 1);
   EXPECT_NE(entropy, -3.0);
+
+  // A large image counts through scratch tables; when they cannot be had
+  // it counts directly, to the same histogram.
+  Image large(1024, 1024, 16, 1, 5);
+  std::vector<uint64_t> counts[2];
+  for (long fail : {0L, 2L}) {
+    vepra::testing::fail_allocation_at(fail);
+    ASSERT_EQ(vepra_img_histogram(&large.rec, &nbins, &hist), nullptr);
+    vepra::testing::fail_allocation_at(0);
+    counts[fail != 0].assign(hist, hist + nbins);
+    vepra_mem_free(hist);
+  }
+  EXPECT_EQ(counts[1], counts[0]);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/testing.hpp"
 #include "support/test_support.hpp"
 #include "vepra_str.h"
 
@@ -126,6 +127,23 @@ TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
   for (auto &c : all) EXPECT_EQ(take(vepra_str_replace_all(c[0], c[1], c[2])), c[3]) << c[0];
   EXPECT_EQ(take(vepra_str_replace("abc", "", "<")), "<abc");
   EXPECT_EQ(vepra_str_replace_all(nullptr, "a", "b"), nullptr);
+  // Memory running out gives null, never a cut text.
+  const std::string many(5000, 'a');
+  int nulls = 0;
+  for (long n = 1; n <= 3; ++n) {
+    vepra::testing::fail_allocation_at(n);
+    char *r = vepra_str_replace_all(many.c_str(), "a", "bb");
+    char *one = vepra_str_replace(many.c_str(), "a", "bb");
+    vepra::testing::fail_allocation_at(0);
+    nulls += (r == nullptr) + (one == nullptr);
+    if (r != nullptr) {
+      EXPECT_EQ(take(r), std::string(10000, 'b'));
+    }
+    if (one != nullptr) {
+      EXPECT_EQ(take(one), "bb" + many.substr(1));
+    }
+  }
+  EXPECT_GE(nulls, 3);
   char a[] = "a,b,,c", b[] = "a,b,c";
   EXPECT_EQ(vepra_str_replace_char(a, ',', ';'), a);
   EXPECT_STREQ(vepra_str_replace_char(vepra_str_replace_char(a, ';', ';'), '\0', 'x'), "a;b;;c");
