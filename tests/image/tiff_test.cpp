@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "image/tiff_common.hpp"
+#include "image/tiff_decode.hpp"
 #include "support/test_support.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
@@ -239,6 +240,21 @@ TEST_F(TiffTest, EveryReadFailureNamesItsCause) {
     EXPECT_TRUE(owns_nothing(img_));
   }
   read_ok(strip_at(122, 6, {1, 2, 3, 4, 5, 6}));  // exactly fits
+}
+
+// PackBits that ends where the next header would be is short, whatever
+// bytes follow the strip in memory.
+TEST(PackBits, InputEndingAtAHeaderIsShort) {
+  namespace tiff = vepra::detail::tiff;
+  using tiff::Decoded;
+  const uint8_t bytes[] = {0x00, 'A', 0x00, 'B', 0xFF, 'C'};
+  for (size_t used : {2, 4}) {
+    uint8_t out[4] = {};
+    uint8_t *rows[2] = {out, out + 2};
+    const std::span<const uint8_t> in(bytes, used);
+    EXPECT_EQ(tiff::decode_packbits(in, std::span(out, used / 2 + 1)), Decoded::kShort);
+    EXPECT_EQ(tiff::decode_packbits_rows(in, rows, 2, used / 2), Decoded::kShort) << used;
+  }
 }
 
 TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
