@@ -27,48 +27,18 @@
 #include <vector>
 
 #include "support/test_support.hpp"
+#include "tools/vepra_image_run.hpp"
 #include "vepra_img.h"
 #include "vepra_mem.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using vepra_test::quote;
+using vepra_test::run_tool;
+using vepra_test::slurp;
 using vepra_test::temp_path;
-
-struct ToolRun {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string slurp(const std::string &path) {
-  std::stringstream ss;
-  ss << std::ifstream(path, std::ios::binary).rdbuf();
-  return ss.str();
-}
-
-std::string quote(const std::string &s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-// Runs the program with args, after the shell commands of prefix.
-ToolRun run_tool(const std::vector<std::string> &args, const std::string &prefix = "") {
-  ToolRun r;
-#ifdef VEPRA_IMAGE_TOOL
-  const std::string out = temp_path("stdout"), err = temp_path("stderr");
-  std::string cmd = prefix + quote(VEPRA_IMAGE_TOOL);
-  for (const std::string &a : args) cmd += " " + quote(a);
-  const int raw =
-      std::system((cmd + " >" + quote(out) + " 2>" + quote(err) + " </dev/null").c_str());
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  r.out = slurp(out);
-  r.err = slurp(err);
-#else
-  (void)args;
-#endif
-  return r;
-}
+using vepra_test::ToolRun;
 
 class VepraImageTest : public vepra_test::LibraryTest {
  protected:
