@@ -90,21 +90,19 @@ std::string format(const char *fmt, double v) {
 // Each run of the table exits with its status and prints its text on the
 // stream it names; the files it names are made here.
 TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
-  const std::map<std::string, std::string> files = {{"data", VEPRA_TEST_DATA_DIR "/tools"},
-                                                    {"missing", temp_path("missing.tif")},
-                                                    {"text", temp_path("text.tif")},
-                                                    {"fifo", temp_path("fifo")},
-                                                    {"dir", temp_path("dir")},
-                                                    {"scan", temp_path("scan.tif")},
-                                                    {"x", temp_path("x.tif")},
-                                                    {"unitless", temp_path("unitless.tif")},
-                                                    {"pages", temp_path("pages.tif")}};
+  std::map<std::string, std::string> files = {{"data", VEPRA_TEST_DATA_DIR "/tools"},
+                                              {"odd", temp_path("a b\tc\nd\\e\x01.tif")},
+                                              {"shown", temp_path("a b\\tc\\nd\\\\e\\001.tif")}};
+  for (const char *name : {"missing", "text", "fifo", "dir", "scan", "x", "unitless", "pages"}) {
+    files[name] = temp_path(name);
+  }
   std::ofstream(files.at("text")) << "not an image\n";
   ASSERT_EQ(mkfifo(files.at("fifo").c_str(), 0600), 0);
   ASSERT_EQ(mkdir(files.at("dir").c_str(), 0700), 0);
-  ASSERT_EQ(run_tool({"synth", "-o", files.at("scan"), "--width", "8", "--height", "8"}).status, 0);
-  const std::vector<uint16_t> ramp = {1, 2, 3, 4, 1, 2, 3, 4, 1, 2, 3, 4, 1, 2, 3, 4};
-  write_libtiff(files.at("unitless"), {{4, 4, 8, ramp}}, [](TIFF *t) {
+  ASSERT_EQ(run_tool({"synth", "-o", files.at("scan"), "--width", "64", "--height", "48"}).status,
+            0);
+  fs::copy_file(files.at("scan"), files.at("odd"));
+  write_libtiff(files.at("unitless"), {{4, 4, 8, std::vector<uint16_t>(16, 7)}}, [](TIFF *t) {
     TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
     TIFFSetField(t, TIFFTAG_XRESOLUTION, 1.0f);
     TIFFSetField(t, TIFFTAG_YRESOLUTION, 1.0f);
@@ -143,36 +141,24 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
   }
   EXPECT_GT(rows, 40);
   EXPECT_TRUE(run_tool({"info", files.at("missing")}).out.empty());
-  // A histogram is kept up to the largest value, and written in full.
-  const std::string csv_path = temp_path("u.csv");
-  ASSERT_EQ(run_tool({"stats", "--histogram", csv_path, files.at("unitless")}).status, 0);
-  std::string csv = "value," + files.at("unitless") + "\n";
-  for (int v = 0; v < 256; ++v) csv += std::to_string(v) + (v >= 1 && v <= 4 ? ",4\n" : ",0\n");
-  EXPECT_EQ(slurp(csv_path), csv);
   fs::remove(files.at("fifo"));
   fs::remove(files.at("dir"));
+  fs::remove(files.at("odd"));
 }
 
+// Each command's output is what the library gives for the same scan and
+// options: statistics, histogram, plot, measures of regions from the
+// command line and from a file, and the images written.
 TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   const std::string scan = temp_path("scan.tif"), again = temp_path("again.tif"),
                     csv_path = temp_path("h.csv");
-  ToolRun r = run_tool({"synth", "-o", scan, "--width", "64", "--height", "48", "--pattern", "5"});
+  ToolRun r = run_tool({"synth", "-o", scan, "--width", "96", "--height", "64"});
   ASSERT_EQ(r.status, 0) << r.err;
   ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
-  EXPECT_EQ(std::pair(img_.width, img_.height), std::pair(64u, 48u));
-  // Deterministic, and the pattern matters.
-  for (const char *pattern : {"--pattern=5", "--pattern=6"}) {
-    ASSERT_EQ(run_tool({"synth", "-o", again, "--width=64", "--height=48", pattern}).status, 0);
-    EXPECT_EQ(slurp(scan) == slurp(again), pattern[10] == '5');
-  }
-
-  r = run_tool({"info", scan});
-  ASSERT_EQ(r.status, 0) << r.err;
-  for (const char *line :
-       {"size: 64 x 48 pixels\n", "depth: 16 bits per sample, 1 sample(s) per pixel\n",
-        "photometric: 1 (BlackIsZero)\n", "resolution: none\n", "software: VEPRA 1.0.0\n",
-        "strips: 1\n"}) {
-    EXPECT_NE(r.out.find(line), std::string::npos) << line << " in\n" << r.out;
+  // synth is deterministic, and the pattern matters.
+  for (const char *pattern : {"--pattern=1", "--pattern=6"}) {
+    ASSERT_EQ(run_tool({"synth", "-o", again, "--width=96", "--height=64", pattern}).status, 0);
+    EXPECT_EQ(slurp(scan) == slurp(again), pattern[10] == '1');
   }
 
   size_t nbins = 0;
@@ -228,16 +214,6 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
     EXPECT_EQ(xml_elements(svg, "label").size(), 5u);
   }
 
-  // Names are escaped in the line-oriented output.
-  const std::string odd = temp_path("a b\tc\nd\\e\x01.tif"),
-                    shown = temp_path("a b\\tc\\nd\\\\e\\001.tif");
-  fs::copy_file(scan, odd);
-  r = run_tool({"stats", odd, "--histogram", csv_path});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(lines_of(r.out).at(1).rfind(shown + "\t" + std::to_string(min) + "\t", 0), 0u);
-  EXPECT_NE(run_tool({"info", odd}).out.find("file: " + shown + "\n"), std::string::npos);
-  fs::remove(odd);
-
   // Options reach the library; the density of a BlackIsZero scan saturates at 0.
   const std::string out = temp_path("measure.tif");
   ASSERT_EQ(run_tool({"mask", scan, "-o", out}).status, 0);
@@ -250,37 +226,8 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   ASSERT_EQ(run_tool({"density", scan, "-o", out}).status, 0);
   EXPECT_TRUE(slurp(out) ==
               library_output([&](double **o) { return vepra_img_calc_density(&img_, o, 0); }));
-}
 
-// A write that fails (here at the file size limit) exits 1 and leaves the
-// file that was there, with no temporary file beside it.
-TEST_F(VepraImageTest, AFailedWriteKeepsTheOldFile) {
-  const std::string dir = temp_path("keep"), out = dir + "/scan.tif";
-  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
-  std::ofstream(out) << "old contents\n";
-  const ToolRun r = run_tool({"synth", "-o", out, "--width", "64", "--height", "64"},
-                             "trap '' XFSZ; ulimit -f 4; ");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Cannot write sample scan to '" + out + "'."), std::string::npos) << r.err;
-  EXPECT_EQ(slurp(out), "old contents\n");
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
-  fs::remove_all(dir);
-}
-
-// Regions from the command line and from a file are measured as the
-// library measures them; the overlay draws their outlines only.
-TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
-  const std::string scan = temp_path("scan.tif"), rois = temp_path("rois.csv"),
-                    out = temp_path("overlay.tif"), plain = temp_path("plain.tif");
-  ToolRun r = run_tool({"synth", "-o", scan, "--width", "96", "--height", "64"});
-  ASSERT_EQ(r.status, 0);
-  // synth tells where its spots are.
-  const std::vector<std::string> spots = lines_of(r.out);
-  ASSERT_EQ(spots.size(), 16u);
-  EXPECT_EQ(spots[0], "spot\tx\ty\tsigma\tamplitude");
-  EXPECT_EQ(spots[15].rfind("15\t67.2\t19.2\t", 0), 0u) << spots[15];  // the saturated one
-  ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
-
+  const std::string rois = temp_path("rois.csv"), plain = temp_path("plain.tif");
   std::ofstream(rois) << "shape,x,y,a,b\n# the saturated spot\ncircle,67.2,19.2,6\n\n"
                          "ellipse:20,30,8,5\nrect,-5,-5,3,4\n";
   r = run_tool({"measure", scan, "--rois", rois, "--ring", "8,12", "--roi", "circle:30,20,6"});
@@ -336,6 +283,21 @@ TEST_F(VepraImageTest, RegionsAreMeasuredAndDrawn) {
   EXPECT_GT(changed, 2 * 31 * 3);  // three outlines of more than 60 pixels each
   vepra_img_free(&a);
   vepra_img_free(&b);
+}
+
+// A write that fails (here at the file size limit) exits 1 and leaves the
+// file that was there, with no temporary file beside it.
+TEST_F(VepraImageTest, AFailedWriteKeepsTheOldFile) {
+  const std::string dir = temp_path("keep"), out = dir + "/scan.tif";
+  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+  std::ofstream(out) << "old contents\n";
+  const ToolRun r = run_tool({"synth", "-o", out, "--width", "64", "--height", "64"},
+                             "trap '' XFSZ; ulimit -f 4; ");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Cannot write sample scan to '" + out + "'."), std::string::npos) << r.err;
+  EXPECT_EQ(slurp(out), "old contents\n");
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
+  fs::remove_all(dir);
 }
 
 }  // namespace
