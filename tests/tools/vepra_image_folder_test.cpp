@@ -185,14 +185,11 @@ TEST_F(FolderTest, TwoInputsWithOneResultPathWriteTheFirstAndFailTheLater) {
   fs::create_directories(other);
   fs::copy_file(scans_[1].path, other + "/scan_00.tif");
   // Density tells the two files apart (their data masks would not).
-  ToolRun r = run_tool({"density", "-j", "3", first, other, "-o", out});
+  const ToolRun r = run_tool({"density", "-j", "3", first, other, "-o", out});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Cannot write optical density of '" + other + "/scan_00.tif'."),
-            std::string::npos)
-      << r.err;
-  EXPECT_NE(r.err.find("'" + out + "scan_00.tif' is the result of '" + first + "' already"),
-            std::string::npos)
-      << r.err;
+  EXPECT_EQ(r.err, "Error(120032): Cannot write optical density of '" + other +
+                       "/scan_00.tif'. \nError(120032): '" + out +
+                       "scan_00.tif' is the result of '" + first + "' already \n");
   ASSERT_EQ(run_tool({"density", first, "-o", single}).status, 0);
   const std::map<std::string, std::string> expected = {{"scan_00.tif", slurp(single)}};
   EXPECT_EQ(tree(out), expected);

@@ -216,49 +216,56 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
 
   // Options reach the library; the density of a BlackIsZero scan saturates at 0.
   const std::string out = temp_path("measure.tif");
-  ASSERT_EQ(run_tool({"mask", scan, "-o", out}).status, 0);
-  EXPECT_TRUE(slurp(out) ==
-              library_output([&](double **o) { return vepra_img_data_dmask(&img_, o); }));
-  ASSERT_EQ(run_tool({"psl", scan, "-o", out, "--latitude", "4", "--pixel-size=50"}).status, 0);
-  EXPECT_TRUE(slurp(out) == library_output([&](double **o) {
-                return vepra_img_calc_fujiri(&img_, o, 50, 4000, 4);
-              }));
-  ASSERT_EQ(run_tool({"density", scan, "-o", out}).status, 0);
-  EXPECT_TRUE(slurp(out) ==
-              library_output([&](double **o) { return vepra_img_calc_density(&img_, o, 0); }));
+  using Measure = std::function<vepra_error_t *(double **)>;
+  const std::pair<std::vector<std::string>, Measure> writers[] = {
+      {{"mask"}, [&](double **o) { return vepra_img_data_dmask(&img_, o); }},
+      {{"psl", "--latitude", "4", "--pixel-size=50"},
+       [&](double **o) { return vepra_img_calc_fujiri(&img_, o, 50, 4000, 4); }},
+      {{"density"}, [&](double **o) { return vepra_img_calc_density(&img_, o, 0); }}};
+  for (auto [args, library] : writers) {
+    args.insert(args.end(), {scan, "-o", out});
+    ASSERT_EQ(run_tool(args).status, 0) << args[0];
+    EXPECT_TRUE(slurp(out) == library_output(library)) << args[0];
+  }
 
   const std::string rois = temp_path("rois.csv"), plain = temp_path("plain.tif");
   std::ofstream(rois) << "shape,x,y,a,b\n# the saturated spot\ncircle,67.2,19.2,6\n\n"
                          "ellipse:20,30,8,5\nrect,-5,-5,3,4\n";
-  r = run_tool({"measure", scan, "--rois", rois, "--ring", "8,12", "--roi", "circle:30,20,6"});
+  const std::vector<std::string> measure = {"measure", scan,   "--rois", rois,
+                                            "--ring",  "8,12", "--roi",  "circle:30,20,6"};
+  r = run_tool(measure);
   ASSERT_EQ(r.status, 0) << r.err;
   const std::vector<std::string> lines = lines_of(r.out);
   ASSERT_EQ(lines.size(), 5u) << r.out;
   EXPECT_EQ(lines[0].rfind("region\tarea\tsum\tmean\tmin\tmax\tring_area\t", 0), 0u);
-  const struct {
-    const char *text;
-    vepra_img_roi_t roi;
-  } want[] = {{"circle:30,20,6", {VEPRA_IMG_ROI_CIRCLE, 30, 20, 6, 6, 8, 12}},
-              {"circle,67.2,19.2,6", {VEPRA_IMG_ROI_CIRCLE, 67.2, 19.2, 6, 6, 8, 12}},
-              {"ellipse:20,30,8,5", {VEPRA_IMG_ROI_ELLIPSE, 20, 30, 8, 5, 8, 12}},
-              {"rect,-5,-5,3,4", {VEPRA_IMG_ROI_RECT, -5, -5, 3, 4, 8, 12}}};
+  // The same regions in JSON, with the default plate for PSL.
+  std::vector<std::string> as_json = measure;
+  as_json.insert(as_json.end(), {"--json", "--psl"});
+  r = run_tool(as_json);
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<std::string> objects = lines_of(r.out);
+  ASSERT_EQ(objects.size(), 4u) << r.out;
+  const vepra_img_plate_t plate{100, 4000, 5};
+  const vepra_img_roi_t want[] = {{VEPRA_IMG_ROI_CIRCLE, 30, 20, 6, 6, 8, 12},
+                                  {VEPRA_IMG_ROI_CIRCLE, 67.2, 19.2, 6, 6, 8, 12},
+                                  {VEPRA_IMG_ROI_ELLIPSE, 20, 30, 8, 5, 8, 12},
+                                  {VEPRA_IMG_ROI_RECT, -5, -5, 3, 4, 8, 12}};
   for (size_t i = 0; i < 4; ++i) {
     vepra_img_measure_t m{};
-    ASSERT_EQ(vepra_img_measure_roi(&img_, &want[i].roi, nullptr, &m), nullptr);
-    const std::string head = std::string(want[i].text) + "\t" + format("%.4f", m.region.area) +
-                             "\t" + format("%.10g", m.region.sum) + "\t";
-    EXPECT_EQ(lines[i + 1].rfind(head, 0), 0u) << lines[i + 1] << "\nwant " << head;
+    ASSERT_EQ(vepra_img_measure_roi(&img_, &want[i], &plate, &m), nullptr);
+    const auto j = nlohmann::json::parse(objects[i]);
+    EXPECT_EQ(j.at("shape"), i < 2 ? "circle" : i == 2 ? "ellipse" : "rect");
+    EXPECT_DOUBLE_EQ(j.at("area").get<double>(), m.region.area) << i;
+    EXPECT_DOUBLE_EQ(j.at("ring_area").get<double>(), m.ring.area) << i;
+    EXPECT_DOUBLE_EQ(j.at("psl_sum").get<double>(), m.region.psl_sum) << i;
+    // The text line holds the same figures, rounded.
+    const std::string head = lines[i + 1].substr(0, lines[i + 1].find('\t') + 1) +
+                             format("%.4f", m.region.area) + "\t" + format("%.10g", m.region.sum);
+    EXPECT_EQ(lines[i + 1].rfind(head + "\t", 0), 0u) << lines[i + 1] << "\nwant " << head;
   }
-  r = run_tool({"measure", scan, "--json", "--psl", "--roi", "ellipse:20,30,8,5"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  const auto j = nlohmann::json::parse(lines_of(r.out).at(0));
-  const vepra_img_plate_t plate{100, 4000, 5};
-  vepra_img_measure_t m{};
-  ASSERT_EQ(vepra_img_measure_roi(&img_, &want[2].roi, &plate, &m), nullptr);
-  EXPECT_EQ(j.at("shape"), "ellipse");
-  EXPECT_DOUBLE_EQ(j.at("area").get<double>(), m.region.area);
-  EXPECT_DOUBLE_EQ(j.at("psl_sum").get<double>(), m.region.psl_sum);
-  EXPECT_TRUE(j.at("ring_mean").is_null());  // no ring: nothing covered
+  // Without a ring nothing is covered around the region: no ring mean.
+  r = run_tool({"measure", scan, "--json", "--roi", "ellipse:20,30,8,5"});
+  EXPECT_TRUE(nlohmann::json::parse(lines_of(r.out).at(0)).at("ring_mean").is_null());
 
   // The overlay differs from a preview without outlines only on and next
   // to the circle's stroke and ring.
