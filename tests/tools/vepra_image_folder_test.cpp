@@ -56,7 +56,7 @@ class FolderTest : public ::testing::Test {
       for (uint16_t &v : page.samples) v = uint16_t(1000 * i + rng() % 5000);
       write_libtiff(dir_ + "/" + name, {page});
       const auto [lo, hi] = std::minmax_element(page.samples.begin(), page.samples.end());
-      scans_.push_back({dir_ + "/" + name, *lo, *hi, page.width, page.height});
+      scans_.push_back({dir_ + "/" + name, *lo, *hi});
     }
     std::ofstream(dir_ + "/notes.txt") << "not a scan\n";
     std::ofstream(dir_ + "/broken.tif") << "not a scan either\n";
@@ -66,7 +66,7 @@ class FolderTest : public ::testing::Test {
   }
   struct Scan {
     std::string path;
-    unsigned min, max, width, height;
+    unsigned min, max;
   };
   std::string root_, dir_;  // the scans are in dir_, the results go beside it
   std::vector<Scan> scans_;
@@ -80,6 +80,7 @@ TEST_F(FolderTest, EveryCommandGivesTheSameResultsInOrderWithAnyNumberOfJobs) {
     std::vector<std::string> command;
     bool writes;
   } cases[] = {{{"stats"}, false},
+               {{"info", "--json"}, false},
                {{"measure", "--roi", "circle:20,15,6", "--ring", "8,12", "--psl"}, false},
                {{"overlay", "--roi", "circle:20,15,6"}, true},
                {{"mask"}, true},
@@ -113,7 +114,8 @@ TEST_F(FolderTest, EveryCommandGivesTheSameResultsInOrderWithAnyNumberOfJobs) {
       ASSERT_EQ(alone.status, 0) << alone.err;
       if (c.writes) written[fs::relative(s.path, dir_)] = slurp(single);
       std::vector<std::string> lines = lines_of(alone.out);
-      if (lines.empty()) continue;
+      if (!lines.empty() && lines[0][0] == '{') table += alone.out;  // JSON: an object a file
+      if (lines.empty() || lines[0][0] == '{') continue;
       const bool named = lines[0].rfind("file\t", 0) == 0;  // stats names its files itself
       if (table.empty()) table = (named ? "" : "file\t") + lines[0] + "\n";
       for (size_t i = 1; i < lines.size(); ++i)
@@ -141,23 +143,18 @@ TEST_F(FolderTest, SelectionAndJsonFollowTheWalkOrder) {
     EXPECT_EQ(lines_of(run_tool(args).out).size(), count) << args[2];
   }
   // JSON: one object a line, numbers as numbers, in the same order.
-  const ToolRun stats =
+  const ToolRun r =
       run_tool({"stats", "--json", "-r", "-j", "2", "--exclude", "*/broken.tif", dir_});
-  const ToolRun info = run_tool({"info", "--json", "-r", "-j", "3", dir_});
-  EXPECT_EQ(std::pair(stats.status, info.status), std::pair(0, 1)) << stats.err;
-  const std::vector<std::string> lines = lines_of(stats.out), infos = lines_of(info.out);
-  ASSERT_EQ(std::pair(lines.size(), infos.size()), std::pair(scans_.size(), scans_.size()));
+  EXPECT_EQ(r.status, 0) << r.err;
+  const std::vector<std::string> lines = lines_of(r.out);
+  ASSERT_EQ(lines.size(), scans_.size());
   for (size_t i = 0; i < scans_.size(); ++i) {
-    const Scan &s = scans_[i];
-    const auto j = nlohmann::json::parse(lines[i]), k = nlohmann::json::parse(infos[i]);
-    EXPECT_EQ(j.at("file"), s.path);
+    const auto j = nlohmann::json::parse(lines[i]);
+    EXPECT_EQ(j.at("file"), scans_[i].path);
     EXPECT_EQ(std::pair(j.at("min").get<unsigned>(), j.at("max").get<unsigned>()),
-              std::pair(s.min, s.max));
+              std::pair(scans_[i].min, scans_[i].max));
     EXPECT_TRUE(j.at("mean").is_number_float() && j.at("threshold").is_number() &&
                 j.at("entropy").is_number());
-    EXPECT_EQ(std::tuple(k.at("width").get<unsigned>(), k.at("height").get<unsigned>(),
-                         k.at("bits_per_sample").get<int>()),
-              std::tuple(s.width, s.height, 16));
   }
 }
 
