@@ -681,6 +681,13 @@ TEST_F(TiffTest, EditedLibtiffFiles) {
        "images are read"},
       {"fill order", tagged(TIFFTAG_FILLORDER, 2), nullptr,
        "TIFF fill order 2 (bits in reversed order) is not supported"},
+      // The largest TileLength a LONG holds.
+      {"tile length", Shape{.tile = 16},
+       [](Bytes &b) {
+         entry_of(b, TIFFTAG_TILELENGTH)[2] = 4;
+         set_value(b, TIFFTAG_TILELENGTH, 0xFFFFFFFF);
+       },
+       "Invalid TIFF tile size 16 x 4294967295", kStrict, structure},
       // LZW and PackBits stop at the declared rows, the inflaters report
       // the excess.
       {"LZW bomb", with(bomb, lzw), two_rows, ""},
