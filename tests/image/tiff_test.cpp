@@ -143,6 +143,7 @@ TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
     for (std::string col; std::getline(fields, col, '\t');) {
       if (col.rfind("# ", 0) != 0) cols.push_back(col);
     }
+    ASSERT_GE(cols.size(), 2u) << line;
     SCOPED_TRACE(cols[0]);
     ++rows;
     vepra_img_free(&img_);
