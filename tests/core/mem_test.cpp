@@ -89,6 +89,21 @@ TEST_F(MemTest, FailedRequestsNameTheirCause) {
     EXPECT_EQ(take_printed(row.call()), row.text);
     EXPECT_EQ(out, row.nulled ? nullptr : &out) << row.text;
   }
+  // Every checked allocation of a matrix fails in turn: each failure names
+  // the request, and the partial matrix frees cleanly.
+  EXPECT_EQ(for_each_allocation_failure(
+                [] {
+                  void *m = nullptr;
+                  vepra_error_t *e = vepra_mem_matrix_alloc(&m, sizeof(int), 0, 9, 0, 99);
+                  vepra_mem_matrix_free(m, sizeof(int), 0, 9, 0);
+                  return e;
+                },
+                [](vepra_error_t *e, long n) {
+                  EXPECT_EQ(
+                      take_printed(vepra_error_dup(e)),
+                      "Error(120012): Cannot allocate matrix. \n" + failed(n == 1 ? 80 : 400));
+                }),
+            11);
 }
 
 // Blocks come zeroed, keep their contents when grown, and vectors and
@@ -143,23 +158,6 @@ TEST_F(MemTest, BlocksVectorsMatricesAndMoves) {
   EXPECT_STREQ(buf, "qxycdf");
   EXPECT_EQ(vepra_mem_copy(buf, nullptr, 0), buf);  // UBSan flags a memcpy from null
   EXPECT_EQ(vepra_mem_move(buf, nullptr, 0), buf);
-}
-
-// Every checked allocation of a matrix fails in turn: each failure names
-// the request, and the partial matrix frees cleanly.
-TEST_F(MemTest, EveryAllocationFailureIsReportedAndLeaksNothing) {
-  long made = for_each_allocation_failure(
-      [] {
-        void *m = nullptr;
-        vepra_error_t *e = vepra_mem_matrix_alloc(&m, sizeof(int), 0, 9, 0, 99);
-        vepra_mem_matrix_free(m, sizeof(int), 0, 9, 0);
-        return e;
-      },
-      [](vepra_error_t *e, long n) {
-        EXPECT_EQ(take_printed(vepra_error_dup(e)),
-                  "Error(120012): Cannot allocate matrix. \n" + failed(n == 1 ? 80 : 400));
-      });
-  EXPECT_EQ(made, 11);
 }
 
 // N-dimensional arrays of random shapes against a flat row-major copy:
