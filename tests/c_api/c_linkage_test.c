@@ -44,7 +44,6 @@ int main(void) {
   vepra_strlist_t *strings = NULL;
   vepra_prsd_t parsed;
   vepra_sl_t *slist = NULL;
-  vepra_stk_t *stack = NULL;
   vepra_bitarr_t *bits = NULL;
   vepra_mem_array_t *grid = NULL;
   vepra_ri_readline_t *rl = NULL;
@@ -75,8 +74,6 @@ int main(void) {
   vepra_error_clear(back);
   vepra_error_clear(err);
 
-  CHECK(vepra_mem_malloc(16, &block) == NULL);
-  vepra_mem_free(block);
   CHECK(vepra_mem_array_alloc(&grid, sizeof cell, 2, 3, 0) == NULL);
   CHECK(vepra_mem_array_copytoel(grid, &cell, sizeof cell, 2, at) == NULL);
   cell = 0.0;
@@ -99,14 +96,8 @@ int main(void) {
   CHECK(vepra_tree_create(2, &payload, &tree, vepra_pool) == NULL && vepra_tree_count(tree) == 1);
   CHECK(vepra_trie_create(&trie, vepra_pool) == NULL);
   CHECK(vepra_trie_insert(trie, "key", 3, &payload, vepra_pool) == NULL);
-  CHECK(vepra_trie_search(trie, "key", 3) == &payload);
   CHECK(vepra_sl_append(&slist, 3, &payload, vepra_pool) == NULL);
-  CHECK(vepra_stk_create(&stack, vepra_pool) == NULL);
-  CHECK(vepra_stk_push(stack, 4, &payload, vepra_pool) == NULL);
-  CHECK(vepra_stk_pop(stack) == &payload);
   CHECK(vepra_bitarr_create(&bits, 70) == NULL);
-  vepra_bitarr_set_all(bits);
-  CHECK(vepra_bitarr_num_bits_set(bits) == 70);
   vepra_bitarr_free(bits);
 
   CHECK(vepra_strlist_create(&strings, vepra_pool) == NULL);
