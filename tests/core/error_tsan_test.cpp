@@ -11,16 +11,11 @@
 #include "support/test_support.hpp"
 #include "vepra_error.h"
 
-using vepra_test::LibraryTest;
-using vepra_test::take_printed;
-
-using ErrorConcurrencyTest = LibraryTest;
+using ErrorConcurrencyTest = vepra_test::LibraryTest;
 
 // A registry that is not guarded hands out a code twice while it is held,
 // or prints a chain with another thread's name.
 TEST_F(ErrorConcurrencyTest, CodesStayUniqueWhileHeldAndChainsPrintCorrectly) {
-  constexpr int kThreads = 8;
-  constexpr int kRounds = 300;
   std::mutex held_mutex;
   std::set<int> held;
   std::atomic<int> failures{0};
@@ -33,7 +28,7 @@ TEST_F(ErrorConcurrencyTest, CodesStayUniqueWhileHeldAndChainsPrintCorrectly) {
   };
   const auto worker = [&](int id) {
     std::vector<int> kept;
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < 300; ++round) {
       const std::string name = "type-" + std::to_string(id) + "-" + std::to_string(round);
       int code = 0;
       vepra_error_register(&code, name.c_str());
@@ -43,13 +38,13 @@ TEST_F(ErrorConcurrencyTest, CodesStayUniqueWhileHeldAndChainsPrintCorrectly) {
       }
       // The head without text prints the type's name; the root cause
       // repeats the code without text and is skipped.
-      vepra_error_t *e = vepra::detail::make_error(code);
-      e = vepra::detail::wrap_error(e, "Cannot do %d.", round);
+      vepra_error_t *e =
+          vepra::detail::wrap_error(vepra::detail::make_error(code), "Do %d.", round);
       e = vepra_error_quick_wrap_i(0, nullptr, nullptr, e, nullptr);
       const std::string prefix = "Error(" + std::to_string(code) + "): ";
       const std::string expected =
-          prefix + name + " \n" + prefix + "Cannot do " + std::to_string(round) + ". ";
-      failures += take_printed(e) == expected ? 0 : 1;
+          prefix + name + " \n" + prefix + "Do " + std::to_string(round) + ". ";
+      failures += vepra_test::take_printed(e) == expected ? 0 : 1;
       if (round % 3 == 0) {
         kept.push_back(code);
       } else {
@@ -59,7 +54,7 @@ TEST_F(ErrorConcurrencyTest, CodesStayUniqueWhileHeldAndChainsPrintCorrectly) {
     for (int code : kept) give_back(code);
   };
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) threads.emplace_back(worker, i);
+  for (int i = 0; i < 8; ++i) threads.emplace_back(worker, i);
   for (std::thread &t : threads) t.join();
   EXPECT_EQ(failures, 0);
   EXPECT_TRUE(held.empty());

@@ -1,20 +1,14 @@
 // Every exported function that takes memory from a pool, run with the n-th
 // pool allocation failing for n = 1, 2, ... and a malfunction handler that
-// returns: each run must end in a non-null error (or, for functions without
-// a result, quietly), never in a crash, and leave nothing behind for the
-// leak checker.
-//
-// The failing pool allocation is made at link time: this binary is linked
-// with --wrap for the APR entry points the library calls, and a wrapped
-// call that is due to fail does what APR does when its allocator has no
-// block to give: it calls the pool's abort function and returns null.
+// returns: each run must end in an error (or quietly, for functions without
+// a result), never in a crash or a leak. The failure is made at link time
+// (--wrap of the APR entry points the library calls) and does what APR does
+// when its allocator has no block: call the pool's abort function, return null.
 #include <apr_strings.h>
 #include <apr_tables.h>
 
-#include <cstring>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "support/test_support.hpp"
 #include "vepra_cdl.h"
@@ -148,82 +142,56 @@ vepra_error_t *made(const char *text) {
 
 }  // namespace
 
-TEST_F(PoolExhaustionTest, ErrorRecordsAndChains) {
-  sweep("create", [](apr_pool_t *) {
-    return vepra_error_create_i(1, 7, 3, "dir/file.c", "fn", nullptr, "text");
-  });
-  sweep("createf", [](apr_pool_t *) {
-    return vepra_error_createf_i(0, 0, 0, nullptr, nullptr, nullptr, "%s %d", "n", 5);
-  });
-  sweep("aprwrap",
-        [](apr_pool_t *) { return vepra_error_aprwrap_i(APR_ENOENT, 0, nullptr, nullptr); });
-  sweep("aprwrapf", [](apr_pool_t *) {
-    return vepra_error_aprwrapf_i(APR_ENOENT, 0, nullptr, nullptr, "open %s", "x");
-  });
-  sweep("quick_wrap", [](apr_pool_t *) {
-    vepra_error_t *cause = made("cause");
-    g_armed = true;
-    return vepra_error_quick_wrap_i(0, nullptr, nullptr, cause, "context");
-  });
-  sweep("compose_create", [](apr_pool_t *) {
-    vepra_error_t *a = made("a");
-    vepra_error_t *b = vepra_error_quick_wrap_i(0, "f.c", "g", made("b"), "b2");
-    g_armed = true;
-    return vepra_error_compose_create(a, b);
-  });
-  sweep("dup", [](apr_pool_t *) {
-    vepra_error_t *a = vepra_error_quick_wrap_i(0, nullptr, nullptr, made("a"), "a2");
-    g_armed = true;
-    vepra_error_t *d = vepra_error_dup(a);
-    g_armed = false;
-    vepra_error_clear(a);
-    return d;
+// Each step of the sequence is a separate path to a pool: a record of its
+// own, a formatted one, APR's text, a wrap, a composition (whose copies go
+// into the first chain's pool), a copy, a registration, and checked
+// allocations whose failure records need pools too.
+TEST_F(PoolExhaustionTest, ErrorRecordsAndCheckedAllocation) {
+  sweep("error chains", [](apr_pool_t *) -> vepra_error_t * {
+    vepra_error_t *chain = vepra_error_create_i(1, 7, 3, "dir/file.c", "fn", nullptr, "text");
+    vepra_error_t *other = vepra_error_createf_i(0, 0, 0, nullptr, nullptr, nullptr, "%s", "n");
+    vepra_error_t *apr = vepra_error_aprwrapf_i(APR_ENOENT, 0, nullptr, nullptr, "open %s", "x");
+    vepra_error_t *plain = vepra_error_aprwrap_i(APR_ENOENT, 0, nullptr, nullptr);
+    other = vepra_error_quick_wrap_i(0, "f.c", "g", other, "context");
+    chain = vepra_error_compose_create(chain, other);
+    chain = vepra_error_compose_create(chain, apr);
+    vepra_error_t *copy = vepra_error_dup(chain);
+    vepra_error_clear(plain);
+    vepra_error_clear(copy);
+    return chain;
   });
   sweep("register", [](apr_pool_t *) -> vepra_error_t * {
     int code = 0;
-    vepra_error_t *e = vepra_error_register(&code, "name");
-    if (e != nullptr) return e;
-    // A success must have registered the name.
+    if (vepra_error_t *e = vepra_error_register(&code, "name")) return e;
     g_armed = false;
-    vepra_error_t *r = vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, nullptr);
-    const bool named = vepra_test::printed_lines(r) ==
-                       std::vector<std::string>{"Error(" + std::to_string(code) + "): name "};
-    vepra_error_clear(r);
+    // A success must have registered the name.
+    vepra_error_t *named = vepra_error_create_i(0, code, 0, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(vepra_test::printed_lines(named).at(0), "Error(" + std::to_string(code) + "): name ");
     vepra_error_clear(vepra_error_deregister(code));
-    return named ? made("registered") : nullptr;
+    return named;
   });
-}
-
-TEST_F(PoolExhaustionTest, CheckedAllocationReportsThroughRecords) {
-  sweep("malloc", [](apr_pool_t *) {
+  sweep("checked allocation", [](apr_pool_t *) -> vepra_error_t * {
     void *p = nullptr;
     vepra::testing::fail_allocation_at(1);
-    return vepra_mem_malloc(16, &p);
-  });
-  sweep("vector", [](apr_pool_t *) {
-    void *v = nullptr;
-    return vepra_mem_vector_alloc(&v, 8, 5, 4);
-  });
-  sweep("matrix", [](apr_pool_t *) {
-    void *m = nullptr;
+    vepra_error_t *e = vepra_mem_malloc(16, &p);
+    e = vepra_error_compose_create(e, vepra_mem_vector_alloc(&p, 8, 5, 4));
     vepra::testing::fail_allocation_at(2);
-    vepra_error_t *e = vepra_mem_matrix_alloc(&m, 8, 1, 2, 1, 2);
-    vepra_mem_matrix_free(m, 8, 1, 2, 1);
+    e = vepra_error_compose_create(e, vepra_mem_matrix_alloc(&p, 8, 1, 2, 1, 2));
+    vepra_mem_matrix_free(p, 8, 1, 2, 1);
     return e;
   });
 }
 
+// Logs, pool containers and the text functions that take a pool.
 TEST_F(PoolExhaustionTest, LogsListsTreesAndTries) {
   const std::string path = vepra_test::temp_path("log");
   sweep("log", [&](apr_pool_t *pool) {
     vepra_log_t *log = nullptr;
     vepra_error_t *e = vepra_log_create(&log, path.c_str(), pool);
-    if (e == nullptr) {
-      vepra_log_dtprintf(log, "%s\n", "line");
-      vepra_log_terminate(log);
-      return made("done");
-    }
-    return e;
+    if (e != nullptr) return e;
+    vepra_log_dtprintf(log, "%s\n", "line");
+    vepra_log_terminate(log);
+    return made("done");
   });
   // Lists, trees, tries and string lists on a pool with the library's abort
   // function and on a bare one: each failing step returns its error.
@@ -253,6 +221,14 @@ TEST_F(PoolExhaustionTest, LogsListsTreesAndTries) {
               [&] { return vepra_strlist_addfirst(src, "e", pool); },
               [&] { return vepra_strlist_tokenize(src, dst, " ", pool); },
               [&] { return vepra_strlist_copy(src, dst, pool); },
+              // Functions without an error result: a failure gives null or
+              // a partial result, never a crash.
+              [&]() -> vepra_error_t * {
+                vepra_prsd_t rec{};
+                const int n = vepra_prsd_parse_p(&rec, "1 2.5 word 'quoted text'", " ", pool);
+                const char *s = vepra_str_psprintf(pool, "%s-%d", "x", 1);
+                return n >= 0 && s != nullptr && rec.n_tokens == 4 ? nullptr : made("short");
+              },
           };
           for (const auto &step : steps) {
             if (vepra_error_t *e = step()) return e;
@@ -261,37 +237,26 @@ TEST_F(PoolExhaustionTest, LogsListsTreesAndTries) {
         },
         bare);
   }
-  // Functions without an error result: a failure gives null or a partial
-  // result, never a crash.
-  sweep("prsd and psprintf", [](apr_pool_t *pool) -> vepra_error_t * {
-    vepra_prsd_t rec{};
-    const int parsed = vepra_prsd_parse_p(&rec, "1 2.5 word 'quoted text'", " ", pool);
-    const char *s = vepra_str_psprintf(pool, "%s-%d", "x", 1);
-    return parsed >= 0 && s != nullptr && rec.n_tokens == 4 ? made("done") : made("short");
-  });
 }
 
+// Heap nodes do not touch pools, so the checked allocator fails first and
+// the pool failure then hits the error being built.
 TEST_F(PoolExhaustionTest, HeapFlavoursFailCleanly) {
-  // Heap nodes do not touch pools, so the checked allocator fails first and
-  // the pool failure then hits the error being built.
-  sweep("dlm", [](apr_pool_t *) -> vepra_error_t * {
+  sweep("dlm, treem and triem", [](apr_pool_t *) -> vepra_error_t * {
     vepra_dl_t *list = nullptr;
-    vepra_error_t *e = vepra_dlm_append(&list, 1, nullptr, nullptr);
-    vepra::testing::fail_allocation_at(1);
-    if (e == nullptr) e = vepra_dlm_append(&list, 2, nullptr, nullptr);
-    vepra_dlm_destroy(&list);
-    return e;
-  });
-  sweep("treem and triem", [](apr_pool_t *) -> vepra_error_t * {
     vepra_tree_t *root = nullptr;
     vepra_trie_t *trie = nullptr;
-    vepra_error_t *e = vepra_treem_create(0, nullptr, &root);
-    if (e == nullptr) e = vepra_triem_create(&trie);
-    if (e == nullptr) e = vepra_triem_insert(trie, "k", 1, nullptr);
+    vepra_error_t *e = vepra_dlm_append(&list, 1, nullptr, nullptr);
+    e = vepra_error_compose_create(e, vepra_treem_create(0, nullptr, &root));
+    e = vepra_error_compose_create(e, vepra_triem_create(&trie));
+    e = vepra_error_compose_create(e, vepra_triem_insert(trie, "k", 1, nullptr));
     vepra::testing::fail_allocation_at(1);
-    if (e == nullptr) e = vepra_treem_append_child(root, 1, nullptr, nullptr);
+    e = vepra_error_compose_create(e, vepra_dlm_append(&list, 2, nullptr, nullptr));
+    vepra::testing::fail_allocation_at(1);
+    e = vepra_error_compose_create(e, vepra_treem_append_child(root, 1, nullptr, nullptr));
     vepra::testing::fail_allocation_at(2);
-    if (e == nullptr) e = vepra_triem_insert(trie, "kl", 2, nullptr);
+    e = vepra_error_compose_create(e, vepra_triem_insert(trie, "kl", 2, nullptr));
+    vepra_dlm_destroy(&list);
     vepra_treem_destroy(&root);
     vepra_triem_destroy(&trie);
     return e;
