@@ -93,10 +93,8 @@ TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
          "sub/.f.png", "link.tif -> c.txt", "loop -> .", "sub/up -> ..", "ping -> pong",
          "pong -> ping", "dangling -> nowhere", "sub/empty/"});
   ASSERT_EQ(mkfifo((root_ + "/fifo").c_str(), 0644), 0);
-  struct Case {
-    const char *include;
-    const char *exclude;
-  } cases[] = {
+  // Include and exclude patterns.
+  const std::pair<const char *, const char *> cases[] = {
       {nullptr, nullptr}, {"*.tif;*.png", nullptr}, {"*.tif;*.png", "*b*"},
       {nullptr, "*.tif"}, {"*.TIF", nullptr},       {"*/.*", nullptr},
       {"*\\**", nullptr}, {"*/[a-c].*;;", nullptr}, {"", nullptr},
@@ -119,19 +117,19 @@ TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
   reference_walk(root_, true, &all);
   ASSERT_EQ(all.size(), 14u) << "regular files and links, in two directories";
   for (uint32_t low = 0; low < 16; ++low) {
-    for (const Case &c : cases) {
+    for (const auto &[include, exclude] : cases) {
       for (uint32_t recursive : {0u, uint32_t{VEPRA_DIR_RECURSIVE}}) {
         Paths seen, expected;
-        ASSERT_EQ(walk(c.include, c.exclude, low | recursive, &seen), nullptr);
+        ASSERT_EQ(walk(include, exclude, low | recursive, &seen), nullptr);
         for (const std::string &p : all) {
           if (!recursive && p.find("/sub/") != std::string::npos) continue;
-          if (c.include != nullptr && !any_match(c.include, p, fnm_flags(low))) continue;
-          if (c.exclude != nullptr && any_match(c.exclude, p, fnm_flags(low))) continue;
+          if (include != nullptr && !any_match(include, p, fnm_flags(low))) continue;
+          if (exclude != nullptr && any_match(exclude, p, fnm_flags(low))) continue;
           expected.push_back(p);
         }
         EXPECT_EQ(seen, expected) << "flags " << (low | recursive) << " include "
-                                  << (c.include ? c.include : "(null)") << " exclude "
-                                  << (c.exclude ? c.exclude : "(null)");
+                                  << (include ? include : "(null)") << " exclude "
+                                  << (exclude ? exclude : "(null)");
       }
     }
   }

@@ -16,6 +16,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using vepra_test::take_printed;
 
 class ReadlineTest : public vepra_test::LibraryTest {
@@ -93,36 +94,29 @@ TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
   EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "name> \r" + std::string(11, ' ') + "\r");
   EXPECT_STREQ(rl->line, "");
-  const struct {
-    int32_t width;
-    std::string keys, screen;
-    int32_t used;  // the width after the call
-  } cases[] = {
+  // Width, keys, screen, and the width after the call.
+  const std::tuple<int32_t, std::string, std::string, int32_t> cases[] = {
       {6, "abcd\r", "> abc\r     \r> bcd\r> bcd\n", 6},
       {3, "ab\r", "> a\r  \r> b\r> b\n", 3},  // one column for the line
       {0, "x\r", "> x\n", 80},
       {1, "x\r", "> x\n", 1},
   };
   rl = make("> ", 1);
-  for (const auto &c : cases) {
-    rl->width = c.width;
-    Script script{c.keys};
+  for (const auto &[width, keys, screen, used] : cases) {
+    rl->width = width;
+    Script script{keys};
     vepra_ri_readline_set_reader(rl, Script::next, &script);
     testing::internal::CaptureStdout();
     EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.screen) << c.width;
-    EXPECT_EQ(rl->width, c.used);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), screen) << width;
+    EXPECT_EQ(rl->width, used);
   }
   vepra_ri_readline_terminate(rl);
 }
 
+// Bytes, the reader's last status after them, the code and the line.
 TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
-  struct Case {
-    std::string bytes;
-    int last;
-    int code;
-    const char *line;
-  } cases[] = {
+  const std::tuple<std::string, int, int, const char *> cases[] = {
       {"", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
       {"ab", VEPRA_RI_END_OF_INPUT, 0, "ab"},
       {"ab", VEPRA_RI_INTERRUPT, VEPRA_E_CONSOLE_HALTED, "ab"},
@@ -140,11 +134,11 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
   };
   vepra_ri_readline_t *rl = make("> ", 0);
   testing::internal::CaptureStdout();
-  for (const Case &c : cases) {
-    Script script{c.bytes, c.last};
+  for (const auto &[bytes, last, code, line] : cases) {
+    Script script{bytes, last};
     vepra_ri_readline_set_reader(rl, Script::next, &script);
-    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), c.code) << c.bytes;
-    EXPECT_STREQ(rl->line, c.line) << c.bytes;
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), code) << bytes;
+    EXPECT_STREQ(rl->line, line) << bytes;
   }
   vepra_ri_readline_set_reader(rl, nullptr, nullptr);
   EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
@@ -219,26 +213,19 @@ TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
 // terminal reader given a descriptor that is not a terminal.
 TEST_F(ReadlineTest, PipesGivePlainLines) {
   const std::string longline(30000, 'x');  // both fit in the pipe together
-  struct Case {
-    std::string input;
-    std::vector<std::string> lines;  // then the end of input
-  } cases[] = {
+  // Input, and the lines read before the end of input.
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
       {"", {}},
       {"one\ntwo", {"one", "two"}},
       {"\n\n", {"", ""}},
       {longline + "\n" + longline, {longline, longline}},
-      {std::string("a\0b\x1b[D\x7f"
-                   "c\n",
-                   9),
-       {"ab\x1b[D\x7f"
-        "c"}},
+      {"a\0b\x1b[D\177c\n"s, {"ab\x1b[D\177c"}},
   };
   for (bool terminal : {false, true}) {
-    for (const Case &c : cases) {
+    for (const auto &[input, lines] : cases) {
       int fds[2];
       ASSERT_EQ(pipe(fds), 0);
-      ASSERT_EQ(write(fds[1], c.input.data(), c.input.size()),
-                static_cast<ssize_t>(c.input.size()));
+      ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
       close(fds[1]);
       FILE *stream = fdopen(fds[0], "r");
       vepra_ri_readline_t *rl = make("> ", 0);
@@ -250,7 +237,7 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
       vepra_error_t *e;
       while ((e = vepra_ri_readline(nullptr, rl)) == nullptr) got.emplace_back(rl->line);
       EXPECT_EQ(code_of(e), VEPRA_E_CONSOLE_HALTED);
-      EXPECT_EQ(got, c.lines) << "terminal " << terminal << " input of " << c.input.size();
+      EXPECT_EQ(got, lines) << "terminal " << terminal << " input of " << input.size();
       std::fclose(stream);
       vepra_ri_readline_terminate(rl);
     }
@@ -265,11 +252,8 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
 // its settings, which can no longer be restored, do not hold the caller.
 TEST_F(ReadlineTest, TerminalKeysEditTheLineAndSettingsAreRestored) {
   const std::string up = "\x1b[A", down = "\x1b[B", hang_up = "";
-  struct Case {
-    std::string keys;
-    int code;
-    std::string line;
-  } cases[] = {
+  // Keys, code and line.
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"abc\r", 0, "abc"},
       {std::string(100, 'w') + "\x01v\r", 0, "v" + std::string(100, 'w')},
       {up + up + up + "\r", 0, "first"},
@@ -278,8 +262,8 @@ TEST_F(ReadlineTest, TerminalKeysEditTheLineAndSettingsAreRestored) {
       {"ab\x03", VEPRA_E_CONSOLE_HALTED, "ab"},
       {hang_up, VEPRA_E_CONSOLE_CHAR, ""},
   };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.keys);
+  for (const auto &[keys, code, line] : cases) {
+    SCOPED_TRACE(keys);
     int master = -1, slave = -1;
     winsize ws{};
     ws.ws_col = 40;
@@ -293,26 +277,26 @@ TEST_F(ReadlineTest, TerminalKeysEditTheLineAndSettingsAreRestored) {
       while (tcgetattr(master, &during) == 0 && (during.c_lflag & ICANON) != 0 &&
              std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
-      if (c.keys.empty())
+      if (keys.empty())
         close(master);
       else
-        EXPECT_EQ(write(master, c.keys.data(), c.keys.size()), static_cast<ssize_t>(c.keys.size()));
+        EXPECT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     });
     vepra_ri_readline_t *rl = make("pty> ", 1, {"first", "second"});
     vepra_ri_readline_set_terminal(rl, slave);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), c.code);
+    EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), code);
     const std::string screen = testing::internal::GetCapturedStdout();
     typist.join();
-    EXPECT_EQ(std::string(rl->line), c.line);
+    EXPECT_EQ(std::string(rl->line), line);
     EXPECT_EQ(during.c_lflag & (ICANON | ECHO | ISIG), 0u);
-    if (!c.keys.empty()) {
+    if (!keys.empty()) {
       ASSERT_EQ(tcgetattr(slave, &after), 0);
       EXPECT_EQ(std::memcmp(&before, &after, sizeof before), 0) << "settings not restored";
       close(master);
     }
-    if (c.code == 0 && c.line.size() < 30) {
-      EXPECT_NE(screen.find("pty> " + c.line), std::string::npos) << screen;
+    if (code == 0 && line.size() < 30) {
+      EXPECT_NE(screen.find("pty> " + line), std::string::npos) << screen;
     }
     vepra_ri_readline_terminate(rl);
     close(slave);

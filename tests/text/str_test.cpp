@@ -263,38 +263,36 @@ std::string full(bool un, const std::string &src, int wide = 0, int table = 0) {
   return p.bytes;
 }
 
+// Source, the bytes decoded, and the wide and table flags.
 TEST_F(StrTest, EscapeParseDecodes) {
-  const struct {
-    std::string src, want;
-    int wide = 0, table = 0;
-  } cases[] = {{"\\x41\\n", "A\n"},
-               {"\\0", "\0"s},
-               {"\\1234", "S4"},
-               {"\\x4g", "\x04g"},
-               {"\\x414", "A4"},
-               {"\\u41", "A"},
-               {"\\u00E9", "\xC3\xA9"},
-               {"\\u07FF", "\xDF\xBF"},
-               {"\\u0800", "\xE0\xA0\x80"},
-               {"\\u20aC1",
-                "\xE2\x82\xAC"
-                "1"},
-               {"a\\uFFFFb", "ab"},
-               {"\\777", "\xC7\xBF"},
-               {"\\377", "\xFF"},
-               {"end\\", "end\\"},
-               {"", ""},
-               {"\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"},
-               {"\\\\\\\"\\'\\?\\q", "\\\"'?q"},
-               {"a\\x41", "a\0A\0"s, 1},
-               {"\\u00E9", "\xC3\xA9", 1},
-               {"\\u41", "A\0"s, 1},
-               {"\x82", "\xE9\0"s, 1, 1},
-               {"\xB0", "\x91\x25", 1, 1},
-               {"\x82", "\x82\0"s, 1, 0},
-               {"\x82", "\x82", 0, 1}};
-  for (const auto &c : cases)
-    EXPECT_EQ(full(false, c.src, c.wide, c.table), c.want) << c.src << " " << c.wide << c.table;
+  const std::tuple<std::string, std::string, int, int> cases[] = {
+      {"\\x41\\n", "A\n", 0, 0},
+      {"\\0", "\0"s, 0, 0},
+      {"\\1234", "S4", 0, 0},
+      {"\\x4g", "\x04g", 0, 0},
+      {"\\x414", "A4", 0, 0},
+      {"\\u41", "A", 0, 0},
+      {"\\u00E9", "\xC3\xA9", 0, 0},
+      {"\\u07FF", "\xDF\xBF", 0, 0},
+      {"\\u0800", "\xE0\xA0\x80", 0, 0},
+      {"\\u20aC1", "\xE2\x82\xAC"s + "1", 0, 0},
+      {"a\\uFFFFb", "ab", 0, 0},
+      {"\\777", "\xC7\xBF", 0, 0},
+      {"\\377", "\xFF", 0, 0},
+      {"end\\", "end\\", 0, 0},
+      {"", "", 0, 0},
+      {"\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v", 0, 0},
+      {"\\\\\\\"\\'\\?\\q", "\\\"'?q", 0, 0},
+      {"a\\x41", "a\0A\0"s, 1, 0},
+      {"\\u00E9", "\xC3\xA9", 1, 0},
+      {"\\u41", "A\0"s, 1, 0},
+      {"\x82", "\xE9\0"s, 1, 1},
+      {"\xB0", "\x91\x25", 1, 1},
+      {"\x82", "\x82\0"s, 1, 0},
+      {"\x82", "\x82", 0, 1},
+  };
+  for (const auto &[src, want, wide, table] : cases)
+    EXPECT_EQ(full(false, src, wide, table), want) << src << " " << wide << table;
   // A marked lead byte takes the next byte along unchanged, in wide mode too.
   CharSet[0xC3] |= 0x80;
   EXPECT_EQ(full(false, "\xC3\\n", 1), "\xC3\\n\0"s);

@@ -102,17 +102,14 @@ TEST_F(StrlistTest, AddReadAndCopy) {
             "Error(120051): DL insertion error: invalid pointer. ");
 }
 
-// Strings of 1 MiB across elements; separator and data errors. Short tokens,
+// Tokens of 1 MiB across elements; separator and data errors. Short tokens,
 // quotes and elements that run into each other are the model test's.
 TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   const std::string half(1 << 19, 'x');
   const std::string none =
       "Error(120060): Cannot tokenize string: incorrect number of tokens [0]. ";
-  const struct {
-    Strings src;
-    const char *seps;
-    Strings want;
-  } cases[] = {
+  // Elements, separators, and the list afterwards with the error printed.
+  const std::tuple<Strings, const char *, Strings> cases[] = {
       {{"a " + half, half + " \"" + half, half + "\" b"},
        " ",
        {"a", half + half, half + half, "b"}},
@@ -120,8 +117,8 @@ TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
       {{"a"}, nullptr, {"old", none}},
       {{}, " ", {"old", "Error(120061): Error in strtok: there are no data. "}},
   };
-  for (const auto &c : cases)
-    EXPECT_EQ(tokenize(c.src, c.seps), c.want) << testing::PrintToString(c.src).substr(0, 30);
+  for (const auto &[src, seps, want] : cases)
+    EXPECT_EQ(tokenize(src, seps), want) << testing::PrintToString(src).substr(0, 30);
 
   // Source and destination may be the same list.
   vepra_strlist_t *same = make({"p q", "r"});
