@@ -101,6 +101,7 @@ TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
       {0, "x\r", "> x\n", 80},
       {1, "x\r", "> x\n", 1},
   };
+  vepra_ri_readline_terminate(rl);
   rl = make("> ", 1);
   for (const auto &[width, keys, screen, used] : cases) {
     rl->width = width;
@@ -114,7 +115,9 @@ TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
   vepra_ri_readline_terminate(rl);
 }
 
-// Bytes, the reader's last status after them, the code and the line.
+// Each way the reader's input can end, and escape sequences cut short or
+// unknown, give their code and keep the line; with echo off nothing is drawn.
+// Rows: bytes, the reader's status after them, the code and the line.
 TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
   const std::tuple<std::string, int, int, const char *> cases[] = {
       {"", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
