@@ -45,6 +45,7 @@ struct TokenizerModel {
   }
 };
 
+// The strings of list, in order.
 Strings items(vepra_strlist_t *list) {
   Strings out;
   for (size_t k = 0; k < vepra_strlist_nelts(list); ++k)
