@@ -114,48 +114,58 @@ vepra_error_t *ellipser_aa_internal(Plot plot, int64_t x0, int64_t y0, int64_t x
   double dx = 4 * (a - 1.0) * b * b, dy = 4 * static_cast<double>(s.b1 + 1) * a * a;
   double err = static_cast<double>(s.b1) * a * a - dx + dy;
   const double A = 8 * a * a, B = 8 * b * b, tip_scale = 4 / A;
+  // The loop tracks the left column and the middle row of larger y; their
+  // mirrors follow from the constant sums. Fewer live coordinates leave registers
+  // for the callback across the calls.
+  int64_t x = s.x0, y = s.y0;
+  const int64_t xs = s.x0 + s.x1, ys = s.y0 + s.y1;
   // 1 / gradient: Zingl's approximation of 1 / sqrt(dx^2 + dy^2), or the
-  // exact value at the flat x-tip.
-  const auto gradient_scale = [&] {
-    const double i = std::min(dx, dy), ed = std::max(dx, dy);
-    if (s.y0 == s.y1 + 1 && err > dy && A > B) return tip_scale;
+  // exact value at the flat x-tip (the two middle rows adjacent).
+  const auto gradient_scale = [&](double gx, double gy, double e, int64_t row) {
+    const double i = std::min(gx, gy), ed = std::max(gx, gy);
+    if (2 * row == ys + 1 && e > gy && A > B) return tip_scale;
     return 1 / (ed + 2 * ed * i * i / (4 * ed * ed + i * i));
   };
-  double scale = gradient_scale();
+  double scale = gradient_scale(dx, dy, err, y);
   for (;;) {
-    // Each step first settles its moves and weights and the next step's
-    // scale, and only then reports its pixels: the scale's two dependent
-    // divisions then run while the callbacks do.
-    const RectStart at = s;
     const double w = 1 - std::fabs(err + dx - dy) * scale;
     const bool x_step = 2 * err + dy >= 0, y_step = 2 * err <= dx;
-    if (x_step && s.x0 >= s.x1) {
-      if (!plot.four(s.x0, s.y0, s.x0, s.y1, s.x1, s.y0, s.x1, s.y1, w)) return plot.error();
+    if (x_step && 2 * x >= xs) {
+      if (!plot.four(x, y, x, ys - y, xs - x, y, xs - x, ys - y, w)) return plot.error();
       break;
     }
-    const double wx = 1 - (err + dx) * scale;  // the pixel beyond in y
-    const double wy = 1 - (dy - err) * scale;  // the pixel beyond in x
+    // Each step settles its moves, its weights and the next step's scale
+    // before it reports its pixels: the scale's two dependent divisions
+    // then run while the callbacks do.
+    const double wx = 1 - (err + dx) * scale;  // the x step's pixel one row out
+    const double wy = 1 - (dy - err) * scale;  // the y step's pixel one column in
+    double next_dx = dx, next_dy = dy, next_err = err;
     if (y_step) {
-      ++s.y0;
-      --s.y1;
-      dy += A;
-      err += dy;
+      next_dy += A;
+      next_err += next_dy;
     }
     if (x_step) {
-      ++s.x0;
-      --s.x1;
-      dx -= B;
-      err -= dx;
+      next_dx -= B;
+      next_err -= next_dx;
     }
-    scale = gradient_scale();
-    if (!plot.four(at.x0, at.y0, at.x0, at.y1, at.x1, at.y0, at.x1, at.y1, w)) return plot.error();
+    scale = gradient_scale(next_dx, next_dy, next_err, y + y_step);
+    if (!plot.four(x, y, x, ys - y, xs - x, y, xs - x, ys - y, w)) return plot.error();
     if (x_step && wx > 0 &&
-        !plot.four(at.x0, at.y0 + 1, at.x0, at.y1 - 1, at.x1, at.y0 + 1, at.x1, at.y1 - 1, wx))
+        !plot.four(x, y + 1, x, ys - y - 1, xs - x, y + 1, xs - x, ys - y - 1, wx))
       return plot.error();
     if (y_step && wy > 0 &&
-        !plot.four(at.x0 + 1, at.y0, at.x1 - 1, at.y0, at.x0 + 1, at.y1, at.x1 - 1, at.y1, wy))
+        !plot.four(x + 1, y, xs - x - 1, y, x + 1, ys - y, xs - x - 1, ys - y, wy))
       return plot.error();
+    x += x_step;
+    y += y_step;
+    dx = next_dx;
+    dy = next_dy;
+    err = next_err;
   }
+  s.x0 = x;
+  s.x1 = xs - x;
+  s.y0 = y;
+  s.y1 = ys - y;
   // Flat ellipses stop too early: finish the tips on the last columns.
   if (--s.x0 == s.x1++) {
     while (s.y0 - s.y1 < s.b) {
