@@ -114,42 +114,58 @@ vepra_error_t *ellipser_aa_internal(Plot plot, int64_t x0, int64_t y0, int64_t x
   double dx = 4 * (a - 1.0) * b * b, dy = 4 * static_cast<double>(s.b1 + 1) * a * a;
   double err = static_cast<double>(s.b1) * a * a - dx + dy;
   const double A = 8 * a * a, B = 8 * b * b, tip_scale = 4 / A;
+  // The loop tracks the left column and the middle row of larger y; their
+  // mirrors follow from the constant sums. Fewer live coordinates leave registers
+  // for the callback across the calls.
+  int64_t x = s.x0, y = s.y0;
+  const int64_t xs = s.x0 + s.x1, ys = s.y0 + s.y1;
+  // 1 / gradient: Zingl's approximation of 1 / sqrt(dx^2 + dy^2), or the
+  // exact value at the flat x-tip (the two middle rows adjacent).
+  const auto gradient_scale = [&](double gx, double gy, double e, int64_t row) {
+    const double i = std::min(gx, gy), ed = std::max(gx, gy);
+    if (2 * row == ys + 1 && e > gy && A > B) return tip_scale;
+    return 1 / (ed + 2 * ed * i * i / (4 * ed * ed + i * i));
+  };
+  double scale = gradient_scale(dx, dy, err, y);
   for (;;) {
-    // 1 / gradient: Zingl's approximation of 1 / sqrt(dx^2 + dy^2), or the
-    // exact value at the flat x-tip.
-    const double i = std::min(dx, dy), ed = std::max(dx, dy);
-    double scale;
-    if (s.y0 == s.y1 + 1 && err > dy && A > B) {
-      scale = tip_scale;
-    } else {
-      scale = 1 / (ed + 2 * ed * i * i / (4 * ed * ed + i * i));
+    const double w = 1 - std::fabs(err + dx - dy) * scale;
+    const bool x_step = 2 * err + dy >= 0, y_step = 2 * err <= dx;
+    if (x_step && 2 * x >= xs) {
+      if (!plot.four(x, y, x, ys - y, xs - x, y, xs - x, ys - y, w)) return plot.error();
+      break;
     }
-    if (!plot.four(s.x0, s.y0, s.x0, s.y1, s.x1, s.y0, s.x1, s.y1,
-                   1 - std::fabs(err + dx - dy) * scale))
+    // Each step settles its moves, its weights and the next step's scale
+    // before it reports its pixels: the scale's two dependent divisions
+    // then run while the callbacks do.
+    const double wx = 1 - (err + dx) * scale;  // the x step's pixel one row out
+    const double wy = 1 - (dy - err) * scale;  // the y step's pixel one column in
+    double next_dx = dx, next_dy = dy, next_err = err;
+    if (y_step) {
+      next_dy += A;
+      next_err += next_dy;
+    }
+    if (x_step) {
+      next_dx -= B;
+      next_err -= next_dx;
+    }
+    scale = gradient_scale(next_dx, next_dy, next_err, y + y_step);
+    if (!plot.four(x, y, x, ys - y, xs - x, y, xs - x, ys - y, w)) return plot.error();
+    if (x_step && wx > 0 &&
+        !plot.four(x, y + 1, x, ys - y - 1, xs - x, y + 1, xs - x, ys - y - 1, wx))
       return plot.error();
-    const bool x_step = 2 * err + dy >= 0;
-    if (x_step) {
-      if (s.x0 >= s.x1) break;
-      const double w = 1 - (err + dx) * scale;
-      if (w > 0 && !plot.four(s.x0, s.y0 + 1, s.x0, s.y1 - 1, s.x1, s.y0 + 1, s.x1, s.y1 - 1, w))
-        return plot.error();
-    }
-    if (2 * err <= dx) {
-      const double w = 1 - (dy - err) * scale;
-      if (w > 0 && !plot.four(s.x0 + 1, s.y0, s.x1 - 1, s.y0, s.x0 + 1, s.y1, s.x1 - 1, s.y1, w))
-        return plot.error();
-      ++s.y0;
-      --s.y1;
-      dy += A;
-      err += dy;
-    }
-    if (x_step) {
-      ++s.x0;
-      --s.x1;
-      dx -= B;
-      err -= dx;
-    }
+    if (y_step && wy > 0 &&
+        !plot.four(x + 1, y, xs - x - 1, y, x + 1, ys - y, xs - x - 1, ys - y, wy))
+      return plot.error();
+    x += x_step;
+    y += y_step;
+    dx = next_dx;
+    dy = next_dy;
+    err = next_err;
   }
+  s.x0 = x;
+  s.x1 = xs - x;
+  s.y0 = y;
+  s.y1 = ys - y;
   // Flat ellipses stop too early: finish the tips on the last columns.
   if (--s.x0 == s.x1++) {
     while (s.y0 - s.y1 < s.b) {
@@ -202,48 +218,74 @@ vepra_error_t *ellipser_waa_internal(Plot plot, int64_t x0, int64_t y0, int64_t 
   y1 = y0 - ib1;
   const double A = 8 * a * a, B = 8 * b * b, A2 = 8 * a2 * a2, B2 = 8 * b2 * b2;
 
+  // The edge pixels' weights: 1 minus the distance error over the gradient
+  // outside, the covered fraction inside. The gradient's length is Zingl's
+  // approximation, or the exact value at a flat x-tip.
+  const auto outer_weight = [&] {
+    const double i = std::min(dx, dy);
+    double ed = std::max(dx, dy);
+    if (y0 == y1 + 1 && 2 * err > dx && A > B) {
+      ed = A / 4;
+    } else {
+      ed += 2 * ed * i * i / (4 * ed * ed + i * i + 1) + 1;
+    }
+    return 1 - err / ed;
+  };
+  const auto inner_weight = [&] {
+    const double i = std::min(dx2, dy2);
+    double ed = std::max(dx2, dy2);
+    if (y0 == y1 + 1 && 2 * e2 > dx2 && A2 > B2) {
+      ed = A2 / 4;
+    } else {
+      ed += 2 * ed * i * i / (4 * ed * ed + i * i);
+    }
+    return e2 / ed;
+  };
+
+  // Each weight takes two dependent divisions. Both edges' first weights
+  // of a row are settled before any of its pixels is reported, and each
+  // edge settles its next weight before reporting a pixel, so that the
+  // divisions run while the callbacks do.
   do {
+    double outer = outer_weight(), inner = inner_weight();
     int64_t fill;  // first column of the solid part of this row
     for (;;) {     // outer edge, antialiased outside
       if (err < 0 || x0 > x1) {
         fill = x0;
         break;
       }
-      const double i = std::min(dx, dy);
-      double ed = std::max(dx, dy);
-      if (y0 == y1 + 1 && 2 * err > dx && A > B) {
-        ed = A / 4;  // x-tip
-      } else {
-        ed += 2 * ed * i * i / (4 * ed * ed + i * i + 1) + 1;
+      const int64_t left = x0, right = x1;
+      const double w = outer;
+      const bool last = err + dy + A < dx;
+      if (!last) {
+        ++x0;
+        --x1;
+        err -= dx;
+        dx -= B;
+        outer = outer_weight();
       }
-      if (!plot.four(x0, y0, x0, y1, x1, y0, x1, y1, 1 - err / ed)) return plot.error();
-      if (err + dy + A < dx) {
-        fill = x0 + 1;
+      if (!plot.four(left, y0, left, y1, right, y0, right, y1, w)) return plot.error();
+      if (last) {
+        fill = left + 1;
         break;
       }
-      ++x0;
-      --x1;
-      err -= dx;
-      dx -= B;
     }
     for (; fill < tx && 2 * fill <= x0 + x1; ++fill) {  // solid stroke
       const int64_t mirror = x0 + x1 - fill;
       if (!plot.four(fill, y0, mirror, y0, fill, y1, mirror, y1, 1.0)) return plot.error();
     }
     while (e2 > 0 && x0 + x1 >= 2 * tx) {  // inner edge, antialiased inside
-      const double i = std::min(dx2, dy2);
-      double ed = std::max(dx2, dy2);
-      if (y0 == y1 + 1 && 2 * e2 > dx2 && A2 > B2) {
-        ed = A2 / 4;  // x-tip
-      } else {
-        ed += 2 * ed * i * i / (4 * ed * ed + i * i);
+      const int64_t column = tx, mirror = x0 + x1 - tx;
+      const double w = inner;
+      const bool last = e2 + dy2 + A2 < dx2;
+      if (!last) {
+        ++tx;
+        e2 -= dx2;
+        dx2 -= B2;
+        inner = inner_weight();
       }
-      const int64_t mirror = x0 + x1 - tx;
-      if (!plot.four(tx, y0, mirror, y0, tx, y1, mirror, y1, e2 / ed)) return plot.error();
-      if (e2 + dy2 + A2 < dx2) break;
-      ++tx;
-      e2 -= dx2;
-      dx2 -= B2;
+      if (!plot.four(column, y0, mirror, y0, column, y1, mirror, y1, w)) return plot.error();
+      if (last) break;
     }
     dy2 += A2;
     e2 += dy2;
