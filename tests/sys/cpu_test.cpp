@@ -288,24 +288,18 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
     packages.insert(p.package);
     // Threads of one core have distinct numbers.
     EXPECT_TRUE((threads[{p.package, p.core}].insert(p.thread).second));
-  }
-  EXPECT_EQ(t->packages, packages.size());
-  size_t most_threads = 0;
-  for (const auto &[core, ids] : threads) most_threads = std::max(most_threads, ids.size());
-  EXPECT_EQ(t->threads_per_core, most_threads);
-  EXPECT_GE(t->cores_per_package * t->packages, threads.size());
-
-  // Package and core masks are the kernel's siblings that may be used.
-  for (uint32_t i = 0; i < t->count; ++i) {
-    const vepra_cpu_logical_t &p = t->processors[i];
-    const std::string topo =
-        "/sys/devices/system/cpu/cpu" + std::to_string(p.os_index) + "/topology/";
+    // Package and core masks are the kernel's siblings that may be used.
     cpu_set_t mask;
     ASSERT_EQ(Chain(vepra_cpu_package_mask(t, p.package, &mask, sizeof mask)), nullptr);
     EXPECT_EQ(mask_cpus(mask), cpu_list(sys_text(topo + "package_cpus_list"), &allowed));
     ASSERT_EQ(Chain(vepra_cpu_core_mask(t, p.package, p.core, &mask, sizeof mask)), nullptr);
     EXPECT_EQ(mask_cpus(mask), cpu_list(sys_text(topo + "thread_siblings_list"), &allowed));
   }
+  EXPECT_EQ(t->packages, packages.size());
+  size_t most_threads = 0;
+  for (const auto &[core, ids] : threads) most_threads = std::max(most_threads, ids.size());
+  EXPECT_EQ(t->threads_per_core, most_threads);
+  EXPECT_GE(t->cores_per_package * t->packages, threads.size());
   // A mask too small for a processor, a package without processors, no topology.
   cpu_set_t mask;
   const uint32_t first = t->processors[0].package;
