@@ -61,6 +61,7 @@ TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
   vepra_obj_slot_fn f = Real::slot<0>;
   void *usr = reinterpret_cast<void *>(0x10);
   ASSERT_EQ(vepra_obj_connect(a, 7, b, f, usr), nullptr);
+  ASSERT_EQ(vepra_obj_connect(a, 7, b, Real::slot<1>, nullptr), nullptr);
   vepra_obj_disconnect(a, 0, nullptr, nullptr);  // no signal 0: nothing goes
   auto *b1 = static_cast<osig *>(utarray_eltptr(b->signals, 0));
   vepra_obj_slot_fn autodel =
@@ -82,14 +83,16 @@ TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
     return std::string(buf);
   };
   void *cb = reinterpret_cast<void *>(f), *ad = reinterpret_cast<void *>(autodel);
+  void *cb1 = reinterpret_cast<void *>(Real::slot<1>);
   EXPECT_EQ(print(a),
             line("Object alpha (%p) has 2 signal(s).\n", static_cast<void *>(a)) +
                 " Signal 1 (flags=0) has 1 destination(s).\n" +
                 line("  Destination (null) (%p) has 1 slots(s).\n", static_cast<void *>(b)) +
                 line("   Slot> usr: %p callback: %p (autodel)\n", nullptr, ad) +
                 " Signal 7 (flags=6) has 1 destination(s).\n" +
-                line("  Destination (null) (%p) has 1 slots(s).\n", static_cast<void *>(b)) +
-                line("   Slot> usr: %p callback: %p\n", usr, cb));
+                line("  Destination (null) (%p) has 2 slots(s).\n", static_cast<void *>(b)) +
+                line("   Slot> usr: %p callback: %p\n", usr, cb) +
+                line("   Slot> usr: %p callback: %p\n", nullptr, cb1));
   // An object without signals prints nothing.
   vepra_obj_delete_signals(a);
   EXPECT_EQ(print(a), "");
