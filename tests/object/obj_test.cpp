@@ -18,7 +18,22 @@ using vepra_test::take_printed;
 
 std::string printed(vepra_error_t *e) { return take_printed(e); }
 
-class ObjTest : public vepra_test::LibraryTest {};
+class ObjTest : public vepra_test::LibraryTest {
+ protected:
+  // A new object in the test's pool.
+  vepra_obj_t *make(const char *name) {
+    vepra_obj_t *o = nullptr;
+    EXPECT_EQ(vepra_obj_create(&o, name, pool_), nullptr);
+    return o;
+  }
+  // A new list of names in the test's pool.
+  vepra_strlist_t *list(std::initializer_list<const char *> names) {
+    vepra_strlist_t *l = nullptr;
+    EXPECT_EQ(vepra_strlist_create(&l, pool_), nullptr);
+    for (const char *n : names) EXPECT_EQ(vepra_strlist_addlast(l, n, pool_), nullptr);
+    return l;
+  }
+};
 
 // Random operations, nested ones included, against the model (see
 // run_ops): results, slot calls, signals, children and names after every
@@ -40,14 +55,13 @@ TEST_F(ObjTest, MatchesModelUnderRandomNestedOperations) {
 
 // The print format, line by line, with the addresses printed by snprintf.
 TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
-  vepra_obj_t *a = nullptr, *b = nullptr;
-  ASSERT_EQ(vepra_obj_create(&a, "alpha", pool_), nullptr);
-  ASSERT_EQ(vepra_obj_create(&b, nullptr, pool_), nullptr);
+  vepra_obj_t *a = make("alpha"), *b = make(nullptr);
   ASSERT_EQ(vepra_obj_add_signal(a, 7), nullptr);
   ASSERT_EQ(vepra_obj_set_signal_flags(a, 7, 0x10006), nullptr);
   vepra_obj_slot_fn f = Real::slot<0>;
   void *usr = reinterpret_cast<void *>(0x10);
   ASSERT_EQ(vepra_obj_connect(a, 7, b, f, usr), nullptr);
+  ASSERT_EQ(vepra_obj_connect(a, 7, b, Real::slot<1>, nullptr), nullptr);
   vepra_obj_disconnect(a, 0, nullptr, nullptr);  // no signal 0: nothing goes
   auto *b1 = static_cast<osig *>(utarray_eltptr(b->signals, 0));
   vepra_obj_slot_fn autodel =
@@ -69,14 +83,16 @@ TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
     return std::string(buf);
   };
   void *cb = reinterpret_cast<void *>(f), *ad = reinterpret_cast<void *>(autodel);
+  void *cb1 = reinterpret_cast<void *>(Real::slot<1>);
   EXPECT_EQ(print(a),
             line("Object alpha (%p) has 2 signal(s).\n", static_cast<void *>(a)) +
                 " Signal 1 (flags=0) has 1 destination(s).\n" +
                 line("  Destination (null) (%p) has 1 slots(s).\n", static_cast<void *>(b)) +
                 line("   Slot> usr: %p callback: %p (autodel)\n", nullptr, ad) +
                 " Signal 7 (flags=6) has 1 destination(s).\n" +
-                line("  Destination (null) (%p) has 1 slots(s).\n", static_cast<void *>(b)) +
-                line("   Slot> usr: %p callback: %p\n", usr, cb));
+                line("  Destination (null) (%p) has 2 slots(s).\n", static_cast<void *>(b)) +
+                line("   Slot> usr: %p callback: %p\n", usr, cb) +
+                line("   Slot> usr: %p callback: %p\n", nullptr, cb1));
   // An object without signals prints nothing.
   vepra_obj_delete_signals(a);
   EXPECT_EQ(print(a), "");
@@ -88,33 +104,23 @@ TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
 // to the first one handed out here: the counters live as long as the
 // process.
 TEST_F(ObjTest, RegistersTypesAndSignalTypes) {
-  unsigned t = 0, t2 = 0, s = 0, s2 = 0;
+  unsigned t = 0, t2 = 7, s = 0, s2 = 0;
   EXPECT_EQ(printed(vepra_objtype_register(&t, nullptr, nullptr)),
             "Error(120001): Cannot register object type. \n"
             "Error(120001): VEPRA has not been initialized. ");
   ASSERT_EQ(vepra_obj_engine_init(pool_), nullptr);
-  vepra_strlist_t *names = nullptr, *taken = nullptr;
-  ASSERT_EQ(vepra_strlist_create(&names, pool_), nullptr);
-  ASSERT_EQ(vepra_strlist_create(&taken, pool_), nullptr);
-  for (const char *n : {"widget", "gadget"})
-    ASSERT_EQ(vepra_strlist_addlast(names, n, pool_), nullptr);
-  for (const char *n : {"fresh", "gadget"})
-    ASSERT_EQ(vepra_strlist_addlast(taken, n, pool_), nullptr);
-
-  ASSERT_EQ(vepra_objtype_register(&t, names, nullptr), nullptr);
+  ASSERT_EQ(vepra_objtype_register(&t, list({"widget", "gadget"}), nullptr), nullptr);
   EXPECT_EQ(vepra_objtype_query_typecode("gadget"), t);
   EXPECT_EQ(vepra_objtype_query_typecode("gizmo"), 0u);
-  EXPECT_TRUE(vepra_objtype_is_names_exist(taken));
   // A taken name refuses the whole list, consumes no code and leaves the
   // registry unlocked for the next registration.
-  t2 = 7;
+  vepra_strlist_t *taken = list({"fresh", "gadget"});
+  EXPECT_TRUE(vepra_objtype_is_names_exist(taken));
   EXPECT_EQ(printed(vepra_objtype_register(&t2, taken, nullptr)),
             "Error(120101): The name(s) of type is(are) already registered. ");
   EXPECT_EQ(t2, 7u);
   EXPECT_EQ(vepra_objtype_query_typecode("fresh"), 0u);
-  vepra_strlist_clear(taken);
-  ASSERT_EQ(vepra_strlist_addlast(taken, "fresh", pool_), nullptr);
-  ASSERT_EQ(vepra_objtype_register(&t2, taken, nullptr), nullptr);
+  ASSERT_EQ(vepra_objtype_register(&t2, list({"fresh"}), nullptr), nullptr);
   EXPECT_EQ(t2, t + 1);
 
   // A type without a method makes plain objects, of type 0.
@@ -125,17 +131,15 @@ TEST_F(ObjTest, RegistersTypesAndSignalTypes) {
   EXPECT_EQ(printed(vepra_objtype_create_object("gizmo", "g", &o, pool_)),
             "Error: Cannot create object. Type [gizmo] is not registered. ");
 
+  // Signal types: the concurrent test checks fresh codes and lookups; here
+  // the refusal, the reuse of a freed registration as it stands (old name
+  // included), and counters that outlive the engine.
   ASSERT_EQ(vepra_objsig_register(&s, "clicked"), nullptr);
-  EXPECT_GE(s, 100u);
-  EXPECT_EQ(vepra_objsig_query_type("clicked"), s);
-  EXPECT_EQ(vepra_objsig_query_type("pressed"), 0u);
   EXPECT_EQ(vepra_objsig_query_type(nullptr), 0u);
   EXPECT_EQ(printed(vepra_objsig_register(&s2, "clicked")),
             "Error(120103): Cannot register signal. \n"
             "Error(120103): Object signal type [clicked] already exists. ");
-  // A freed registration is reused as it stands, old name included.
   ASSERT_EQ(vepra_objsig_deregister(s), nullptr);
-  EXPECT_EQ(vepra_objsig_query_type("clicked"), 0u);
   ASSERT_EQ(vepra_objsig_register(&s2, nullptr), nullptr);
   EXPECT_EQ(s2, s + 1);
   EXPECT_EQ(vepra_objsig_query_type("clicked"), s2);
@@ -166,9 +170,7 @@ vepra_error_t *stop_at_first(uint32_t, void *, void *) { return VepraDLlistStopW
 
 TEST_F(ObjTest, ChildrenAndCleanupsFollowTheirRules) {
   Trace trace;
-  vepra_obj_t *p = nullptr, *a = nullptr, *b = nullptr, *a2 = nullptr, *watcher = nullptr;
-  for (auto [out, name] : {std::pair{&p, "p"}, {&a, "a"}, {&b, "b"}, {&a2, "a"}, {&watcher, "w"}})
-    ASSERT_EQ(vepra_obj_create(out, name, pool_), nullptr);
+  vepra_obj_t *p = make("p"), *a = make("a"), *b = make("b"), *a2 = make("a"), *watcher = make("w");
   for (vepra_obj_t *c : {a, b}) ASSERT_EQ(vepra_obj_addc(p, c), nullptr);
   EXPECT_EQ(printed(vepra_obj_addc(p, a2)),
             "Error(120102): Cannot add child to object \n"
@@ -204,9 +206,9 @@ TEST_F(ObjTest, ChildrenAndCleanupsFollowTheirRules) {
   // A child whose cleanup destroys its sibling while the parent tears its
   // children down: the sibling goes once, and the parent does not visit
   // it again.
-  ASSERT_EQ(vepra_obj_create(&p, "p", pool_), nullptr);
-  ASSERT_EQ(vepra_obj_create(&a, "a", pool_), nullptr);
-  ASSERT_EQ(vepra_obj_create(&b, "b", pool_), nullptr);
+  p = make("p");
+  a = make("a");
+  b = make("b");
   ASSERT_EQ(vepra_obj_addc(p, a), nullptr);
   ASSERT_EQ(vepra_obj_addc(p, b), nullptr);
   auto destroy_other = [](vepra_obj_t *, void *other) {
@@ -237,9 +239,7 @@ TEST_F(ObjTest, ReportsAllocationFailures) {
       });
   EXPECT_GE(made, 1);
 
-  vepra_obj_t *a = nullptr, *b = nullptr;
-  ASSERT_EQ(vepra_obj_create(&a, "a", pool_), nullptr);
-  ASSERT_EQ(vepra_obj_create(&b, "b", pool_), nullptr);
+  vepra_obj_t *a = make("a"), *b = make("b");
   ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
   made = vepra_test::for_each_allocation_failure(
       [&] {
@@ -257,9 +257,7 @@ TEST_F(ObjTest, ReportsAllocationFailures) {
   vepra_obj_destroy(b);
 
   ASSERT_EQ(vepra_obj_engine_init(pool_), nullptr);
-  vepra_strlist_t *names = nullptr;
-  ASSERT_EQ(vepra_strlist_create(&names, pool_), nullptr);
-  ASSERT_EQ(vepra_strlist_addlast(names, "allocation-test-type", pool_), nullptr);
+  vepra_strlist_t *names = list({"allocation-test-type"});
   unsigned code = 0, refused = 0;
   made = vepra_test::for_each_allocation_failure(
       [&] { return vepra_objtype_register(&code, names, nullptr); },
@@ -278,10 +276,7 @@ TEST_F(ObjTest, ReportsAllocationFailures) {
   // long prefix, so that finding an entry by a walk of the index would
   // need to allocate.
   const std::string name(100, 'n');
-  vepra_obj_t *p = nullptr, *c = nullptr, *d = nullptr;
-  ASSERT_EQ(vepra_obj_create(&p, "p", pool_), nullptr);
-  ASSERT_EQ(vepra_obj_create(&c, (name + "c").c_str(), pool_), nullptr);
-  ASSERT_EQ(vepra_obj_create(&d, (name + "d").c_str(), pool_), nullptr);
+  vepra_obj_t *p = make("p"), *c = make((name + "c").c_str()), *d = make((name + "d").c_str());
   ASSERT_EQ(vepra_obj_addc(p, c), nullptr);
   ASSERT_EQ(vepra_obj_addc(p, d), nullptr);
   vepra::testing::fail_allocation_at(1);
@@ -293,48 +288,33 @@ TEST_F(ObjTest, ReportsAllocationFailures) {
 }
 
 // A connect replayed after an emission may fail (here: the destination has
-// no signal 1); the failure is dropped, unless a queued removal of the
-// emitting signal follows, which hands the replay's errors back.
-struct Replay {
-  vepra_obj_t *target;
-  bool remove;
-  static void slot(vepra_obj_t *src, unsigned code, vepra_obj_t *, void *usr, void *) {
-    auto *r = static_cast<Replay *>(usr);
-    EXPECT_EQ(vepra_obj_connect(src, code, r->target, Real::slot<1>, nullptr), nullptr);
-    if (r->remove) vepra_obj_remove_signal(src, code);
-    EXPECT_EQ(vepra_obj_emit_signal(src, code, nullptr), nullptr);  // dropped
-  }
-};
+// no signal 1). The model runs compare the result, which drops the
+// failure; a queued removal of the emitting signal hands the replay's
+// errors back, with their messages.
+void connect_then_remove(vepra_obj_t *src, unsigned code, vepra_obj_t *, void *target, void *) {
+  EXPECT_EQ(
+      vepra_obj_connect(src, code, static_cast<vepra_obj_t *>(target), Real::slot<1>, nullptr),
+      nullptr);
+  vepra_obj_remove_signal(src, code);
+  EXPECT_EQ(vepra_obj_emit_signal(src, code, nullptr), nullptr);  // busy: dropped
+}
 
-TEST_F(ObjTest, ReturnsReplayErrorsOnlyWhenTheSignalIsRemoved) {
-  for (bool remove : {false, true}) {
-    vepra_obj_t *a = nullptr, *b = nullptr, *mute = nullptr;
-    for (vepra_obj_t **o : {&a, &b, &mute}) ASSERT_EQ(vepra_obj_create(o, "o", pool_), nullptr);
-    vepra_obj_delete_signals(mute);
-    Replay r{mute, remove};
-    ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
-    ASSERT_EQ(vepra_obj_connect(a, 5, b, Replay::slot, &r), nullptr);
-    vepra_error_t *e = vepra_obj_emit_signal(a, 5, nullptr);
-    if (remove) {
-      // The automatic slot's connect is wrapped by the outer connect.
-      EXPECT_EQ(printed(e),
-                "Error(120104): Cannot connect objects by signal. \n"
-                "Error(120104): Cannot connect objects by signal. \n"
-                "Error(120104): Cannot find signal with code 1. ");
-      EXPECT_EQ(printed(vepra_obj_emit_signal(a, 5, nullptr)),
-                "Error(120104): Cannot emit signal. \n"
-                "Error(120104): Cannot find signal with code 5. ");
-    } else {
-      EXPECT_EQ(e, nullptr);
-      // The connection itself was made before its automatic slots failed.
-      osig *sig = static_cast<osig *>(utarray_eltptr(a->signals, 1));
-      EXPECT_EQ(HASH_COUNT(sig->destinations), 2u);
-      EXPECT_EQ(sig->actions, nullptr);
-    }
-    vepra_obj_destroy(a);
-    vepra_obj_destroy(b);
-    vepra_obj_destroy(mute);
-  }
+TEST_F(ObjTest, ReturnsReplayErrorsWhenTheSignalIsRemoved) {
+  vepra_obj_t *a = make("a"), *b = make("b"), *mute = make("mute");
+  vepra_obj_delete_signals(mute);
+  ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
+  ASSERT_EQ(vepra_obj_connect(a, 5, b, connect_then_remove, mute), nullptr);
+  // The automatic slot's connect is wrapped by the outer connect.
+  EXPECT_EQ(printed(vepra_obj_emit_signal(a, 5, nullptr)),
+            "Error(120104): Cannot connect objects by signal. \n"
+            "Error(120104): Cannot connect objects by signal. \n"
+            "Error(120104): Cannot find signal with code 1. ");
+  EXPECT_EQ(printed(vepra_obj_emit_signal(a, 5, nullptr)),
+            "Error(120104): Cannot emit signal. \n"
+            "Error(120104): Cannot find signal with code 5. ");
+  vepra_obj_destroy(a);
+  vepra_obj_destroy(b);
+  vepra_obj_destroy(mute);
 }
 
 }  // namespace

@@ -50,17 +50,19 @@ std::string sys_text(const std::string &path) {
   return text;
 }
 
-// Processor numbers of a sysfs list such as "0-3,8".
-std::set<unsigned> cpu_list(const std::string &text) {
+// Processor numbers of a sysfs list such as "0-3,8"; only those in only
+// where it is given.
+std::set<unsigned> cpu_list(const std::string &text, const std::set<unsigned> *only = nullptr) {
   std::set<unsigned> out;
   std::stringstream ss(text);
-  std::string part;
-  while (std::getline(ss, part, ',')) {
+  for (std::string part; std::getline(ss, part, ',');) {
     if (part.empty()) continue;
     const size_t dash = part.find('-');
     const unsigned lo = std::stoul(part.substr(0, dash));
     const unsigned hi = dash == std::string::npos ? lo : std::stoul(part.substr(dash + 1));
-    for (unsigned i = lo; i <= hi; ++i) out.insert(i);
+    for (unsigned i = lo; i <= hi; ++i) {
+      if (only == nullptr || only->count(i) != 0) out.insert(i);
+    }
   }
   return out;
 }
@@ -77,15 +79,6 @@ std::set<unsigned> allowed_cpus() {
   cpu_set_t set;
   EXPECT_EQ(pthread_getaffinity_np(pthread_self(), sizeof set, &set), 0);
   return mask_cpus(set);
-}
-
-template <typename T>
-std::set<unsigned> intersect(const std::set<unsigned> &a, const T &b) {
-  std::set<unsigned> out;
-  for (unsigned x : a) {
-    if (b.count(x) != 0) out.insert(x);
-  }
-  return out;
 }
 
 // Features with their /proc/cpuinfo and libcpuid names (NUM_CPU_FEATURES
@@ -295,25 +288,18 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
     packages.insert(p.package);
     // Threads of one core have distinct numbers.
     EXPECT_TRUE((threads[{p.package, p.core}].insert(p.thread).second));
+    // Package and core masks are the kernel's siblings that may be used.
+    cpu_set_t mask;
+    ASSERT_EQ(Chain(vepra_cpu_package_mask(t, p.package, &mask, sizeof mask)), nullptr);
+    EXPECT_EQ(mask_cpus(mask), cpu_list(sys_text(topo + "package_cpus_list"), &allowed));
+    ASSERT_EQ(Chain(vepra_cpu_core_mask(t, p.package, p.core, &mask, sizeof mask)), nullptr);
+    EXPECT_EQ(mask_cpus(mask), cpu_list(sys_text(topo + "thread_siblings_list"), &allowed));
   }
   EXPECT_EQ(t->packages, packages.size());
   size_t most_threads = 0;
   for (const auto &[core, ids] : threads) most_threads = std::max(most_threads, ids.size());
   EXPECT_EQ(t->threads_per_core, most_threads);
   EXPECT_GE(t->cores_per_package * t->packages, threads.size());
-
-  // Package and core masks are the kernel's siblings that may be used.
-  for (uint32_t i = 0; i < t->count; ++i) {
-    const vepra_cpu_logical_t &p = t->processors[i];
-    const std::string topo =
-        "/sys/devices/system/cpu/cpu" + std::to_string(p.os_index) + "/topology/";
-    cpu_set_t mask;
-    ASSERT_EQ(Chain(vepra_cpu_package_mask(t, p.package, &mask, sizeof mask)), nullptr);
-    EXPECT_EQ(mask_cpus(mask), intersect(allowed, cpu_list(sys_text(topo + "package_cpus_list"))));
-    ASSERT_EQ(Chain(vepra_cpu_core_mask(t, p.package, p.core, &mask, sizeof mask)), nullptr);
-    EXPECT_EQ(mask_cpus(mask),
-              intersect(allowed, cpu_list(sys_text(topo + "thread_siblings_list"))));
-  }
   // A mask too small for a processor, a package without processors, no topology.
   cpu_set_t mask;
   const uint32_t first = t->processors[0].package;
@@ -369,7 +355,7 @@ TEST_F(CpuTest, TheCallersAffinityIsHonouredAndRestored) {
   EXPECT_EQ(allowed_cpus(), allowed);
 }
 
-// A processor described by a table of cpuid answers; other leaves are 0.
+// The cpuid answers of the block being run; other leaves answer 0.
 std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> g_table;
 
 // APIC ids by the processor the caller runs on; empty: those of the table.
@@ -389,141 +375,110 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
   if (leaf == 1) regs[1] = (regs[1] & 0x00ffffffu) | (apic << 24);
 }
 
-constexpr vepra::detail::cpuid_regs kIntel{0, 0x756e6547, 0x6c65746e, 0x49656e69};
-
-// Processors described by tables of cpuid answers: what identify finds or
-// why it fails, and how the topology splits each processor's APIC id into
-// package, core and thread, or why it fails.
-TEST_F(CpuTest, ProcessorsFromCpuidTables) {
-  const std::set<unsigned> allowed = allowed_cpus();
-  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
-  const uint32_t amd[] = {0x68747541, 0x444d4163, 0x69746e65};  // "Auth" "cAMD" "enti"
-  const struct {
-    const char *what;
-    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-    struct {
-      int identify_code;  // 0: success with these features and caches
-      uint64_t features;
-      uint32_t caches;
-      int topology_code;  // 0: success by this method with these ids
-      uint32_t method;
-    } want;
-    std::vector<uint32_t> apic;
-    std::vector<std::array<uint32_t, 3>> expected;  // package, core, thread
-  } cases[] = {
-      {"largest leaf 0",
-       {{{0, 0}, kIntel}},
-       {VEPRA_E_CPUID_RESTRICTED, 0, 0, VEPRA_E_CPUID_RESTRICTED, 0},
-       {},
-       {}},
-      {"threads per package but no leaf 4; SSE and SSE2 only",
-       {{{0, 0}, {2, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x306a9, 0x00020800, 0, (1u << 28) | (3u << 25)}}},
-       {0, VEPRA_CPU_SSE | VEPRA_CPU_SSE2, 0, VEPRA_E_CPUID_LEVEL, 0},
-       {},
-       {}},
-      {"every processor reports x2APIC id 5",
-       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x306a9, 0, 0, 0}},
-        {{0xb, 0}, {0, 1, 0x100, 5}},
-        {{0xb, 1}, {1, 2, 0x201, 5}}},
-       {0, 0, 0, cpus.size() > 1 ? VEPRA_E_CPU_TOPOLOGY : 0, VEPRA_CPU_TOPOLOGY_LEAF_B},
-       {},
-       {}},
-      {"leaf 0x1F: 2 threads (one enabled), 8 cores, 4 dies per package",
-       {{{0, 0}, {0x1f, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x906ea, 0, 0, 1u << 28}},
-        {{0x1f, 0}, {1, 1, 0x100, 0}},
-        {{0x1f, 1}, {4, 16, 0x201, 0}},
-        {{0x1f, 2}, {6, 64, 0x502, 0}}},
-       {0, 0, 0, 0, VEPRA_CPU_TOPOLOGY_LEAF_1F},
-       {0x45, 0x02},
-       {{1, 2, 1}, {0, 1, 0}}},
-      {"leaf 0xB without a thread level falls back to leaves 1 and 4",
-       {{{0, 0}, {0xb, kIntel.ebx, kIntel.ecx, kIntel.edx}},
-        {{1, 0}, {0x306a9, 0x00040000, 0, 1u << 28}},
-        {{4, 0}, {0x04000121, 0, 0, 0}},
-        {{0xb, 0}, {4, 8, 0x200, 0}}},
-       {0, 0, 1, 0, VEPRA_CPU_TOPOLOGY_LEGACY},
-       {0x07, 0x0a},
-       {{1, 1, 1}, {2, 1, 0}}},
-      {"AMD without leaf 0xB: leaf 0x80000008 gives the width of the core ids",
-       {{{0, 0}, {1, amd[0], amd[1], amd[2]}},
-        {{1, 0}, {0xa50f00, 0, 0, 1u << 28}},
-        {{0x80000000u, 0}, {0x80000008u, 0, 0, 0}},
-        {{0x80000008u, 0}, {0, 0, 0x2003, 0}}},
-       {0, 0, 0, 0, VEPRA_CPU_TOPOLOGY_LEGACY},
-       {0x05, 0x02},
-       {{1, 1, 0}, {0, 2, 0}}},
-  };
-  vepra::testing::replace_cpuid(table_cpuid);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    g_table = c.table;
-    g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
-    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i)
-      g_apic_by_cpu[cpus[i]] = c.apic[i];
-    vepra_cpu_info_t info;
-    ASSERT_EQ(code_of(vepra_cpu_identify(&info)), c.want.identify_code);
-    if (c.want.identify_code == 0) {
-      EXPECT_EQ(info.features, c.want.features);
-      EXPECT_EQ(info.cache_count, c.want.caches);
-    }
-    vepra_cpu_topology_t *t = nullptr;
-    ASSERT_EQ(code_of(vepra_cpu_topology(&t, pool_)), c.want.topology_code);
-    EXPECT_EQ(allowed_cpus(), allowed);
-    if (c.want.topology_code != 0) continue;
-    EXPECT_EQ(t->method, c.want.method);
-    for (uint32_t i = 0; i < t->count && i < c.apic.size(); ++i) {
-      const vepra_cpu_logical_t &p = t->processors[i];
-      EXPECT_EQ(p.apic_id, c.apic[i]);
-      EXPECT_EQ((std::array<uint32_t, 3>{p.package, p.core, p.thread}), c.expected[i]);
-    }
-  }
-  g_table = cases[0].table;
-  vepra_cpu_topology_t *t = nullptr;
-  Chain err(vepra_cpu_topology(&t, pool_));
-  EXPECT_EQ(vepra_test::printed_lines(err.get()).at(2),
-            "Error(120172): Leaf 0x1 is needed; the largest standard leaf is 0. ");
+// Four characters as cpuid returns them in a register.
+uint32_t reg_of(const char *text) {
+  uint32_t r = 0;
+  std::memcpy(&r, text, 4);
+  return r;
 }
 
-TEST_F(CpuTest, FrequencyComesFromLeaf16OrTheBrandString) {
-  auto brand = [](const char *text) {
-    char padded[48] = {};
-    std::memcpy(padded, text, std::min(std::strlen(text), sizeof padded));
-    std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> rows;
-    for (uint32_t i = 0; i < 3; ++i) {
-      uint32_t r[4];
-      std::memcpy(r, padded + 16 * i, 16);
-      rows[{0x80000002u + i, 0}] = {r[0], r[1], r[2], r[3]};
+// One block of tests/data/sys/cpuid_answers.txt (its header explains the
+// lines): the answers, the APIC ids, and the other lines by keyword.
+struct CpuidCase {
+  std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
+  std::vector<uint32_t> apic;
+  std::multimap<std::string, std::string> want;
+};
+
+std::vector<CpuidCase> read_cpuid_cases() {
+  std::vector<CpuidCase> cases;
+  std::ifstream in(VEPRA_TEST_DATA_DIR "/sys/cpuid_answers.txt");
+  for (std::string line; std::getline(in, line);) {
+    const std::string key = line.substr(0, line.find(' '));
+    const std::string rest = line.substr(std::min(line.size(), key.size() + 1));
+    if (key.empty() || key[0] == '#') continue;
+    if (key == "case") cases.emplace_back();
+    CpuidCase &c = cases.back();
+    std::stringstream ss(rest);
+    std::vector<uint32_t> hex;
+    for (std::string w; ss >> w;) hex.push_back(std::strtoul(w.c_str(), nullptr, 16));
+    if (key == "vendor") {
+      c.table[{0, 0}] = {hex.at(1), reg_of(rest.c_str()), reg_of(&rest[8]), reg_of(&rest[4])};
+    } else if (key == "leaf") {
+      c.table[{hex.at(0), hex.at(1)}] = {hex.at(2), hex.at(3), hex.at(4), hex.at(5)};
+    } else if (key == "brand") {
+      char r[48] = {};
+      std::memcpy(r, rest.data(), std::min(rest.size(), sizeof r));
+      for (uint32_t i = 0; i < 3; ++i) {
+        c.table[{0x80000002u + i, 0}] = {reg_of(r + 16 * i), reg_of(r + 16 * i + 4),
+                                         reg_of(r + 16 * i + 8), reg_of(r + 16 * i + 12)};
+      }
+      c.table[{0x80000000u, 0}] = {0x80000004u, 0, 0, 0};
+      c.want.emplace(key, rest.substr(rest.find_first_not_of(' ')));
+    } else {
+      if (key == "apic") c.apic.push_back(hex.at(0));
+      c.want.emplace(key, rest);
     }
-    rows[{0x80000000u, 0}] = {0x80000004u, 0, 0, 0};
-    return rows;
-  };
-  const struct {
-    const char *brand;
-    uint32_t leaf16_mhz;
-    uint32_t expected;
-  } cases[] = {
-      {"Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz", 0, 2400},
-      {"       Intel(R) Pentium(R) 4 CPU 3.00GHz", 0, 3000},
-      {"Intel(R) Core(TM) i7-1065G7 CPU @ 1.30GHz", 1300, 1300},
-      {"Intel(R) Core(TM) i9-13900K", 3000, 3000},
-      {"Some CPU 733MHz", 0, 733},
-      {"AMD EPYC 7763 64-Core Processor", 0, 0},
-      {"GHz without a number", 0, 0},
-  };
+  }
+  return cases;
+}
+
+// Processors described by their cpuid answers: what identify finds
+// (features, caches, brand, frequency) or why it fails, and how the
+// topology splits each processor's APIC id into package, core and thread,
+// or why it fails. Each answer is written in the form of its line.
+TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
+  const std::set<unsigned> allowed = allowed_cpus();
+  const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
+  const std::vector<CpuidCase> cases = read_cpuid_cases();
+  ASSERT_EQ(cases.size(), 16u);
   vepra::testing::replace_cpuid(table_cpuid);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.brand);
-    g_table = brand(c.brand);
-    g_table[{0, 0}] = {c.leaf16_mhz != 0 ? 0x16u : 0xdu, kIntel.ebx, kIntel.ecx, kIntel.edx};
-    g_table[{1, 0}] = {0x906ea, 0, 0, 0};
-    g_table[{0x16, 0}] = {c.leaf16_mhz, 0, 0, 0};
+  for (const CpuidCase &c : cases) {
+    SCOPED_TRACE(c.want.find("case")->second);
+    // The line of key, otherwise where the block has none.
+    auto want = [&](const std::string &key, const std::string &otherwise) {
+      auto it = c.want.find(key);
+      return it == c.want.end() ? otherwise : it->second;
+    };
+    g_table = c.table;
+    g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
+    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i) {
+      g_apic_by_cpu[cpus[i]] = c.apic[i];
+    }
     vepra_cpu_info_t info;
-    ASSERT_EQ(Chain(vepra_cpu_identify(&info)), nullptr);
-    EXPECT_EQ(info.frequency_mhz, c.expected);
-    EXPECT_EQ(info.brand[0] == ' ', false);
+    Chain err(vepra_cpu_identify(&info));
+    std::string found = std::to_string(err == nullptr ? 0 : err->code);
+    for (const feature_row &row : kFeatureRows) {
+      if (err == nullptr && (info.features & row.bit) != 0)
+        found += " " + std::string(row.proc_name);
+    }
+    EXPECT_EQ(found, want("identify", "0"));
+    if (err == nullptr) {
+      found = std::to_string(info.cache_count);
+      EXPECT_EQ(found, want("caches", found));
+      found = std::to_string(info.frequency_mhz);
+      EXPECT_EQ(found, want("frequency", found));
+      EXPECT_EQ(std::string(info.brand), want("brand", ""));
+    }
+    vepra_cpu_topology_t *t = nullptr;
+    err.reset(vepra_cpu_topology(&t, pool_));
+    EXPECT_EQ(allowed_cpus(), allowed);
+    found = std::to_string(err == nullptr ? 0 : err->code) + " " +
+            (t != nullptr ? std::to_string(t->method) : "0");
+    EXPECT_EQ(found,
+              want(cpus.size() == 1 && c.want.count("alone") != 0 ? "alone" : "topology", found));
+    if (err != nullptr) {
+      found = vepra_test::printed_lines(err.get()).at(2);
+      found.erase(found.find_last_not_of(' ') + 1);
+      EXPECT_EQ(found, want("failure", found));
+    }
+    auto apic = c.want.equal_range("apic");
+    for (uint32_t i = 0; t != nullptr && i < t->count && apic.first != apic.second; ++i) {
+      const vepra_cpu_logical_t &p = t->processors[i];
+      char ids[64];
+      std::snprintf(ids, sizeof ids, "%02x %u %u %u", p.apic_id, p.package, p.core, p.thread);
+      EXPECT_EQ(ids, (apic.first++)->second);
+    }
   }
 }
 

@@ -6,8 +6,7 @@
 #include <random>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "support/test_support.hpp"
 #include "sys/cpu_dispatch.hpp"
 #include "sys/crc_internal.hpp"
 #include "vepra_util.h"
@@ -25,32 +24,33 @@ std::uint32_t crc16_bitwise(std::uint32_t crc, const unsigned char *p, std::size
   return crc;
 }
 
-// Every path of one CRC, as (running value, bytes) -> value; engine paths
-// work on the register, which CRC-32 keeps inverted.
+// The public function on the portable or the dispatched path, as (running
+// value, bytes) -> value.
 template <class Reg>
-std::vector<Fn> paths(Reg (*pub)(Reg, const void *, std::size_t),
-                      std::initializer_list<std::pair<bool, Reg (*)(Reg, const unsigned char *, std::size_t)>> engines,
-                      Reg invert) {
-  std::vector<Fn> all;
-  for (bool portable : {true, false})
-    all.push_back([=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
-      vepra::testing::force_portable_paths(portable);
-      const Reg r = pub(static_cast<Reg>(c), p, n);
-      vepra::testing::force_portable_paths(false);
-      return r;
-    });
-  for (auto [available, engine] : engines)
-    if (available)
-      all.push_back([=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
-        return static_cast<Reg>(engine(static_cast<Reg>(c ^ invert), p, n) ^ invert);
-      });
-  return all;
+Fn entry(Reg (*f)(Reg, const void *, std::size_t), bool portable) {
+  return [=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
+    vepra::testing::force_portable_paths(portable);
+    const Reg r = f(static_cast<Reg>(c), p, n);
+    vepra::testing::force_portable_paths(false);
+    return r;
+  };
+}
+
+// One engine the same way; engines work on the register, which CRC-32
+// keeps inverted.
+template <class Reg>
+Fn engine(Reg (*f)(Reg, const unsigned char *, std::size_t)) {
+  const Reg invert = sizeof(Reg) == 4 ? static_cast<Reg>(~0u) : 0;
+  return [=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
+    return static_cast<Reg>(f(static_cast<Reg>(c ^ invert), p, n) ^ invert);
+  };
 }
 
 template <class Reg>
 Reg in_pieces(const Fn &fn, Reg crc, const unsigned char *p, std::size_t n, std::mt19937 &rng) {
   while (n > 0) {
-    const std::size_t piece = rng() % 4 == 0 ? n : std::uniform_int_distribution<std::size_t>(0, n)(rng);
+    const std::size_t piece =
+        rng() % 4 == 0 ? n : std::uniform_int_distribution<std::size_t>(0, n)(rng);
     crc = static_cast<Reg>(fn(crc, p, piece));
     p += piece;
     n -= piece;
@@ -58,7 +58,11 @@ Reg in_pieces(const Fn &fn, Reg crc, const unsigned char *p, std::size_t n, std:
   return crc;
 }
 
-TEST(CrcTest, CheckValuesAndEdges) {
+// The fixture initialises the library, which learns there which register
+// state the operating system saves: without it no accelerated path runs.
+class CrcTest : public vepra_test::LibraryTest {};
+
+TEST_F(CrcTest, CheckValuesAndEdges) {
   EXPECT_EQ(vepra_util_crc32(0, "123456789", 9), 0xCBF43926u);
   EXPECT_EQ(vepra_util_crc16(0, "123456789", 9), 0xBB3Du);
   EXPECT_EQ(vepra_util_crc16(0x1234, "x", 0), 0x1234u);
@@ -67,22 +71,24 @@ TEST(CrcTest, CheckValuesAndEdges) {
   EXPECT_EQ(vepra_util_crc32(0x1234, nullptr, 0), 0u);
 }
 
-TEST(CrcTest, EveryPathMatchesThePeersAtEveryAlignmentInPieces) {
-  const bool clmul = d::crc_clmul_available(), vclmul = d::crc_vclmul_available();
-  const auto crc32s = paths<std::uint32_t>(vepra_util_crc32,
-                                           {{true, d::crc32_bytewise}, {true, d::crc32_slice8},
-                                            {clmul, d::crc32_clmul}, {vclmul, d::crc32_vclmul}},
-                                           ~0u);
-  const auto crc16s = paths<std::uint16_t>(vepra_util_crc16,
-                                           {{true, d::crc16_bytewise}, {true, d::crc16_slice8},
-                                            {clmul, d::crc16_clmul}, {vclmul, d::crc16_vclmul}},
-                                           0);
-  std::printf("%zu paths each\n", crc32s.size());
+TEST_F(CrcTest, EveryPathMatchesThePeersAtEveryAlignmentInPieces) {
+  // Every path, as the CRC-32 and the CRC-16 function of it.
+  std::vector<std::pair<Fn, Fn>> paths = {
+      {entry(vepra_util_crc32, true), entry(vepra_util_crc16, true)},
+      {entry(vepra_util_crc32, false), entry(vepra_util_crc16, false)},
+      {engine(d::crc32_bytewise), engine(d::crc16_bytewise)},
+      {engine(d::crc32_slice8), engine(d::crc16_slice8)}};
+  if (d::crc_clmul_available()) paths.emplace_back(engine(d::crc32_clmul), engine(d::crc16_clmul));
+  if (d::crc_vclmul_available()) {
+    paths.emplace_back(engine(d::crc32_vclmul), engine(d::crc16_vclmul));
+  }
+  std::printf("%zu paths\n", paths.size());
   std::mt19937 rng(20261124);
   std::vector<unsigned char> storage(4096 + 64);
   for (auto &b : storage) b = static_cast<unsigned char>(rng());
   // Lengths where the paths change, then random ones.
-  std::vector<std::size_t> lengths = {0, 1, 7, 8, 15, 16, 17, 63, 64, 65, 511, 512, 513, 1023, 1024, 1025, 4096};
+  std::vector<std::size_t> lengths = {0,  1,   7,   8,   15,   16,   17,   63,  64,
+                                      65, 511, 512, 513, 1023, 1024, 1025, 4096};
   for (int i = 0; i < 12; ++i) lengths.push_back(rng() % 4097);
   for (std::size_t align = 0; align < 64; ++align) {
     for (std::size_t len : lengths) {
@@ -91,12 +97,13 @@ TEST(CrcTest, EveryPathMatchesThePeersAtEveryAlignmentInPieces) {
       const auto start16 = static_cast<std::uint16_t>(rng());
       const auto want32 = static_cast<std::uint32_t>(crc32_z(start32, p, len));
       const std::uint32_t want16 = crc16_bitwise(start16, p, len);
-      for (std::size_t i = 0; i < crc32s.size(); ++i) {
+      for (std::size_t i = 0; i < paths.size(); ++i) {
         SCOPED_TRACE(testing::Message() << "path " << i << " len " << len << " align " << align);
-        ASSERT_EQ(crc32s[i](start32, p, len), want32);
-        ASSERT_EQ(in_pieces(crc32s[i], start32, p, len, rng), want32);
-        ASSERT_EQ(crc16s[i](start16, p, len), want16);
-        ASSERT_EQ(in_pieces(crc16s[i], start16, p, len, rng), want16);
+        const auto &[crc32, crc16] = paths[i];
+        ASSERT_EQ(crc32(start32, p, len), want32);
+        ASSERT_EQ(in_pieces(crc32, start32, p, len, rng), want32);
+        ASSERT_EQ(crc16(start16, p, len), want16);
+        ASSERT_EQ(in_pieces(crc16, start16, p, len, rng), want16);
       }
     }
   }

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/test_support.hpp"
 #include "sys/mach_internal.hpp"
@@ -36,16 +37,9 @@ std::string plist(const std::string &body) {
          body + "</dict>\n</plist>\n";
 }
 
-std::string version_plist(const std::string &version) {
-  return plist(
-      "  <key>ProductName</key>\n  <string>macOS</string>\n"
-      "  <key>ProductVersion</key>\n  <string>" +
-      version + "</string>\n");
-}
-
-// body inside depth nested elements.
-std::string deep(int depth, const std::string &body) {
-  return depth == 0 ? body : "<a>" + deep(depth - 1, body) + "</a>";
+std::string version_key(const std::string &version) {
+  return "<key>ProductName</key><string>macOS</string>\n<key>ProductVersion</key><string>" +
+         version + "</string>\n";
 }
 
 std::string write_temp(const std::string &name, const std::string &text) {
@@ -63,53 +57,39 @@ std::string name_from(const std::string &first, const std::string &second, int s
 
 }  // namespace
 
+// The files of tests/data/sys/product_versions.txt, and nesting around the
+// key: the parser refuses more than 256 levels.
 TEST_F(MachTest, VersionFilesNameTheRelease) {
-  const std::string system = " (" + uname_form() + ")";
+  std::vector<std::pair<std::string, std::string>> cases;  // file, name
+  std::string deep = version_key("10.6.8");
+  for (int depth = 1; depth <= 300; ++depth) {
+    deep = "<a>" + deep + "</a>";
+    if (depth == 250) cases.emplace_back(plist(deep), "Mac OS X 10.6.8 Snow Leopard");
+  }
+  cases.emplace_back(plist(deep), "-");
+  std::ifstream in(VEPRA_TEST_DATA_DIR "/sys/product_versions.txt");
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    const size_t bar = line.find('|'), bar2 = line.find('|', bar + 1);
+    const std::string how = line.substr(bar + 1, bar2 - bar - 1), text = line.substr(bar2 + 1);
+    const std::string file = how == "raw" ? text : plist(how == "dict" ? text : version_key(text));
+    cases.emplace_back(file, line.substr(0, bar));
+  }
+  ASSERT_EQ(cases.size(), 22u);
   const std::string missing = temp_path("missing.plist");
-  const struct {
-    std::string body;
-    std::string expected;  // before the uname part; empty: no version
-  } cases[] = {
-      {version_plist("14.2"), "macOS 14.2 Sonoma"},
-      {version_plist("13.0"), "macOS 13.0 Ventura"},
-      {version_plist("12.7.1"), "macOS 12.7.1 Monterey"},
-      {version_plist("11.0"), "macOS 11.0 Big Sur"},
-      {version_plist("10.15.7"), "macOS 10.15.7 Catalina"},
-      {version_plist("10.13.6"), "macOS 10.13.6 High Sierra"},
-      {version_plist("10.11"), "OS X 10.11 El Capitan"},
-      {version_plist("10.9.5"), "OS X 10.9.5 Mavericks"},
-      {version_plist("10.7"), "Mac OS X 10.7 Lion"},
-      {version_plist("10.16"), "Mac OS X 10.16 Puma"},  // "10.1" is a prefix of it
-      {version_plist("10.0.4"), "Mac OS X 10.0.4 Cheetah"},
-      {version_plist("15.1"), "macOS 15.1"},
-      {version_plist("9.2"), "macOS 9.2"},
-      // Depth first, an element before its children: the nested key wins.
-      {plist("<dict><key>ProductVersion</key><string>13.1</string></dict>"
-             "<key>ProductVersion</key><string>12.0</string>"),
-       "macOS 13.1 Ventura"},
-      {plist("<key>ProductVersion</key><integer>14</integer>"), ""},
-      {plist("<key>ProductVersion</key>"), ""},
-      {plist("<key>ProductVersion</key><string></string>"), ""},
-      {plist("<key>BuildVersion</key><string>23C64</string>"), ""},
-      {"<plist><dict><key>ProductVersion</key><string>14.2</string>", ""},  // unclosed
-      {"not xml at all", ""},
-      // The parser refuses nesting deeper than 256 elements.
-      {plist(deep(250, "<key>ProductVersion</key><string>10.6.8</string>")),
-       "Mac OS X 10.6.8 Snow Leopard"},
-      {plist(deep(300, "<key>ProductVersion</key><string>10.6.8</string>")), ""},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.body.substr(0, 300));
-    const std::string path = write_temp("version.plist", c.body);
-    EXPECT_EQ(name_from(path, missing), c.expected.empty() ? uname_form() : c.expected + system);
+  for (const auto &[file, name] : cases) {
+    SCOPED_TRACE(file.substr(0, 300));
+    const std::string want = name == "-" ? uname_form() : name + " (" + uname_form() + ")";
+    const std::string path = write_temp("version.plist", file);
+    EXPECT_EQ(name_from(path, missing), want);
     // The second file is read only when the first cannot be opened.
-    EXPECT_EQ(name_from(missing, path), c.expected.empty() ? uname_form() : c.expected + system);
+    EXPECT_EQ(name_from(missing, path), want);
   }
   EXPECT_EQ(name_from(missing, missing), uname_form());
 }
 
 TEST_F(MachTest, SmallBuffersGetACutTerminatedName) {
-  const std::string path = write_temp("version.plist", version_plist("14.2"));
+  const std::string path = write_temp("version.plist", plist(version_key("14.2")));
   const std::string full = "macOS 14.2 Sonoma (" + uname_form() + ")";
   for (int size : {1, 2, 6, 12, 18, 19, 20, static_cast<int>(full.size()),
                    static_cast<int>(full.size()) + 1}) {
