@@ -252,6 +252,10 @@ TEST_F(DlTest, NullIsQuietForAccessorsWalksAndDeletions) {
   for (vepra_dl_t **l : {static_cast<vepra_dl_t **>(nullptr), &empty})
     expect_quiet_with(l, vepra_dlm_delete_obj, vepra_dl_delete_obj_errfunc, vepra_dlm_destroy_func,
                       vepra_dl_destroy_errfunc, vepra_dl_dwalk);
+  // A null data pointer deletes nothing, not the first data-less node.
+  ASSERT_EQ(vepra_dl_append(&empty, 0, nullptr, nullptr, pool_), nullptr);
+  vepra_dl_delete_obj(&empty, nullptr);
+  EXPECT_EQ(vepra_dl_count(empty), 1u);
 }
 
 // Signed keys of both signs and data-less nodes (first) against std::sort.

@@ -236,6 +236,13 @@ TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
   EXPECT_EQ(take_printed(heap() ? vepra_triem_insert(t.trie, nullptr, 3, tag(0))
                                 : vepra_trie_insert(t.trie, nullptr, 3, tag(0), pool_)),
             insert_failure(120086, "Wrong key of leaf. "));
+  // A length whose leaf size would overflow is refused before the key is read.
+  const size_t absurd = SIZE_MAX - sizeof(TrieLeaf);
+  EXPECT_EQ(take_printed(heap() ? vepra_triem_insert(t.trie, "a", absurd, tag(0))
+                                : vepra_trie_insert(t.trie, "a", absurd, tag(0), pool_)),
+            insert_failure(120012, "Failed to allocate " +
+                                       std::to_string(heap() ? absurd + 1 : SIZE_MAX) +
+                                       " bytes of memory. "));
   EXPECT_EQ(t.trie->root, nullptr);
   if (heap()) return;
   EXPECT_EQ(take_printed(vepra_trie_insert(t.trie, "a", 1, tag(0), nullptr)),
