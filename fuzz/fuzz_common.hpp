@@ -1,6 +1,7 @@
 // What the fuzzers share: the check that ends a run on a broken invariant,
-// the library's initialisation, a reader of the input's bytes, and one
-// scratch file of the process for targets that read files.
+// the library's initialisation, a reader of the input's bytes, a pool
+// cleared for each input, and one scratch file of the process for targets
+// that read files.
 #ifndef VEPRA_FUZZ_FUZZ_COMMON_HPP
 #define VEPRA_FUZZ_FUZZ_COMMON_HPP
 
@@ -34,6 +35,17 @@ struct Bytes {
   bool more() const { return at < size; }
   unsigned next() { return at < size ? data[at++] : 0; }
 };
+
+// A pool under the library's, cleared on every call.
+inline apr_pool_t *cleared_pool() {
+  static apr_pool_t *pool = [] {
+    apr_pool_t *p = nullptr;
+    check(apr_pool_create(&p, vepra_pool) == APR_SUCCESS);
+    return p;
+  }();
+  apr_pool_clear(pool);
+  return pool;
+}
 
 // The scratch file's path, $TMPDIR/vepra_fuzz.<pid>, removed at exit.
 inline const std::string &scratch_path() {

@@ -4,52 +4,50 @@
 // only whole UTF-8 characters must leave every line valid UTF-8, whatever
 // the moves and deletions. The second byte is the console width, so that
 // sideways scrolling is drawn too (into /dev/null).
-#include <cstdint>
+#include <algorithm>
+#include <bit>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
+#include "fuzz_common.hpp"
 #include "vepra_readline.h"
 
 namespace {
 
-struct Script {
-  const std::string *bytes;
-  size_t pos = 0;
-  static int next(void *user) {
-    auto *s = static_cast<Script *>(user);
-    return s->pos < s->bytes->size() ? static_cast<unsigned char>((*s->bytes)[s->pos++])
-                                     : static_cast<int>(VEPRA_RI_END_OF_INPUT);
-  }
-};
+using vepra_fuzz::check;
+
+// The key reader: the script's bytes, then the end of input.
+int next_key(void *user) {
+  auto *script = static_cast<vepra_fuzz::Bytes *>(user);
+  return script->more() ? static_cast<int>(script->next()) : int{VEPRA_RI_END_OF_INPUT};
+}
 
 const char *const kKeys[] = {
-    "a", "Z", " ", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\r", "\n", "\x03", "\x04",
-    "\x01", "\x05", "\x02", "\x06", "\x08", "\x7f", "\x0b", "\x15", "\x10", "\x0e", "\x0c",
-    "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D", "\x1b[H", "\x1b[F", "\x1bOH", "\x1bOF", "\x1b[3~",
-    "\x1b[1~", "\x1b[4~", "\x1b[7~", "\x1b[8~", "\x1b[1;5C", "\x1b[99999;2D", "\x1b", "\x1bx",
-    "\x1b[", "\x1bO", "\x1b[12", "\t"};
+    "a",       "Z",       " ",       "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80",
+    "\r",      "\n",      "\x03",    "\x04",     "\x01",         "\x05",
+    "\x02",    "\x06",    "\x08",    "\x7f",     "\x0b",         "\x15",
+    "\x10",    "\x0e",    "\x0c",    "\x1b[A",   "\x1b[B",       "\x1b[C",
+    "\x1b[D",  "\x1b[H",  "\x1b[F",  "\x1bOH",   "\x1bOF",       "\x1b[3~",
+    "\x1b[1~", "\x1b[4~", "\x1b[7~", "\x1b[8~",  "\x1b[1;5C",    "\x1b[99999;2D",
+    "\x1b",    "\x1bx",   "\x1b[",   "\x1bO",    "\x1b[12",      "\t"};
 
 // Valid UTF-8 in the sense the editor keeps: lead bytes followed by the
 // right number of continuation bytes.
 bool valid_utf8(const char *s) {
-  for (auto *p = reinterpret_cast<const unsigned char *>(s); *p != 0;) {
-    int extra = *p < 0x80 ? 0 : (*p & 0xE0) == 0xC0 ? 1 : (*p & 0xF0) == 0xE0 ? 2
-                : (*p & 0xF8) == 0xF0 ? 3 : -1;
-    if (extra < 0) return false;
-    ++p;
-    for (; extra > 0; --extra, ++p)
-      if ((*p & 0xC0) != 0x80) return false;
+  int due = 0;  // continuation bytes still to come
+  for (; *s != 0; ++s) {
+    const int ones = std::countl_one(static_cast<unsigned char>(*s));
+    if (due > 0 ? ones != 1 : ones == 1 || ones > 4) return false;
+    due = due > 0 ? due - 1 : std::max(ones - 1, 0);
   }
-  return true;
+  return due == 0;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  if (vepra_initialize() != 0) std::abort();
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+  vepra_fuzz::initialize();
+  check(std::freopen("/dev/null", "w", stdout) != nullptr);
   return 0;
 }
 
@@ -62,23 +60,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   } else {
     bytes.assign(reinterpret_cast<const char *>(data + 2), size - 2);
   }
-  apr_pool_t *pool = nullptr;
-  if (apr_pool_create(&pool, vepra_pool) != APR_SUCCESS) std::abort();
   vepra_ri_readline_t *rl = nullptr;
-  if (vepra_ri_readline_init(&rl, "fz> ", (data[0] & 2) != 0, pool) != nullptr) std::abort();
+  check(vepra_ri_readline_init(&rl, "fz> ", (data[0] & 2) != 0, vepra_fuzz::cleared_pool()) ==
+        nullptr);
   for (const char *h : {"", "h\xc3\xa9llo", "\xe2\x82\xac\xe2\x82\xac long entry of the history"})
     vepra_error_clear(vepra_ri_readline_addhist(h, rl));
   rl->width = data[1];
-  Script script{&bytes};
-  vepra_ri_readline_set_reader(rl, Script::next, &script);
-  while (script.pos < bytes.size()) {
+  vepra_fuzz::Bytes script{reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()};
+  vepra_ri_readline_set_reader(rl, next_key, &script);
+  while (script.more()) {
     vepra_error_t *e = vepra_ri_readline(nullptr, rl);
-    if (rl->line == nullptr || (keyed && !valid_utf8(rl->line))) std::abort();
+    check(rl->line != nullptr && (!keyed || valid_utf8(rl->line)));
+    check(e == nullptr || e->code == VEPRA_E_CONSOLE_HALTED);
     if (e == nullptr) vepra_error_clear(vepra_ri_readline_addhist(rl->line, rl));
-    else if (e->code != VEPRA_E_CONSOLE_HALTED) std::abort();
     vepra_error_clear(e);
   }
   vepra_ri_readline_terminate(rl);
-  apr_pool_destroy(pool);
   return 0;
 }

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -17,14 +18,12 @@ int main(int argc, char **argv) {
   namespace fs = std::filesystem;
   if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
   std::vector<fs::path> files;
-  for (int i = 1; i < argc; ++i) {
-    if (!fs::is_directory(argv[i])) {
+  for (int i = 1; i < argc; ++i)
+    if (!fs::is_directory(argv[i]))
       files.emplace_back(argv[i]);
-      continue;
-    }
-    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(argv[i]))
-      if (!entry.is_directory()) files.push_back(entry.path());
-  }
+    else
+      for (const fs::directory_entry &entry : fs::recursive_directory_iterator(argv[i]))
+        if (!entry.is_directory()) files.push_back(entry.path());
   std::sort(files.begin(), files.end());
   if (files.empty()) {
     std::fprintf(stderr, "no input files\n");
@@ -32,8 +31,7 @@ int main(int argc, char **argv) {
   }
   for (const fs::path &file : files) {
     std::ifstream in(file, std::ios::binary);
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
+    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     if (!in.is_open() || in.bad()) {
       std::fprintf(stderr, "cannot read %s\n", file.c_str());
       return 1;

@@ -1,6 +1,7 @@
 // The readers of outside text and bytes under one fuzzer: the first byte
 // picks the target, the rest is its input. Each target checks what its
 // reader promises besides not crashing.
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz_common.hpp"
@@ -50,33 +52,28 @@ void base62(const uint8_t *data, size_t size) {
   vepra_error_clear(e);
 }
 
-// One escape call on fixed input. It writes into a heap block of exactly
-// size bytes, so that the sanitizer sees any write past it; size 0 passes
-// no block and measures.
-struct Escape {
-  bool unparse;
-  const char *src;
-  size_t len;
-  int wide = 0, table = 0;
-
-  vepra_error_t *operator()(size_t size, size_t *stored, std::string *out = nullptr) const {
-    std::unique_ptr<char[]> buf(size > 0 ? new char[size] : nullptr);
-    *stored = size;
-    auto n = static_cast<ptrdiff_t>(len);
-    vepra_error_t *e = unparse ? vepra_str_escape_unparse(buf.get(), stored, src, n)
-                               : vepra_str_escape_parse(buf.get(), stored, src, n, wide, table);
-    if (out != nullptr) out->assign(buf.get(), size);
-    return e;
-  }
-};
+// One escape call on src into a heap block of exactly size bytes, so that
+// the sanitizer sees any write past it; size 0 passes no block and measures.
+vepra_error_t *escape_into(bool unparse, std::string_view src, size_t size, size_t *stored,
+                           std::string *out = nullptr, int wide = 0, int table = 0) {
+  std::unique_ptr<char[]> buf(size > 0 ? new char[size] : nullptr);
+  *stored = size;
+  const auto n = static_cast<ptrdiff_t>(src.size());
+  vepra_error_t *e = unparse
+                         ? vepra_str_escape_unparse(buf.get(), stored, src.data(), n)
+                         : vepra_str_escape_parse(buf.get(), stored, src.data(), n, wide, table);
+  if (out != nullptr) out->assign(buf.get(), size);
+  return e;
+}
 
 // Escapes: sizes are exact, nothing is written past the given size, and
 // unparse followed by parse gives the original bytes.
 void escape(const uint8_t *data, size_t size) {
   if (size < 1) return;
-  const char *src = reinterpret_cast<const char *>(data + 1);
-  const Escape parse{false, src, size - 1, data[0] & 1, (data[0] >> 1) & 1};
-  const Escape unparse{true, src, size - 1};
+  const std::string_view src(reinterpret_cast<const char *>(data + 1), size - 1);
+  auto parse = [&](size_t n, size_t *stored, std::string *out = nullptr) {
+    return escape_into(false, src, n, stored, out, data[0] & 1, (data[0] >> 1) & 1);
+  };
   const size_t cut = data[0] >> 2;
   size_t need = 0, stored = 0;
   std::string text, back;
@@ -95,67 +92,54 @@ void escape(const uint8_t *data, size_t size) {
 
   // Unparse exactly, then parse the text back in narrow mode; a smaller
   // size makes unparse fail.
-  check(unparse(0, &need) == nullptr && unparse(need, &stored, &text) == nullptr);
-  check(stored == need);
-  const Escape reparse{false, text.data(), need - 1};
-  check(reparse(0, &need) == nullptr && need == size);
-  check(reparse(need, &stored, &back) == nullptr && back.compare(0, size - 1, src, size - 1) == 0);
+  check(escape_into(true, src, 0, &need) == nullptr);
+  check(escape_into(true, src, need, &stored, &text) == nullptr && stored == need);
+  const std::string_view escaped(text.data(), need - 1);
+  check(escape_into(false, escaped, 0, &need) == nullptr && need == size);
+  check(escape_into(false, escaped, need, &stored, &back) == nullptr);
+  check(back.compare(0, size - 1, src) == 0);
   if (cut > 0 && cut < text.size()) {
-    vepra_error_t *e = unparse(cut, &stored);
+    vepra_error_t *e = escape_into(true, src, cut, &stored);
     check(e != nullptr);
     vepra_error_clear(e);
   }
 }
 
-// Text for the tokenizer and the typed parser: the first byte gives the
+// Text for the text_lines target: the first byte gives the
 // number (0 to 3) of separator bytes that follow, the rest is split into
 // lines at newlines; both are cut at their first NUL.
-struct TextInput {
-  std::string separators;
-  std::vector<std::string> lines;
-};
-
-bool split_input(const uint8_t *data, size_t size, TextInput *in) {
-  if (size < 1) return false;
-  const size_t nsep = data[0] % 4;
+bool split_input(const uint8_t *data, size_t size, std::string *separators,
+                 std::vector<std::string> *lines) {
+  const size_t nsep = size > 0 ? data[0] % 4 : 0;
   if (size < 1 + nsep) return false;
-  in->separators = std::string(reinterpret_cast<const char *>(data + 1), nsep).c_str();
-  const std::string text(reinterpret_cast<const char *>(data + 1 + nsep), size - 1 - nsep);
+  *separators = std::string(reinterpret_cast<const char *>(data + 1), nsep).c_str();
+  const std::string_view text(reinterpret_cast<const char *>(data + 1 + nsep), size - 1 - nsep);
   for (size_t start = 0, nl; start <= text.size(); start = nl + 1) {
-    nl = text.find('\n', start);
-    if (nl == std::string::npos) nl = text.size();
-    in->lines.emplace_back(text.substr(start, nl - start).c_str());
+    nl = std::min(text.find('\n', start), text.size());
+    lines->emplace_back(std::string(text.substr(start, nl - start)).c_str());
   }
   return true;
 }
 
-// A pool under the library, cleared after each input.
-apr_pool_t *text_pool() {
-  static apr_pool_t *pool = [] {
-    apr_pool_t *p = nullptr;
-    check(apr_pool_create(&p, vepra_pool) == APR_SUCCESS);
-    return p;
-  }();
-  apr_pool_clear(pool);
-  return pool;
-}
-
-// The tokenizer: every token is non-empty, and the tokens hold no more
-// bytes than the elements.
-void tokenize(const uint8_t *data, size_t size) {
-  TextInput in;
-  if (!split_input(data, size, &in)) return;
-  apr_pool_t *pool = text_pool();
+// The same lines through the tokenizer and the typed parser. Tokenizing:
+// every token is non-empty, and the tokens hold no more bytes than the
+// elements. Parsing: the counters agree with the stored tokens and every
+// token is of a known kind with its member set.
+void text_lines(const uint8_t *data, size_t size) {
+  std::string separators;
+  std::vector<std::string> lines;
+  if (!split_input(data, size, &separators, &lines)) return;
+  apr_pool_t *pool = vepra_fuzz::cleared_pool();
   vepra_strlist_t *src = nullptr, *dst = nullptr;
   vepra_strlist_create(&src, pool);
   vepra_strlist_create(&dst, pool);
   size_t bytes = 0;
-  for (const std::string &element : in.lines) {
+  for (const std::string &element : lines) {
     bytes += element.size();
     vepra_error_clear(vepra_strlist_addlast(src, element.c_str(), pool));
   }
-  vepra_error_t *e = vepra_strlist_tokenize(src, dst, in.separators.c_str(), pool);
-  check(e == nullptr || in.separators.empty());
+  vepra_error_t *e = vepra_strlist_tokenize(src, dst, separators.c_str(), pool);
+  check(e == nullptr || separators.empty());
   vepra_error_clear(e);
   size_t total = 0;
   for (size_t k = 0, n = vepra_strlist_nelts(dst); k < n; ++k) {
@@ -164,18 +148,11 @@ void tokenize(const uint8_t *data, size_t size) {
     total += std::strlen(t);
   }
   check(total <= bytes);
-}
 
-// The typed parser: the counters agree with the stored tokens and every
-// token is of a known kind with its member set.
-void prsd(const uint8_t *data, size_t size) {
-  TextInput in;
-  if (!split_input(data, size, &in)) return;
-  apr_pool_t *pool = text_pool();
   vepra_prsd_t rec;
   vepra_prsd_clear_p(&rec);
-  for (const std::string &line : in.lines) {
-    check(vepra_prsd_parse_p(&rec, line.c_str(), in.separators.c_str(), pool) == 0);
+  for (const std::string &line : lines) {
+    check(vepra_prsd_parse_p(&rec, line.c_str(), separators.c_str(), pool) == 0);
     check(rec.state <= VEPRA_PRSD_CONTINUED);
   }
   uint32_t counts[4] = {};
@@ -222,8 +199,9 @@ void os_name(const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static constexpr void (*kTargets[])(const uint8_t *, size_t) = {base62, escape,      tokenize,
-                                                                  prsd,   error_chain, os_name};
+  // Lines twice, so that the text corpus keeps its numbering.
+  static constexpr void (*kTargets[])(const uint8_t *, size_t) = {
+      base62, escape, text_lines, text_lines, error_chain, os_name};
   vepra_fuzz::initialize();
   if (size > 0) kTargets[data[0] % std::size(kTargets)](data + 1, size - 1);
   return 0;

@@ -16,7 +16,12 @@ using Ids = std::vector<int>;
 int divisible(uint32_t, void *data, void *user) {
   return id_of(data) % *static_cast<int *>(user) == 0;
 }
-bool third(void *data) { return id_of(data) % 3 == 0; }
+uint32_t same(int k) { return static_cast<uint32_t>(k); }
+const WalkForms<vepra_dl_t> kWalks{vepra_cdl_walk, vepra_cdl_walk_int_first,
+                                   vepra_cdl_walk_ptr_first, vepra_cdl_walk_err_first,
+                                   vepra_cdl_walk_err_or_ptr_first};
+const WalkForms<vepra_dl_t> kFlWalks{vepra_cdl_flwalk, nullptr, nullptr, vepra_cdl_flwalk_err_first,
+                                     vepra_cdl_flwalk_err_or_ptr_first};
 
 struct Slot {
   int id;
@@ -106,38 +111,14 @@ TEST_F(CdlTest, RandomOperationsMatchSlotModel) {
       for (size_t i = 0; i <= in_order.size(); ++i)
         EXPECT_EQ(vepra_cdl_get_data(vepra_cdl_get_n(list, i)),
                   i < in_order.size() ? id(in_order[i]) : nullptr);
-      // Each walk form over the occupied slots, the stopping ones stopping at
-      // the first multiple of 3: around the handle, or from the first (fl).
-      for (bool fl : {false, true}) {
-        const Ids &order = fl ? in_order : around_order;
-        auto hit = std::find_if(order.begin(), order.end(), [](int v) { return v % 3 == 0; });
-        const bool found = hit != order.end();
-        void *first3 = found ? id(*hit) : nullptr;
-        Ids seen;
-        (fl ? vepra_cdl_flwalk : vepra_cdl_walk)(list, record, &seen);
-        EXPECT_EQ(seen, order);
-        FailOn stop{found ? *hit : -1, VepraDLlistStopWalking};
-        EXPECT_EQ(
-            (fl ? vepra_cdl_flwalk_err_first : vepra_cdl_walk_err_first)(list, fail_on<>, &stop),
-            found ? stop.error : nullptr);
-        EXPECT_EQ(stop.seen, Ids(order.begin(), found ? hit + 1 : hit));
-        auto take = [](uint32_t, void *data, void *, void **out) -> vepra_error_t * {
-          if (third(data)) *out = data;
-          return nullptr;
-        };
-        void *slot = nullptr;
-        EXPECT_EQ((fl ? vepra_cdl_flwalk_err_or_ptr_first : vepra_cdl_walk_err_or_ptr_first)(
-                      list, take, nullptr, &slot),
-                  nullptr);
-        EXPECT_EQ(slot, first3);
-        if (fl) continue;
-        int three = 3;
-        EXPECT_EQ(vepra_cdl_get_data(vepra_cdl_walk_node_first(list, divisible, &three)), first3);
-        auto tag_of = [](uint32_t tag, void *data, void *) { return third(data) ? int(tag) : 0; };
-        EXPECT_EQ(vepra_cdl_walk_int_first(list, tag_of, nullptr), id_of(first3));
-        auto ptr = [](uint32_t, void *data, void *) { return third(data) ? data : nullptr; };
-        EXPECT_EQ(vepra_cdl_walk_ptr_first(list, ptr, nullptr), first3);
-      }
+      // Each walk form over the occupied slots: around the handle, or from
+      // the first (fl).
+      expect_walk_forms(list, kWalks, around_order, same);
+      expect_walk_forms(list, kFlWalks, in_order, same);
+      auto hit = std::find_if(around_order.begin(), around_order.end(), third);
+      int three = 3;
+      EXPECT_EQ(vepra_cdl_get_data(vepra_cdl_walk_node_first(list, divisible, &three)),
+                hit == around_order.end() ? nullptr : id(*hit));
     }
     vepra_cdl_destroy(&list);
     EXPECT_EQ(list, nullptr);

@@ -3,12 +3,14 @@
 #ifndef VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 #define VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "support/test_support.hpp"
+#include "vepra_dl.h"
 #include "vepra_error.h"
 
 namespace vepra_test {
@@ -39,6 +41,51 @@ inline bool hit(void *data, void *user) {
 template <class... Extra>
 vepra_error_t *fail_on(uint32_t, void *data, void *user, Extra...) {
   return hit(data, user) ? static_cast<FailOn *>(user)->error : nullptr;
+}
+
+// The walk forms of one kind of container, null where it has none.
+template <class L>
+struct WalkForms {
+  void (*walk)(L *, vepra_walk_fn, void *);
+  int (*int_first)(L *, vepra_walk_int_fn, void *) = nullptr;
+  void *(*ptr_first)(L *, vepra_walk_ptr_fn, void *) = nullptr;
+  vepra_error_t *(*err_first)(L *, vepra_walk_err_fn, void *) = nullptr;
+  vepra_error_t *(*err_or_ptr_first)(L *, vepra_walk_err_or_ptr_fn, void *, void **) = nullptr;
+};
+inline bool third(int k) { return k % 3 == 0; }
+
+// Each walk form of l visits order, the stopping forms up to its first
+// multiple of 3 (whose tag is tag_of(id)).
+template <class L>
+void expect_walk_forms(L *l, const WalkForms<L> &w, const std::vector<int> &order,
+                       uint32_t (*tag_of)(int)) {
+  const auto hit = std::find_if(order.begin(), order.end(), third);
+  const bool found = hit != order.end();
+  std::vector<int> seen;
+  w.walk(l, record, &seen);
+  EXPECT_EQ(seen, order);
+  if (w.int_first != nullptr) {
+    auto tag = [](uint32_t t, void *data, void *) { return third(id_of(data)) ? int(t) + 1 : 0; };
+    EXPECT_EQ(w.int_first(l, tag, nullptr), found ? int(tag_of(*hit)) + 1 : 0);
+  }
+  if (w.ptr_first != nullptr) {
+    auto ptr = [](uint32_t, void *data, void *) { return third(id_of(data)) ? data : nullptr; };
+    EXPECT_EQ(w.ptr_first(l, ptr, nullptr), found ? id(*hit) : nullptr);
+  }
+  if (w.err_first != nullptr) {
+    FailOn stop{found ? *hit : -1, VepraDLlistStopWalking};
+    EXPECT_EQ(w.err_first(l, fail_on<>, &stop), found ? stop.error : nullptr);
+    EXPECT_EQ(stop.seen, std::vector<int>(order.begin(), found ? hit + 1 : hit));
+  }
+  if (w.err_or_ptr_first != nullptr) {
+    auto take = [](uint32_t, void *data, void *, void **out) -> vepra_error_t * {
+      if (third(id_of(data))) *out = data;
+      return nullptr;
+    };
+    void *slot = nullptr;
+    EXPECT_EQ(w.err_or_ptr_first(l, take, nullptr, &slot), nullptr);
+    EXPECT_EQ(slot, found ? id(*hit) : nullptr);
+  }
 }
 
 template <class P, class R, class A0, class... A>

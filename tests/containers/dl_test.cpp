@@ -36,6 +36,10 @@ Items read_chain(vepra_dl_t *node) {
 }
 
 int compare_tags(uint32_t a, void *, uint32_t b, void *, void *) { return (a > b) - (a < b); }
+// Tags repeat, so that sorting meets equal keys.
+uint32_t tag_of(int k) { return static_cast<uint32_t>(k * 5 % 7); }
+const WalkForms<vepra_dl_t> kWalks{vepra_dl_walk, vepra_dl_walk_int_first, vepra_dl_walk_ptr_first,
+                                   vepra_dl_walk_err_first, vepra_dl_walk_err_or_ptr_first};
 int remove_multiples(uint32_t, void *data, void *user) {
   return id_of(data) % *static_cast<int *>(user) == 0;
 }
@@ -81,7 +85,7 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
     };
     for (int step = 0; step < 150; ++step) {
       int k = next_id++;
-      uint32_t tag = static_cast<uint32_t>(rng() % 7);
+      const uint32_t tag = tag_of(k);
       unsigned op = rng() % 12;
       if (op < 5) {  // prepend, append (twice as often), after or before the handle
         Where w = op == 0 ? kPrepend : op < 3 ? kAppend : op == 3 ? kAfter : kBefore;
@@ -145,8 +149,8 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
       } else if (op == 10) {  // join a short second list behind
         vepra_dl_t *other = nullptr;
         for (int i = 0; i < 3; ++i, ++next_id) {
-          ASSERT_EQ(add(kAppend, &other, tag, next_id), nullptr);
-          model.push_back({next_id, tag});
+          ASSERT_EQ(add(kAppend, &other, tag_of(next_id), next_id), nullptr);
+          model.push_back({next_id, tag_of(next_id)});
         }
         EXPECT_EQ(vepra_dl_join(list, vepra_dl_get_last(other)), vepra_dl_get_first(list));
         if (list == nullptr) list = other;
@@ -164,6 +168,11 @@ TEST_P(DlFlavourTest, RandomOperationsMatchVectorModel) {
       ASSERT_EQ(read_chain(list), model) << "round " << round << " step " << step;
       ASSERT_EQ(list == nullptr ? -1 : id_of(list->data), handle);
       ASSERT_EQ(vepra_dl_count(list), model.size());
+      Ids ids;
+      for (const Item &it : model) ids.push_back(it.id);
+      // From any node of the list the walks start at its first.
+      const size_t from = model.empty() ? 0 : pick(model.size());
+      expect_walk_forms(vepra_dl_get_n(list, from), kWalks, ids, tag_of);
       if (!model.empty()) {
         size_t at = pick(model.size());
         EXPECT_EQ(vepra_dl_count(vepra_dl_get_n(list, at)), model.size());
@@ -243,6 +252,10 @@ TEST_F(DlTest, NullIsQuietForAccessorsWalksAndDeletions) {
   for (vepra_dl_t **l : {static_cast<vepra_dl_t **>(nullptr), &empty})
     expect_quiet_with(l, vepra_dlm_delete_obj, vepra_dl_delete_obj_errfunc, vepra_dlm_destroy_func,
                       vepra_dl_destroy_errfunc, vepra_dl_dwalk);
+  // A null data pointer deletes nothing, not the first data-less node.
+  ASSERT_EQ(vepra_dl_append(&empty, 0, nullptr, nullptr, pool_), nullptr);
+  vepra_dl_delete_obj(&empty, nullptr);
+  EXPECT_EQ(vepra_dl_count(empty), 1u);
 }
 
 // Signed keys of both signs and data-less nodes (first) against std::sort.
@@ -268,26 +281,19 @@ TEST_F(DlTest, HookSortAgreesWithStdSort) {
   EXPECT_EQ(vepra_hook_bubsort_callback(0, &same, 0, &same, nullptr), 0);
 }
 
-// Walks rewind to the first node: err_or_ptr stops on an error or once the
-// slot is set; a slot already set stops after one call (it is not cleared).
-TEST_F(DlTest, WalksStopByTheirRules) {
-  vepra_dl_t *from = nullptr;
-  for (int k = 1; k <= 4; ++k) ASSERT_EQ(vepra_dl_append(&from, 0, id(k), &from, pool_), nullptr);
-  FailOn w;
-  auto err_or_ptr = [](uint32_t, void *data, void *u, void **slot) {
-    if (id_of(data) == 2) *slot = data;
-    return fail_on(0, data, u);
-  };
-  void *slot = nullptr;
-  for (size_t calls : {2, 1}) {
-    w = {};
-    EXPECT_EQ(vepra_dl_walk_err_or_ptr_first(from, err_or_ptr, &w, &slot), nullptr);
-    EXPECT_EQ(slot, id(2));
-    EXPECT_EQ(w.seen.size(), calls);
-  }
+// err_or_ptr walks stop on an error too, and a slot already set stops the
+// walk after one call (it is not cleared).
+TEST_F(DlTest, ErrOrPtrWalksStopByTheirRules) {
+  vepra_dl_t *list = nullptr;
+  for (int k = 1; k <= 4; ++k) ASSERT_EQ(vepra_dl_append(&list, 0, id(k), nullptr, pool_), nullptr);
+  auto err_only = [](uint32_t, void *data, void *u, void **) { return fail_on(0, data, u); };
+  FailOn w{2, user_error(125998, "walk failed")};
+  void *slot = id(9);
+  EXPECT_EQ(vepra_dl_walk_err_or_ptr_first(list, err_only, &w, &slot), nullptr);
+  EXPECT_EQ(w.seen, Ids{1});
   slot = nullptr;
-  w = {1, user_error(125998, "walk failed")};
-  EXPECT_EQ(vepra_dl_walk_err_or_ptr_first(from, err_or_ptr, &w, &slot), w.error);
+  EXPECT_EQ(vepra_dl_walk_err_or_ptr_first(list, err_only, &w, &slot), w.error);
+  EXPECT_EQ(w.seen, (Ids{1, 1, 2}));
   EXPECT_EQ(slot, nullptr);
   vepra_error_clear(w.error);
 }
