@@ -8,13 +8,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -112,15 +112,22 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
                  {2, 2, 8, std::vector<uint16_t>(4, 2), COMPRESSION_ADOBE_DEFLATE}});
   // $name becomes its file, \n and \t a newline and a tab.
   auto expand = [&](const std::string &s) {
-    const std::regex pattern(R"(\$(\w+)|\\(.))");
     std::string out;
-    size_t done = 0;
-    for (std::sregex_iterator m(s.begin(), s.end(), pattern), end; m != end; ++m) {
-      out += s.substr(done, size_t(m->position()) - done);
-      out += (*m)[1].matched ? files.at((*m)[1]) : (*m)[2] == "n" ? "\n" : "\t";
-      done = size_t(m->position() + m->length());
+    for (size_t i = 0; i < s.size(); ++i) {
+      size_t end = i + 1;
+      while (s[i] == '$' && end < s.size() && (std::isalnum(uint8_t(s[end])) || s[end] == '_')) {
+        ++end;
+      }
+      if (end > i + 1) {
+        out += files.at(s.substr(i + 1, end - i - 1));
+        i = end - 1;
+      } else if (s[i] == '\\' && i + 1 < s.size()) {
+        out += s[++i] == 'n' ? '\n' : '\t';
+      } else {
+        out += s[i];
+      }
     }
-    return out + s.substr(done);
+    return out;
   };
   std::ifstream table(VEPRA_TEST_DATA_DIR "/tools/vepra_image_runs.tsv");
   int rows = 0;
