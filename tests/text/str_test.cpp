@@ -388,11 +388,13 @@ TEST_F(StrTest, TablesMatchCtypeAndCodePage437) {
 TEST_F(StrTest, Base62Edges) {
   char buf[80], *end = nullptr;
   int64_t v = -1;
-  // "zz" is 61 * 62 + 61; 'f' is no digit in base 16, and base 99 reads none.
-  for (auto [text, base, value] : {std::tuple{"zz", 62, 3843}, {"ff", 16, 0}, {"12", 99, 0}}) {
+  // "zz" is 61 * 62 + 61; 'f' is no digit in base 16, base 99 reads none,
+  // and '_', just below the lower-case letters, is no digit either.
+  for (auto [text, base, value, used] :
+       {std::tuple{"zz", 62, 3843, 2}, {"ff", 16, 0, 0}, {"12", 99, 0, 0}, {"7_", 62, 7, 1}}) {
     ASSERT_EQ(vepra_str_base62_to_int64(text, &end, base, &v), nullptr);
     EXPECT_EQ(v, value) << text;
-    EXPECT_EQ(end, value != 0 ? text + 2 : text) << text;
+    EXPECT_EQ(end, text + used) << text;
   }
   EXPECT_EQ(vepra_str_int64_to_base62(3843, 62, buf, sizeof buf), 2);
   const std::string over = "zzzzzzzzzzzzzzzzzzzzz!";  // the digits after the overflow are read
