@@ -317,4 +317,28 @@ TEST_F(ObjTest, ReturnsReplayErrorsWhenTheSignalIsRemoved) {
   vepra_obj_destroy(mute);
 }
 
+// A receiver destroyed during the emission that queued its connect is
+// forgotten: the connect is not replayed onto it when the emission ends.
+void connect_then_destroy(vepra_obj_t *src, unsigned code, vepra_obj_t *, void *target, void *) {
+  auto *victim = static_cast<vepra_obj_t *>(target);
+  EXPECT_EQ(vepra_obj_connect(src, code, victim, Real::slot<1>, nullptr), nullptr);
+  vepra_obj_destroy(victim);
+}
+
+TEST_F(ObjTest, DropsAQueuedConnectToAReceiverDestroyedMeanwhile) {
+  vepra_obj_t *a = make("a"), *b = make("b"), *c = make("c");
+  ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);
+  ASSERT_EQ(vepra_obj_connect(a, 5, b, connect_then_destroy, c), nullptr);
+  EXPECT_EQ(vepra_obj_emit_signal(a, 5, nullptr), nullptr);
+  const osig *sig = nullptr;
+  for (unsigned i = 0; i < utarray_len(a->signals); ++i) {
+    const auto *s = static_cast<const osig *>(utarray_eltptr(a->signals, i));
+    if (s->code == 5) sig = s;
+  }
+  ASSERT_NE(sig, nullptr);
+  EXPECT_EQ(HASH_COUNT(sig->destinations), 1u) << "b alone";
+  vepra_obj_destroy(a);
+  vepra_obj_destroy(b);
+}
+
 }  // namespace
