@@ -186,6 +186,18 @@ TEST(PackBits, InputEndingAtAHeaderIsShort) {
   }
 }
 
+// A code for the string being defined (the previous string and its own
+// first byte) that meets the end of the strip is cut there: nothing is
+// written past the strip.
+TEST(Lzw, SelfReferenceStopsAtTheEndOfTheStrip) {
+  namespace tiff = vepra::detail::tiff;
+  // 9-bit codes: clear, 'A', 'B', 259 ("BB", being defined), end.
+  const uint8_t in[] = {0x80, 0x10, 0x48, 0x50, 0x38, 0x08};
+  uint8_t out[4] = {0, 0, 0, 'z'};  // a strip of 3 bytes and a guard
+  EXPECT_EQ(tiff::decode_lzw(in, std::span(out, 3)), tiff::Decoded::kOk);
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(out), 4), "ABBz");
+}
+
 // Files that cannot be read at all, by each reader: a directory or a FIFO
 // without a writer is refused without blocking.
 TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
