@@ -134,16 +134,9 @@ class TiffTest : public vepra_test::LibraryTest {
 // Every hand-built file of the list reads as listed: its failure with the
 // whole chain and nothing left owned, or its pixels and depths.
 TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
-  std::ifstream list(VEPRA_TEST_DATA_DIR "/image/tiff_reads.tsv");
   int rows = 0;
-  for (std::string line; std::getline(list, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> cols;
-    std::stringstream fields(line);
-    for (std::string col; std::getline(fields, col, '\t');) {
-      if (col.rfind("# ", 0) != 0) cols.push_back(col);
-    }
-    ASSERT_GE(cols.size(), 2u) << line;
+  for (const auto &cols : vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/image/tiff_reads.tsv")) {
+    ASSERT_GE(cols.size(), 2u) << (cols.empty() ? "" : cols[0]);
     SCOPED_TRACE(cols[0]);
     ++rows;
     vepra_img_free(&img_);

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 namespace vepra_test {
 
@@ -51,6 +53,20 @@ std::string temp_path(const std::string &name) {
   std::string path = base + "/" + test + "." + std::to_string(getpid()) + "." + name;
   std::remove(path.c_str());
   return path;
+}
+
+std::vector<std::vector<std::string>> table_rows(const std::string &path) {
+  std::ifstream in(path);
+  std::vector<std::vector<std::string>> rows;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string> &cols = rows.emplace_back();
+    std::stringstream fields(line);
+    for (std::string col; std::getline(fields, col, '\t');) {
+      if (col.rfind("# ", 0) != 0) cols.push_back(col);
+    }
+  }
+  return rows;
 }
 
 long for_each_allocation_failure(const std::function<vepra_error_t *()> &op,

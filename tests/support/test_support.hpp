@@ -38,6 +38,10 @@ std::string take_printed(vepra_error_t *chain);
 // A fresh path under the test's temporary directory.
 std::string temp_path(const std::string &name);
 
+// The rows of a tab-separated table file: blank lines and lines starting
+// with '#' are skipped, and so is a field starting with "# " (a comment).
+std::vector<std::vector<std::string>> table_rows(const std::string &path);
+
 // Runs op with the n-th checked allocation failing, for n = 1, 2, ...,
 // until op returns success with no injected failure reached. Each failing
 // run's chain goes to check (which must clear nothing: it is cleared here).

@@ -129,21 +129,16 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
     }
     return out;
   };
-  std::ifstream table(VEPRA_TEST_DATA_DIR "/tools/vepra_image_runs.tsv");
   int rows = 0;
-  for (std::string line; std::getline(table, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> cols;
-    std::stringstream fields(line);
-    for (std::string col; std::getline(fields, col, '\t');) cols.push_back(col);
+  for (auto cols : vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/tools/vepra_image_runs.tsv")) {
     cols.resize(4);
     std::vector<std::string> args;
     std::stringstream words(cols[2]);
     for (std::string word; words >> word;) args.push_back(expand(word));
     const ToolRun r = run_tool(args);
-    EXPECT_EQ(r.status, std::stoi(cols[0])) << line << "\n" << r.err;
+    EXPECT_EQ(r.status, std::stoi(cols[0])) << cols[2] << "\n" << r.err;
     EXPECT_NE((cols[1] == "out" ? r.out : r.err).find(expand(cols[3])), std::string::npos)
-        << line << "\nout: " << r.out << "\nerr: " << r.err;
+        << cols[2] << "\nout: " << r.out << "\nerr: " << r.err;
     ++rows;
   }
   EXPECT_GT(rows, 40);
