@@ -145,8 +145,8 @@ test_all() {
   install_missing "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
   local passed=0 failed=0 summary
 
-  # Warnings are errors here (not in a plain build, where a newer compiler
-  # may bring new ones); the stack frames are checked with -fstack-usage;
+  # Warnings are errors here, also when the tree is not a git checkout;
+  # the stack frames are checked with -fstack-usage;
   # the fuzzers' starting corpora are replayed by the unit tests.
   log "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
   configure_and_build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -45,8 +45,10 @@ std::string shape(const void *node) {
   auto inner = as<TrieInner>(node, kTrieInner);
   if (inner == nullptr) return "?";
   std::string out = "[" + std::to_string(inner->count) + " own=" + shape(inner->own);
-  for (unsigned d = 0; d < 16; ++d)
-    if (inner->child[d] != nullptr) out += " " + std::to_string(d) + ":" + shape(inner->child[d]);
+  for (unsigned d = 0; d < 16; ++d) {
+    if (inner->child[d] == nullptr) continue;
+    out.append(" ").append(std::to_string(d)).append(":").append(shape(inner->child[d]));
+  }
   return out + "]";
 }
 
