@@ -4,7 +4,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <map>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <set>
 #include <string>
@@ -33,11 +34,6 @@ std::string apr_text(apr_status_t s) {
 // A new chain of one record without location.
 vepra_error_t *rec(int type, int code, const char *message) {
   return vepra_error_create_i(type, code, 0, nullptr, nullptr, nullptr, message);
-}
-
-// The printed form of a one-record chain.
-std::string printed(int type, int code, const char *message) {
-  return take_printed(rec(type, code, message));
 }
 
 // Every field of every record, head first, null texts shown, and whether
@@ -99,19 +95,16 @@ vepra_error_t *recording_handler(vepra_error_t *chain) noexcept {
   return chain;
 }
 
-class ErrorTest : public LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
+// Installs the recording handler for a scope.
+struct Recording {
+  Recording() : previous(vepra_error_set_malfunction_handler(recording_handler)) {
     g_malfunctions.clear();
-    previous_ = vepra_error_set_malfunction_handler(recording_handler);
   }
-  void TearDown() override {
-    vepra_error_set_malfunction_handler(previous_);
-    LibraryTest::TearDown();
-  }
-  vepra_error_malfunction_fn previous_ = nullptr;
+  ~Recording() { vepra_error_set_malfunction_handler(previous); }
+  vepra_error_malfunction_fn previous;
 };
+
+using ErrorTest = LibraryTest;
 
 }  // namespace
 
@@ -120,8 +113,6 @@ class ErrorTest : public LibraryTest {
 // behind (LeakSanitizer checks at exit).
 TEST(LifecycleTest, NestedInitialiseCountsAndLastTerminateTearsDown) {
   EXPECT_STREQ(vepra_version_string(), "1.0.0");
-  EXPECT_TRUE(VEPRA_VERSION_CHECK(1, 0, 0) && !VEPRA_VERSION_CHECK(1, 0, 1));
-  EXPECT_EQ(vepra_version_major() + vepra_version_minor() + vepra_version_patch(), 1);
   ASSERT_EQ(vepra_initialize(), 0);
   apr_pool_t *root = vepra_pool;
   ASSERT_EQ(vepra_initialize(), 0);
@@ -139,9 +130,9 @@ TEST(LifecycleTest, NestedInitialiseCountsAndLastTerminateTearsDown) {
   EXPECT_EQ(VepraDLlistStopWalking, nullptr);
 }
 
-// Records copy their texts and keep the file's base name; a wrap repeats
-// its cause's type and code in the cause's pool; the walk visits every
-// record head first; types and attachments are set on one record or all.
+// Records copy their texts; a wrap repeats its cause's type and code in
+// the cause's pool; the walk visits every record head first; types and
+// attachments are set on one record or all.
 TEST_F(ErrorTest, RecordsWrapsWalkTypesAndAttachments) {
   char message[] = "root";
   int x = 0, y = 0;
@@ -169,9 +160,8 @@ TEST_F(ErrorTest, RecordsWrapsWalkTypesAndAttachments) {
   vepra_error_set_type(e->next, 1);
   EXPECT_EQ(e->type + e->next->type * 10 + e->next->next->type * 100, 313);
   vepra_error_set_type_all(e, 0);
-  EXPECT_EQ(take_printed(e),
-            "Error(7): Unknown Vepra error (code=7) \nError(7): middle [w.c(9), g]\n"
-            "Error(7): root [file.c(42), fn]");
+  EXPECT_EQ(e->type + e->next->type + e->next->next->type, 0);
+  vepra_error_clear(e);
   // Null chains are accepted everywhere.
   EXPECT_EQ(vepra_error_root_cause(nullptr), nullptr);
   EXPECT_EQ(vepra_error_get_data(nullptr), nullptr);
@@ -217,15 +207,12 @@ TEST_F(ErrorTest, ComposeDupAndRefusal) {
             refusal + "\nError(120051): DL insertion error: invalid pointer. ");
 }
 
-// The macros fill in the caller's place, printed only when both file and
-// function are known; APR's text follows a formatted message or stands
-// alone, and a null format gives no message at all.
+// The macros fill in the caller's place; APR's text follows a formatted
+// message or stands alone, and a null format gives no message at all.
 TEST_F(ErrorTest, LocationsAndAprTexts) {
   vepra_error_t *e = vepra_error_createf(0, 0, nullptr, "%s-%d", "x", 7);
   const std::string place = "[error_test.cpp(" + std::to_string(__LINE__ - 1) + "), TestBody]";
   EXPECT_EQ(take_printed(e), "Error: x-7 " + place);
-  EXPECT_EQ(take_printed(vepra_error_create_i(0, 0, 3, "f.c", nullptr, nullptr, "m")), "Error: m ");
-  EXPECT_EQ(take_printed(vepra_error_create_i(0, 0, 3, nullptr, "g", nullptr, "m")), "Error: m ");
   const apr_status_t s = APR_ENOENT;
   EXPECT_EQ(take_printed(vepra_error_aprwrap_i(s, 0, nullptr, nullptr)),
             "Error: " + apr_text(s) + " ");
@@ -236,8 +223,9 @@ TEST_F(ErrorTest, LocationsAndAprTexts) {
 }
 
 // Every field of every record, null texts included, comes back as it was,
-// in one pool, with the same checksum.
-TEST_F(ErrorTest, RandomChainsSurviveTheImageTrip) {
+// in one pool, with the same checksum; an image written on a host of the
+// other byte order is read all the same.
+TEST_F(ErrorTest, ChainsSurviveTheImageTrip) {
   std::mt19937 rng(42);
   int registered = 0;
   ASSERT_EQ(vepra_error_register(&registered, "registered type"), nullptr);
@@ -247,6 +235,10 @@ TEST_F(ErrorTest, RandomChainsSurviveTheImageTrip) {
     ASSERT_EQ(fields(back.get()), fields(chain.get()));
     ASSERT_EQ(vepra_error_crc16(chain.get()), vepra_error_crc16(back.get()));
   }
+  std::ifstream in(VEPRA_TEST_DATA_DIR "/core/chain_big_endian.tpl", std::ios::binary);
+  const std::vector<unsigned char> big{std::istreambuf_iterator<char>(in), {}};
+  EXPECT_EQ(fields(restore(big).get()),
+            "3 125000 -7 '' 'w.c' 'g\xC3\xA9';0 120051 0 - - -;1 120051 42 'root' 'file.c' 'fn';");
 }
 
 // The checksum runs over each record's integers and texts, head first,
@@ -270,37 +262,6 @@ TEST_F(ErrorTest, ChecksumAndNullImages) {
   EXPECT_EQ(vepra_error_deserialize(nullptr, empty.data(), empty.size()), nullptr);
   vepra_error_t *out = VepraDLlistStopWalking;
   EXPECT_EQ(*vepra_error_deserialize(&out, nullptr, 10), nullptr);
-}
-
-// An image written on a host of the other byte order is read all the same.
-TEST_F(ErrorTest, ImagesInTheOtherByteOrderAreRead) {
-  std::mt19937 rng(3);
-  Chain chain = random_chain(rng, 0);
-  std::vector<unsigned char> image = image_of(chain.get());
-  // Swap every 32-bit word: the size, the count, and each element's
-  // integers and string lengths (a string's length + 1 precedes its bytes).
-  const auto swap_word = [&image](size_t i) {
-    uint32_t v;
-    std::memcpy(&v, &image[i], 4);
-    const uint32_t swapped = __builtin_bswap32(v);
-    std::memcpy(&image[i], &swapped, 4);
-    return v;
-  };
-  image[3] ^= 1;
-  swap_word(4);
-  size_t at = 8 + sizeof "A(iissis)";
-  const uint32_t count = swap_word(at);
-  at += 4;
-  for (uint32_t i = 0; i < count; ++i) {
-    for (char field : std::string("iissis")) {
-      const uint32_t v = swap_word(at);
-      at += 4 + (field == 's' && v > 0 ? v - 1 : 0);
-    }
-  }
-  ASSERT_EQ(at, image.size());
-  Chain back = restore(image);
-  ASSERT_NE(back, nullptr);
-  EXPECT_EQ(fields(back.get()), fields(chain.get()));
 }
 
 // Cut, overlong, absurd and randomly damaged images never give a partial
@@ -339,6 +300,18 @@ TEST_F(ErrorTest, DamagedImagesGiveNullOrAWholeChain) {
   }
 }
 
+// One record of each kind prints its label, code, text and place as the
+// table says.
+TEST_F(ErrorTest, PrintedRecords) {
+  const auto text = [](const std::string &s) { return s == "-" ? nullptr : s.c_str(); };
+  for (const auto &c : vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/core/printed_records.tsv")) {
+    ASSERT_EQ(c.size(), 7u);
+    EXPECT_EQ(take_printed(vepra_error_create_i(std::stoi(c[0]), std::stoi(c[1]), std::stoi(c[2]),
+                                                text(c[3]), text(c[4]), nullptr, text(c[5]))),
+              c[6]);
+  }
+}
+
 // The skip rule on long chains of many codes, so that the set of printed
 // codes has to grow: a record without message is skipped when an earlier
 // record without message carried its code; every other record prints its
@@ -360,46 +333,11 @@ TEST_F(ErrorTest, HandleSkipsRepeatedCodesWithoutMessage) {
     if (has_message) {
       expected.push_back("Error(" + std::to_string(code) + "): m ");
     } else if (seen.insert(code).second) {
-      expected.push_back(printed(0, code, nullptr));
+      expected.push_back(take_printed(rec(0, code, nullptr)));
     }
   }
   EXPECT_EQ(printed_lines(e), expected);
   vepra_error_clear(e);
-}
-
-// Labels of each type, the code's text or fallback where a record has no
-// message, and every built-in code's own text.
-TEST_F(ErrorTest, HandleLabelsAndCodeTexts) {
-  EXPECT_EQ(printed(0, 0, "Unable to append DL object."), "Error: Unable to append DL object. ");
-  EXPECT_EQ(printed(1, 0, "info.name is NULL"), "Warning: info.name is NULL ");
-  EXPECT_EQ(printed(2, 0, "m"), "Malfunction: m ");
-  EXPECT_EQ(printed(3, 120020, nullptr), "Assert(120020): Assertion failure ");
-  EXPECT_EQ(printed(4, 120051, "plain text"), "plain text ");
-  EXPECT_EQ(printed(0, 0, nullptr), "Error: Unknown Vepra error (code=0) ");
-  EXPECT_EQ(printed(0, 1, nullptr), "Error(1): Warning ");
-  EXPECT_EQ(printed(0, 124999, nullptr), "Error(124999): Unknown Vepra error (code=124999) ");
-  EXPECT_EQ(printed(0, 125000, nullptr), "Error(125000): Unregistered error ");
-  // Unknown types print no label but keep code and separator; negative
-  // types compare as large unsigned values.
-  EXPECT_EQ(printed(7, 120001, nullptr), "(120001): VEPRA has not been initialized. ");
-  EXPECT_EQ(printed(-1, 0, "neg"), ": neg ");
-  const std::map<int, std::string> table = {
-#define VEPRA_TEST_ENTRY_(name, code, message) {code, message},
-      VEPRA_ERROR_CODE_MAP(VEPRA_TEST_ENTRY_)
-#undef VEPRA_TEST_ENTRY_
-  };
-  EXPECT_EQ(table.size(), 65u);
-  for (int code = 120001; code <= 120190; ++code) {
-    const auto it = table.find(code);
-    const std::string text =
-        it != table.end() ? it->second : "Unknown Vepra error (code=" + std::to_string(code) + ")";
-    EXPECT_EQ(printed(0, code, nullptr), "Error(" + std::to_string(code) + "): " + text + " ");
-  }
-  // A few texts checked letter by letter, typos included.
-  EXPECT_EQ(printed(0, 120037, nullptr),
-            "Error(120037): The call is not implemented of applicable for such IO type. ");
-  EXPECT_EQ(printed(0, 120084, nullptr), "Error(120084): Keys of leafs do not match. ");
-  EXPECT_EQ(printed(0, 120190, nullptr), "Error(120190): Invalid size of bit array ");
 }
 
 // Overlong texts are cut, never overrun; the standard printer adds the
@@ -444,7 +382,7 @@ TEST_F(ErrorTest, RegistryHandsOutLowestFreeCode) {
   // Codes outside the registry change nothing.
   EXPECT_EQ(vepra_error_deregister(124999), nullptr);
   EXPECT_EQ(vepra_error_deregister(125003), nullptr);
-  EXPECT_EQ(printed(0, 125002, nullptr), "Error(125002): gamma ");
+  EXPECT_EQ(take_printed(rec(0, 125002, nullptr)), "Error(125002): gamma ");
 }
 
 // When the handler returns nothing, a failed pool still leaves the caller
@@ -458,7 +396,7 @@ TEST_F(ErrorTest, AReturningHandlerNeverLeavesTheCallerWithoutAnError) {
     vepra_error_clear(c);
     return nullptr;
   };
-  EXPECT_EQ(vepra_error_set_malfunction_handler(dropping), recording_handler);
+  const vepra_error_malfunction_fn standard = vepra_error_set_malfunction_handler(dropping);
   EXPECT_EQ(vepra_error_get_malfunction_handler(), dropping);
   EXPECT_EQ(vepra_error_malfunction(rec(0, 0, "x")), nullptr);
   void *p = &p;
@@ -479,17 +417,13 @@ TEST_F(ErrorTest, AReturningHandlerNeverLeavesTheCallerWithoutAnError) {
   EXPECT_EQ(vepra_error_compose_create(e, rec(0, 0, "A")), e);
   vepra_error_compose(e, rec(0, 0, "A"));
   EXPECT_EQ(take_printed(e), oom);
-  // The matrix's wrapping of a failed inner record used to crash.
-  vepra::testing::fail_pool_create_at(1);
-  EXPECT_EQ(take_printed(vepra_mem_matrix_alloc(&p, 8, 1, 0, 1, 1)), oom);
-  vepra::testing::fail_pool_create_at(2);
-  EXPECT_EQ(take_printed(vepra_error_dup(rec(0, 0, "x"))), oom);
   EXPECT_EQ(vepra_error_set_malfunction_handler(nullptr), dropping);
-  EXPECT_EQ(vepra_error_get_malfunction_handler(), previous_);
+  EXPECT_EQ(vepra_error_get_malfunction_handler(), standard);
 }
 
 // A lock that failed goes to the handler and is neither used nor released.
 TEST_F(ErrorTest, AFailedLockIsNeitherUsedNorReleased) {
+  Recording recording;
   int code = -1;
   vepra::testing::fail_lock_at(1);
   const std::string chain = take_printed(vepra_error_register(&code, "lost"));
@@ -510,6 +444,7 @@ TEST_F(ErrorTest, AFailedLockIsNeitherUsedNorReleased) {
 // A pool that cannot be made for a record or a copy sends the fatal chain
 // to the handler, which here returns it to the caller.
 TEST_F(ErrorTest, PoolFailureSendsTheFatalChainToTheHandler) {
+  Recording recording;
   vepra::testing::fail_pool_create_at(1);
   vepra_error_t *e = rec(0, 120051, "lost");
   ASSERT_EQ(g_malfunctions.size(), 1u);
