@@ -18,12 +18,10 @@ TEST_F(ErrorNoLocationTest, MacrosPassNoLocation) {
   e = vepra_error_compose_create(e, vepra_error_aprwrapf(APR_EGENERAL, "x"));
   e = vepra_error_compose_create(e, vepra_error_aprwrap(APR_EGENERAL));
   e = vepra_error_compose_create(e, vepra_mem_vector_alloc(&p, 8, 1, 0));
-  int records = 0;
-  for (const vepra_error_t *r = e; r != nullptr; r = r->next, ++records) {
-    EXPECT_EQ(r->file, nullptr);
-    EXPECT_EQ(r->function, nullptr);
-    EXPECT_EQ(r->line, 0);
+  std::string places;
+  for (const vepra_error_t *r = e; r != nullptr; r = r->next) {
+    places += (r->file != nullptr || r->function != nullptr || r->line != 0) ? "+" : "-";
   }
-  EXPECT_EQ(records, 7);
+  EXPECT_EQ(places, "-------");
   vepra_error_clear(e);
 }

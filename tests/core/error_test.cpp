@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "core/error_internal.hpp"
 #include "core/error_state.hpp"
 #include "support/test_support.hpp"
 #include "vepra_error.h"
@@ -53,7 +52,6 @@ std::vector<unsigned char> image_of(const vepra_error_t *chain) {
   void *buf = nullptr;
   size_t len = 0;
   vepra_error_serialize(chain, &buf, &len);
-  EXPECT_NE(buf, nullptr);
   std::vector<unsigned char> image(static_cast<unsigned char *>(buf),
                                    static_cast<unsigned char *>(buf) + len);
   std::free(buf);
@@ -162,15 +160,6 @@ TEST_F(ErrorTest, RecordsWrapsWalkTypesAndAttachments) {
   vepra_error_set_type_all(e, 0);
   EXPECT_EQ(e->type + e->next->type + e->next->next->type, 0);
   vepra_error_clear(e);
-  // Null chains are accepted everywhere.
-  EXPECT_EQ(vepra_error_root_cause(nullptr), nullptr);
-  EXPECT_EQ(vepra_error_get_data(nullptr), nullptr);
-  EXPECT_EQ(vepra_error_get_data_first(nullptr), nullptr);
-  EXPECT_EQ(vepra_error_dup(nullptr), nullptr);
-  vepra_error_set_data(nullptr, &x);
-  vepra_error_set_type_all(nullptr, 3);
-  vepra_error_walk(nullptr, nullptr, nullptr);
-  vepra_error_clear(nullptr);
 }
 
 // Composing appends copies of the second chain's records, texts included,
@@ -182,10 +171,6 @@ TEST_F(ErrorTest, ComposeDupAndRefusal) {
   b = vepra_error_quick_wrap_i(0, nullptr, nullptr, b, "B1");
   std::set<const void *> borrowed = {
       b, b->message, b->next, b->next->message, b->next->file, b->next->function};
-  EXPECT_EQ(vepra_error_compose_create(nullptr, b), b);
-  EXPECT_EQ(vepra_error_compose_create(a, nullptr), a);
-  EXPECT_EQ(vepra_error_compose_create(nullptr, nullptr), nullptr);
-  vepra_error_compose(a, nullptr);
   EXPECT_EQ(vepra_error_compose_create(a, b), a);  // b is gone now
   for (const vepra_error_t *r = a; r != nullptr; r = r->next) {
     for (const void *p : std::initializer_list<const void *>{r, r->message, r->file, r->function}) {
@@ -208,7 +193,7 @@ TEST_F(ErrorTest, ComposeDupAndRefusal) {
 }
 
 // The macros fill in the caller's place; APR's text follows a formatted
-// message or stands alone, and a null format gives no message at all.
+// message or stands alone.
 TEST_F(ErrorTest, LocationsAndAprTexts) {
   vepra_error_t *e = vepra_error_createf(0, 0, nullptr, "%s-%d", "x", 7);
   const std::string place = "[error_test.cpp(" + std::to_string(__LINE__ - 1) + "), TestBody]";
@@ -218,12 +203,10 @@ TEST_F(ErrorTest, LocationsAndAprTexts) {
             "Error: " + apr_text(s) + " ");
   EXPECT_EQ(take_printed(vepra_error_aprwrapf_i(s, 0, nullptr, nullptr, "open %s", "a.txt")),
             "Error: open a.txt: " + apr_text(s) + " ");
-  Chain bare(vepra_error_aprwrapf_i(s, 0, nullptr, nullptr, nullptr));
-  EXPECT_EQ(fields(bare.get()), "0 0 0 - - -;");
 }
 
 // Every field of every record, null texts included, comes back as it was,
-// in one pool, with the same checksum; an image written on a host of the
+// in one pool; an image written on a host of the
 // other byte order is read all the same.
 TEST_F(ErrorTest, ChainsSurviveTheImageTrip) {
   std::mt19937 rng(42);
@@ -233,7 +216,6 @@ TEST_F(ErrorTest, ChainsSurviveTheImageTrip) {
     Chain chain = random_chain(rng, registered);
     Chain back = restore(image_of(chain.get()));
     ASSERT_EQ(fields(back.get()), fields(chain.get()));
-    ASSERT_EQ(vepra_error_crc16(chain.get()), vepra_error_crc16(back.get()));
   }
   std::ifstream in(VEPRA_TEST_DATA_DIR "/core/chain_big_endian.tpl", std::ios::binary);
   const std::vector<unsigned char> big{std::istreambuf_iterator<char>(in), {}};
@@ -253,7 +235,6 @@ TEST_F(ErrorTest, ChecksumAndNullImages) {
   bytes.append(reinterpret_cast<const char *>(ints + 3), 12);
   bytes += "y.cf";
   EXPECT_EQ(vepra_error_crc16(chain.get()), vepra_util_crc16(0, bytes.data(), bytes.size()));
-  EXPECT_EQ(vepra_error_crc16(nullptr), 0u);
   const std::vector<unsigned char> empty = image_of(nullptr);
   EXPECT_EQ(restore(empty), nullptr);
   void *buf = &buf;
@@ -269,12 +250,6 @@ TEST_F(ErrorTest, ChecksumAndNullImages) {
 TEST_F(ErrorTest, DamagedImagesGiveNullOrAWholeChain) {
   std::mt19937 rng(5);
   const std::vector<unsigned char> good = image_of(random_chain(rng, 0).get());
-  const auto with = [&good](size_t at, const void *bytes, size_t n) {
-    std::vector<unsigned char> bad = good;
-    bad.resize(std::max(bad.size(), at + n));
-    std::memcpy(bad.data() + at, bytes, n);
-    return bad;
-  };
   // Cut anywhere, with the size word as it was or made to match the cut.
   for (size_t n = 0; n < good.size(); ++n) {
     std::vector<unsigned char> cut(good.begin(), good.begin() + long(n));
@@ -283,17 +258,23 @@ TEST_F(ErrorTest, DamagedImagesGiveNullOrAWholeChain) {
     if (n >= 8) std::memcpy(cut.data() + 4, &size, 4);
     ASSERT_EQ(restore(cut), nullptr) << n;
   }
-  EXPECT_EQ(restore(with(good.size(), "", 1)), nullptr);  // a byte too many
-  EXPECT_EQ(restore(with(3, "", 1)), nullptr);  // tpl's old string layout, which it misreads
+  std::vector<unsigned char> bad = good;
+  bad.push_back(0);
+  EXPECT_EQ(restore(bad), nullptr) << "a byte too many";
+  bad = good;
+  bad[3] = 0;
+  EXPECT_EQ(restore(bad), nullptr) << "tpl's old string layout, which it misreads";
   // Absurd counts and lengths: the total size, the element count and the
   // first string length.
   for (size_t at : {size_t{4}, 8 + sizeof "A(iissis)", 8 + sizeof "A(iissis)" + 12}) {
     for (uint32_t v : {0xFFFFFFFFu, 0x7FFFFFFFu, 0x10000u}) {
-      EXPECT_EQ(restore(with(at, &v, 4)), nullptr) << at;
+      bad = good;
+      std::memcpy(&bad[at], &v, 4);
+      EXPECT_EQ(restore(bad), nullptr) << at;
     }
   }
   for (int round = 0; round < 2000; ++round) {
-    std::vector<unsigned char> bad = good;
+    bad = good;
     for (int k = 0; k <= round % 4; ++k)
       bad[rng() % bad.size()] = static_cast<unsigned char>(rng());
     ASSERT_EQ(fields(restore(bad).get()).find("elsewhere"), std::string::npos);
@@ -319,21 +300,17 @@ TEST_F(ErrorTest, PrintedRecords) {
 TEST_F(ErrorTest, HandleSkipsRepeatedCodesWithoutMessage) {
   std::mt19937 rng(17);
   vepra_error_t *e = nullptr;
-  std::vector<std::pair<int, bool>> records;  // root cause first
   for (int i = 0; i < 3000; ++i) {
     const int code = 120001 + static_cast<int>(rng() % 700);
-    const bool has_message = rng() % 2 == 0;
-    e = vepra_error_create_i(0, code, 0, nullptr, nullptr, e, has_message ? "m" : nullptr);
-    records.emplace_back(code, has_message);
+    e = vepra_error_create_i(0, code, 0, nullptr, nullptr, e, rng() % 2 == 0 ? "m" : nullptr);
   }
   std::vector<std::string> expected;
   std::set<int> seen;
-  for (auto it = records.rbegin(); it != records.rend(); ++it) {
-    const auto [code, has_message] = *it;
-    if (has_message) {
-      expected.push_back("Error(" + std::to_string(code) + "): m ");
-    } else if (seen.insert(code).second) {
-      expected.push_back(take_printed(rec(0, code, nullptr)));
+  for (const vepra_error_t *r = e; r != nullptr; r = r->next) {
+    if (r->message != nullptr) {
+      expected.push_back("Error(" + std::to_string(r->code) + "): m ");
+    } else if (seen.insert(r->code).second) {
+      expected.push_back(take_printed(rec(0, r->code, nullptr)));
     }
   }
   EXPECT_EQ(printed_lines(e), expected);
@@ -341,7 +318,7 @@ TEST_F(ErrorTest, HandleSkipsRepeatedCodesWithoutMessage) {
 }
 
 // Overlong texts are cut, never overrun; the standard printer adds the
-// newline and writes to stderr when given no stream.
+// newline (without a stream it writes to stderr: see the death test).
 TEST_F(ErrorTest, HandleCutsOverlongLinesAndStdHandlerPrints) {
   const std::string longtext(10000, 'x');
   Chain e(vepra_error_create_i(0, 0, 0, "f.c", "fn", nullptr, longtext.c_str()));
@@ -352,13 +329,9 @@ TEST_F(ErrorTest, HandleCutsOverlongLinesAndStdHandlerPrints) {
   const std::string longname(6000, 'f');
   Chain located(vepra_error_create_i(0, 0, 0, "f.c", longname.c_str(), nullptr, "m"));
   EXPECT_EQ(printed_lines(located.get()).at(0).size(), 5095u) << "a line is cut at 5095";
-  EXPECT_EQ(vepra_error_handle(nullptr, vepra_error_stdhandler, nullptr), nullptr);
   testing::internal::CaptureStdout();
-  EXPECT_EQ(vepra_error_handle(located.get(), vepra_error_stdhandler, stdout), located.get());
-  EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 5096u);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(vepra_error_stdhandler("to stderr", nullptr), 10);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "to stderr\n");
+  EXPECT_EQ(vepra_error_stdhandler("to stdout", stdout), 10);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "to stdout\n");
 }
 
 // The registry hands out the lowest free code from 125000; a freed code
@@ -397,7 +370,6 @@ TEST_F(ErrorTest, AReturningHandlerNeverLeavesTheCallerWithoutAnError) {
     return nullptr;
   };
   const vepra_error_malfunction_fn standard = vepra_error_set_malfunction_handler(dropping);
-  EXPECT_EQ(vepra_error_get_malfunction_handler(), dropping);
   EXPECT_EQ(vepra_error_malfunction(rec(0, 0, "x")), nullptr);
   void *p = &p;
   vepra::testing::fail_pool_create_at(1);
@@ -415,14 +387,13 @@ TEST_F(ErrorTest, AReturningHandlerNeverLeavesTheCallerWithoutAnError) {
   // Composing it into a chain copies it; composing onto it drops the other.
   EXPECT_EQ(take_printed(vepra_error_compose_create(rec(0, 0, "A"), e)), "Error: A \n" + oom);
   EXPECT_EQ(vepra_error_compose_create(e, rec(0, 0, "A")), e);
-  vepra_error_compose(e, rec(0, 0, "A"));
   EXPECT_EQ(take_printed(e), oom);
   EXPECT_EQ(vepra_error_set_malfunction_handler(nullptr), dropping);
   EXPECT_EQ(vepra_error_get_malfunction_handler(), standard);
 }
 
 // A lock that failed goes to the handler and is neither used nor released.
-TEST_F(ErrorTest, AFailedLockIsNeitherUsedNorReleased) {
+TEST_F(ErrorTest, FailedLocksAndPoolsGoToTheHandler) {
   Recording recording;
   int code = -1;
   vepra::testing::fail_lock_at(1);
@@ -439,12 +410,9 @@ TEST_F(ErrorTest, AFailedLockIsNeitherUsedNorReleased) {
   ASSERT_EQ(vepra_error_register(&code, "kept"), nullptr);
   EXPECT_EQ(code, 125000);
   EXPECT_EQ(vepra_error_deregister(code), nullptr);
-}
-
-// A pool that cannot be made for a record or a copy sends the fatal chain
-// to the handler, which here returns it to the caller.
-TEST_F(ErrorTest, PoolFailureSendsTheFatalChainToTheHandler) {
-  Recording recording;
+  // A pool that cannot be made for a record or a copy sends the fatal chain
+  // to the handler, which here returns it to the caller.
+  g_malfunctions.clear();
   vepra::testing::fail_pool_create_at(1);
   vepra_error_t *e = rec(0, 120051, "lost");
   ASSERT_EQ(g_malfunctions.size(), 1u);
