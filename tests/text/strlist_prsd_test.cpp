@@ -1,5 +1,7 @@
 // String lists and their tokenizer, and the typed token parser, checked
 // against one reference tokenizer and the C library's conversions.
+#include <dlfcn.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +15,22 @@ namespace {
 
 using vepra_test::take_printed;
 using Strings = std::vector<std::string>;
+
+// While set, the library's pool copies of text fail as they do in a pool
+// whose allocator has no memory left.
+bool g_pool_exhausted = false;
+
+}  // namespace
+
+// The library's pool copies of text come here: the test program's
+// definition takes the place of APR's, which it calls when not exhausted.
+extern "C" char *apr_pstrmemdup(apr_pool_t *pool, const char *s, apr_size_t n) {
+  using Copy = char *(*)(apr_pool_t *, const char *, apr_size_t);
+  static const auto real = reinterpret_cast<Copy>(dlsym(RTLD_NEXT, "apr_pstrmemdup"));
+  return g_pool_exhausted ? nullptr : real(pool, s, n);
+}
+
+namespace {
 
 // Reference tokenizer, one character at a time. With continuation set, a
 // backslash between tokens is dropped and leaves the continued state.
@@ -232,6 +250,15 @@ TEST_F(PrsdTest, GrowsAndRefusesBadArguments) {
   full.tokens = &last, full.n_tokens = INT32_MAX;
   EXPECT_EQ(vepra_prsd_parse_p(&full, "1", " ", pool_), -1);
   EXPECT_EQ(std::pair(full.n_tokens, full.room), std::pair(INT32_MAX, 0u));
+  // A long token is typed from its pool copy: in an exhausted pool the
+  // parse fails and drops that token only.
+  vepra_prsd_clear_p(&rec);
+  const std::string line = std::string(80, '7') + " 1";
+  g_pool_exhausted = true;
+  const int failed = vepra_prsd_parse_p(&rec, line.c_str(), " ", pool_);
+  g_pool_exhausted = false;
+  EXPECT_EQ(failed, -1);
+  EXPECT_EQ(tokens_of(rec), Strings{"i1"});
 }
 
 // Random lines against the model, typed as the C library reads them. Every
