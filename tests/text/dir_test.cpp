@@ -142,42 +142,36 @@ TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
   EXPECT_EQ(seen, Paths{root_ + "/b.png"});
 }
 
-TEST_F(DirTest, CallbackFailuresAreReportedOrReturned) {
+// A failing callback is reported and the walk goes on, or with
+// STOP_ON_ERROR the walk fails with it; the stop sentinel ends the walk as
+// a success. A directory that cannot be opened, the root or one gone when
+// its turn comes (after the files of its parent), fails with its path.
+TEST_F(DirTest, FailuresAreReportedOrReturned) {
   build({"ok1", "fail1", "sub/", "sub/fail2", "sub/ok2"});
   Paths seen;
   testing::internal::CaptureStdout();
   EXPECT_EQ(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen), nullptr);
-  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Error: refused fail1 \nError: refused fail2 \n");
   EXPECT_EQ(seen.size(), 4u);
-  EXPECT_EQ(out, "Error: refused fail1 \nError: refused fail2 \n");
-
+  const std::string failed = "Error: Cannot traverse directories. \nError: ";
   seen.clear();
   EXPECT_EQ(
       take_printed(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE | VEPRA_DIR_STOP_ON_ERROR, &seen)),
-      "Error: Cannot traverse directories. \nError: refused fail1 ");
+      failed + "refused fail1 ");
   EXPECT_EQ(seen.back(), root_ + "/fail1");
   EXPECT_LE(seen.size(), 2u);
-
-  // The walk-stop sentinel ends the walk as a success.
   build({"stop", "sub/stop"});
   seen.clear();
   EXPECT_EQ(walk("*stop", nullptr, VEPRA_DIR_RECURSIVE, &seen), nullptr);
   EXPECT_EQ(seen, Paths{root_ + "/stop"});
-}
 
-TEST_F(DirTest, UnopenableDirectoriesFailWithTheirPath) {
-  Paths seen;
   std::string missing = root_ + "/missing";
   EXPECT_EQ(take_printed(walk(nullptr, nullptr, 0, &seen, missing)),
-            "Error: Cannot traverse directories. \nError: (" + missing +
-                "): " + std::strerror(ENOENT) + " ");
-  EXPECT_EQ(
-      take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
-      std::string("Error: Cannot traverse directories. \nError: ") + std::strerror(EINVAL) + " ");
-
-  // A subdirectory that is gone when its turn comes (after the files of
-  // its parent) fails the walk with its path.
-  build({"a", "gone/", "z/", "z/c"});
+            failed + "(" + missing + "): " + std::strerror(ENOENT) + " ");
+  EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
+            failed + std::strerror(EINVAL) + " ");
+  build({"gone/", "z/", "z/c"});
   options_ = {VEPRA_DIR_RECURSIVE, nullptr, nullptr,
               [](const char *, void *root, apr_pool_t *) -> vepra_error_t * {
                 rmdir((*static_cast<std::string *>(root) + "/gone").c_str());
@@ -185,8 +179,7 @@ TEST_F(DirTest, UnopenableDirectoriesFailWithTheirPath) {
               },
               &root_};
   EXPECT_EQ(take_printed(vepra_dir_traverse(root_.c_str(), nullptr, nullptr, &options_, pool_)),
-            "Error: Cannot traverse directories. \nError: (" + root_ +
-                "/gone): " + std::strerror(ENOENT) + " ");
+            failed + "(" + root_ + "/gone): " + std::strerror(ENOENT) + " ");
 }
 
 // A chain of 10,000 directories with a file at every level: the walk goes

@@ -16,14 +16,12 @@ namespace {
 using vepra_test::take_printed;
 using Strings = std::vector<std::string>;
 
-// While set, the library's pool copies of text fail as they do in a pool
-// whose allocator has no memory left.
+// While set, the library's pool copies of text fail as in an exhausted pool.
 bool g_pool_exhausted = false;
 
 }  // namespace
 
-// The library's pool copies of text come here: the test program's
-// definition takes the place of APR's, which it calls when not exhausted.
+// The test program's definition takes the place of APR's for the library.
 extern "C" char *apr_pstrmemdup(apr_pool_t *pool, const char *s, apr_size_t n) {
   using Copy = char *(*)(apr_pool_t *, const char *, apr_size_t);
   static const auto real = reinterpret_cast<Copy>(dlsym(RTLD_NEXT, "apr_pstrmemdup"));
@@ -39,7 +37,7 @@ struct TokenizerModel {
   bool continuation = false;
   int state = 0;  // 0 between, 1 plain, 2 quoted, 3 continued
   std::string buf{};
-  std::vector<std::string> tokens{};
+  Strings tokens{};
 
   void feed(const std::string &text) {
     for (char c : text) {
@@ -63,14 +61,6 @@ struct TokenizerModel {
   }
 };
 
-// The strings of list, in order.
-Strings items(vepra_strlist_t *list) {
-  Strings out;
-  for (size_t k = 0; k < vepra_strlist_nelts(list); ++k)
-    out.emplace_back(vepra_strlist_getn(list, k));
-  return out;
-}
-
 class StrlistTest : public vepra_test::LibraryTest {
  protected:
   vepra_strlist_t *make(const Strings &strings) {
@@ -88,6 +78,12 @@ class StrlistTest : public vepra_test::LibraryTest {
     if (!error.empty()) out.push_back(error);
     return out;
   }
+  static Strings items(vepra_strlist_t *list) {
+    Strings out;
+    for (size_t k = 0; k < vepra_strlist_nelts(list); ++k)
+      out.emplace_back(vepra_strlist_getn(list, k));
+    return out;
+  }
 };
 
 TEST_F(StrlistTest, AddReadAndCopy) {
@@ -101,10 +97,9 @@ TEST_F(StrlistTest, AddReadAndCopy) {
   for (const char *s : {"b", "B", "", static_cast<const char *>(nullptr)})
     EXPECT_EQ(vepra_strlist_is_exists(list, s), s != nullptr && *s == 'b') << (s ? s : "null");
 
-  vepra_strlist_t *dst = make({"keep", "me"});
+  vepra_strlist_t *dst = make({"keep", "me"}), *src = make({"x", "y", "z"});
   ASSERT_EQ(vepra_strlist_copy(dst, make({}), pool_), nullptr);
   EXPECT_EQ(items(dst), (Strings{"keep", "me"})) << "an empty source leaves dst alone";
-  vepra_strlist_t *src = make({"x", "y", "z"});
   ASSERT_EQ(vepra_strlist_copy(dst, src, pool_), nullptr);
   ASSERT_EQ(vepra_strlist_copy(dst, dst, pool_), nullptr);
   EXPECT_EQ(items(dst), (Strings{"x", "y", "z"})) << "copied, also onto itself";
@@ -113,16 +108,15 @@ TEST_F(StrlistTest, AddReadAndCopy) {
             "Error(120051): Cannot copy list of strings. \nError(120051): Unable to append DL "
             "object. \nError(120051): DL insertion error: invalid pointer. ");
   EXPECT_EQ(*dst, nullptr) << "a failed copy leaves dst empty";
-
   vepra_strlist_clear(list);
-  EXPECT_EQ(*list, nullptr);
   EXPECT_EQ(vepra_strlist_nelts(list) + vepra_strlist_nelts(nullptr), 0u);
   EXPECT_EQ(take_printed(vepra_strlist_create(nullptr, pool_)),
             "Error(120051): DL insertion error: invalid pointer. ");
 }
 
-// Tokens of 1 MiB across elements; separator and data errors. Short tokens,
-// quotes and elements that run into each other are the model test's.
+// Tokens of 1 MiB across elements, the token buffer's growth failing at
+// each step, and separator and data errors. Short tokens, quotes and
+// elements that run into each other are the model test's.
 TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   const std::string half(1 << 19, 'x');
   const std::string none =
@@ -138,16 +132,12 @@ TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   };
   for (const auto &[src, seps, want] : cases)
     EXPECT_EQ(tokenize(src, seps), want) << testing::PrintToString(src).substr(0, 30);
-
   // Source and destination may be the same list.
   vepra_strlist_t *same = make({"p q", "r"});
   ASSERT_EQ(vepra_strlist_tokenize(same, same, " ", pool_), nullptr);
   EXPECT_EQ(items(same), (Strings{"p", "qr"}));
-}
 
-TEST_F(StrlistTest, TokenizeReportsAllocationFailure) {
-  vepra_strlist_t *src = make({std::string(3000, 'k') + " short"});
-  vepra_strlist_t *dst = make({});
+  vepra_strlist_t *src = make({std::string(3000, 'k') + " short"}), *dst = make({});
   long made = vepra_test::for_each_allocation_failure(
       [&] { return vepra_strlist_tokenize(src, dst, " ", pool_); },
       [&](vepra_error_t *e, long) {
@@ -214,24 +204,10 @@ Strings tokens_of(const vepra_prsd_t &rec) {
   return out;
 }
 
-// Parses the lines into a cleared record and checks the state after each
-// line (one digit per line).
-Strings parse(const Strings &lines, const char *seps, const std::string &states, apr_pool_t *pool) {
-  vepra_prsd_t rec;
-  vepra_prsd_clear_p(&rec);
-  std::string got;
-  for (const std::string &l : lines) {
-    EXPECT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), seps, pool), 0);
-    EXPECT_EQ(vepra_prsd_incomplete(&rec), rec.state == VEPRA_PRSD_CONTINUED);
-    got += std::to_string(rec.state);
-  }
-  EXPECT_EQ(got, states);
-  return tokens_of(rec);
-}
-
-// Typing, quotes and continued lines are the model test's; here the token
-// array's growth and the arguments it refuses.
-TEST_F(PrsdTest, GrowsAndRefusesBadArguments) {
+// The token array's growth, the arguments it refuses, and a long token,
+// typed from its pool copy, in an exhausted pool. Typing, quotes and
+// continued lines are the model test's.
+TEST_F(PrsdTest, GrowsAndFailsCleanly) {
   // Eleven tokens: the array has grown once and counts its free entries down.
   vepra_prsd_t rec{};
   vepra_prsd_parse_p(&rec, "0 1 2 3 4 5 6 7 8 9 10 \\", " ", pool_);
@@ -250,9 +226,7 @@ TEST_F(PrsdTest, GrowsAndRefusesBadArguments) {
   full.tokens = &last, full.n_tokens = INT32_MAX;
   EXPECT_EQ(vepra_prsd_parse_p(&full, "1", " ", pool_), -1);
   EXPECT_EQ(std::pair(full.n_tokens, full.room), std::pair(INT32_MAX, 0u));
-  // A long token is typed from its pool copy: in an exhausted pool the
-  // parse fails and drops that token only.
-  vepra_prsd_clear_p(&rec);
+  // The failed copy fails the parse and drops that token only.
   const std::string line = std::string(80, '7') + " 1";
   g_pool_exhausted = true;
   const int failed = vepra_prsd_parse_p(&rec, line.c_str(), " ", pool_);
@@ -261,27 +235,32 @@ TEST_F(PrsdTest, GrowsAndRefusesBadArguments) {
   EXPECT_EQ(tokens_of(rec), Strings{"i1"});
 }
 
-// Random lines against the model, typed as the C library reads them. Every
-// eighth round has lines of up to 100 bytes, so that tokens cross 64
-// bytes, where the parser switches from a stack copy to a pool copy.
+// Random lines against the model, typed as the C library reads them, with
+// the state after each line. Every eighth round has lines of up to 100
+// bytes, so that tokens cross 64 bytes, where the parser switches from a
+// stack copy to a pool copy.
 TEST_F(PrsdTest, MatchesModel) {
   std::mt19937 rng(17);
   const char alphabet[] = "0123456789.e-+ ,x\"\\";
   std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), lines(1, 4);
   for (int round = 0; round < 3000; ++round) {
     TokenizerModel model{round % 4 == 0 ? "" : round % 4 == 1 ? " " : " ,", true};
-    Strings text(static_cast<size_t>(lines(rng)));
-    std::string states;
-    for (std::string &l : text) {
+    vepra_prsd_t rec;
+    vepra_prsd_clear_p(&rec);
+    std::string text;
+    for (int n = lines(rng); n > 0; --n) {
+      std::string l;
       for (int k = rng() % (round % 8 == 0 ? 101 : 31); k > 0; --k) l += alphabet[ch(rng)];
+      text += l + "|";
       model.feed(l);
       model.flush();  // a token is always a run of one line
-      states += std::to_string(model.state);
+      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), model.seps.c_str(), pool_), 0);
+      ASSERT_EQ(rec.state, static_cast<uint32_t>(model.state)) << text;
+      ASSERT_EQ(vepra_prsd_incomplete(&rec), model.state == VEPRA_PRSD_CONTINUED);
     }
     Strings want;
     for (const std::string &t : model.tokens) want.push_back(classify(t));
-    ASSERT_EQ(parse(text, model.seps.c_str(), states, pool_), want)
-        << "seps '" << model.seps << "' lines " << testing::PrintToString(text);
+    ASSERT_EQ(tokens_of(rec), want) << "seps '" << model.seps << "' lines " << text;
   }
 }
 
