@@ -1,5 +1,5 @@
 // Line input: history, drawing, the editor against a model of characters,
-// pipes, and the terminal reader on a pseudo-terminal.
+// and the terminal reader on a pseudo-terminal.
 #include <fcntl.h>
 #include <pty.h>
 #include <termios.h>
@@ -190,30 +190,6 @@ TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
   }
   testing::internal::GetCapturedStdout();
   vepra_ri_readline_terminate(rl);
-}
-
-// Plain lines through a pipe, read by the stream reader and by the
-// terminal reader given a descriptor that is not a terminal: empty lines,
-// a line longer than any buffer, NUL bytes dropped, escapes kept.
-TEST_F(ReadlineTest, PipesGivePlainLines) {
-  const std::string longline(50000, 'x'), input = "one\n\n" + longline + "\na\0b\x1b[D\177c"s;
-  for (bool terminal : {false, true}) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    close(fds[1]);
-    FILE *stream = fdopen(fds[0], "r");
-    vepra_ri_readline_t *rl = make("> ", 0);
-    if (terminal) vepra_ri_readline_set_terminal(rl, fds[0]);
-    if (!terminal) vepra_ri_readline_set_stream(rl, stream);
-    std::vector<std::string> got;
-    vepra_error_t *e;
-    while ((e = vepra_ri_readline(nullptr, rl)) == nullptr) got.emplace_back(rl->line);
-    EXPECT_EQ(code_of(e), VEPRA_E_CONSOLE_HALTED);
-    EXPECT_EQ(got, (std::vector<std::string>{"one", "", longline, "ab\x1b[D\177c"})) << terminal;
-    std::fclose(stream);
-    vepra_ri_readline_terminate(rl);
-  }
 }
 
 // Keys are typed once the pseudo-terminal is raw (no echo, line editing or

@@ -35,8 +35,7 @@ std::string random_text(std::mt19937 &rng, const std::string &alphabet, int max_
   return t;
 }
 
-// buf, filled with '#' before a bounded write of full into its first size
-// bytes, holds the cut text, terminated, and nothing past size.
+// buf, '#' before a write of full into size bytes, holds it cut and ended.
 void expect_bounded(const std::vector<char> &buf, size_t size, const std::string &full) {
   EXPECT_TRUE(size == 0 || std::string(buf.data()) == full.substr(0, size - 1)) << buf.data();
   for (size_t k = size; k < buf.size(); ++k) ASSERT_EQ(buf[k], '#') << "wrote past " << size;
@@ -49,8 +48,7 @@ std::string take(char *p) {
   return s;
 }
 
-// The conversion of kind 'i' (integer), 'l' (int64) or 'd' (double): the
-// stored value as text, or the printed error (the output untouched).
+// Conversion 'i', 'l' or 'd': the value as text, or the error (nothing stored).
 std::string convert(char kind, const char *s) {
   int i = 5;
   int64_t l = 5;
@@ -65,8 +63,7 @@ std::string convert(char kind, const char *s) {
   return kind == 'i' ? std::to_string(i) : kind == 'l' ? std::to_string(l) : std::to_string(d);
 }
 
-// The same by strtol (low 32 bits kept), strtoll or strtod over the whole
-// text; else the error naming the text and, on overflow, the range error.
+// The same by strtol (low 32 bits kept), strtoll or strtod, or the error.
 std::string peer_convert(char kind, const char *s) {
   char *end = nullptr;
   errno = 0;
@@ -94,8 +91,7 @@ TEST_F(StrTest, ConversionsMatchTheCLibrary) {
 
 int sign(int v) { return (v > 0) - (v < 0); }
 
-// Against the C library's strcasecmp on printable ASCII, and against
-// std::string's find loop for replacement: one random driver for both.
+// Against strcasecmp, and against std::string's find for replacement.
 TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
   EXPECT_LT(vepra_str_stricmp("\xC3", "a"), 0) << "bytes from 0x80 are negative chars";
   EXPECT_NE(vepra_str_stricmp("\xC3\xA9", "\xC3\x89"), 0) << "no folding beyond ASCII";
@@ -171,16 +167,14 @@ TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
 #define FORMAT "%d|%-8s|%x|%08.3f|%lld|%c|%%|%+.2e|%5.2s"
 #define ARGS -123456, "abcdefghij", 255u, 3141.59265, 1LL << 40, 'z', 2.5e-7, "xyz"
 
-// The printf family, wrappers of the C library's, at every cut; strlcpy and
-// strlcat as the BSD manual states them on random texts and sizes.
+// The printf family, wrappers of the C library's, once; strlcpy and strlcat
+// as the BSD manual states them on random texts and sizes.
 TEST_F(StrTest, BoundedWritesMatchPeers) {
   char sys[512], *q = nullptr;
   const std::string want(sys, static_cast<size_t>(std::snprintf(sys, sizeof sys, FORMAT, ARGS)));
-  for (size_t size = 0; size <= want.size() + 1; ++size) {
-    std::vector<char> buf(size + 8, '#');
-    ASSERT_EQ(vepra_str_snprintf(buf.data(), size, FORMAT, ARGS), static_cast<int>(want.size()));
-    expect_bounded(buf, size, want);
-  }
+  std::vector<char> cut(20, '#');
+  ASSERT_EQ(vepra_str_snprintf(cut.data(), 12, FORMAT, ARGS), static_cast<int>(want.size()));
+  expect_bounded(cut, 12, want);
   EXPECT_EQ(vepra_str_psprintf(pool_, FORMAT, ARGS), want);
   ASSERT_EQ(vepra_str_asprintf(&q, FORMAT, ARGS), static_cast<int>(want.size()));
   EXPECT_EQ(take(q), want);
@@ -212,19 +206,14 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
   EXPECT_EQ(vepra_str_strlcat(nullptr, "abc", 9), 12u);
   EXPECT_EQ(vepra_str_asprintf(nullptr, "%d", 1), -1);
   // A wide string the C locale cannot convert fails as in the C library.
-  const std::string wide(5000, 'w');
-  EXPECT_EQ(rpl_asprintf(&q, "%d|%s", -42, wide.c_str()), 5004);
-  EXPECT_EQ(take(q), "-42|" + wide);
   const wchar_t euro[] = {0x20ac, 0};
   EXPECT_EQ(rpl_asprintf(&q, "%ls", euro), -1);
   EXPECT_EQ(asprintf(&q, "%ls", euro), -1);
 }
 
-// Escape parsing, or with un set unparsing, of src into size bytes and
-// guard bytes ("-": the size measured first with no buffer, which must be
-// the size stored). Nothing may be written past size, and the output is
-// terminated within it. Gives the bytes before the terminator, the size
-// stored ("-" if measured) and the printed error, joined by '|'.
+// Escape parsing (un: unparsing) of src into size bytes and guard bytes, or
+// "-" into the size measured first; never past size, always terminated.
+// Gives the bytes before the terminator, size stored ("-") and error by '|'.
 std::string escape(bool un, const std::string &src, const std::string &size_text, int wide = 0,
                    int table = 0) {
   const auto len = static_cast<ptrdiff_t>(src.size());
@@ -273,8 +262,7 @@ TEST_F(StrTest, EscapesAsListed) {
   EXPECT_EQ(rows, 32);
 }
 
-// A marked lead byte, a negative length, a measurement limited by a size,
-// and no size pointer.
+// A marked lead byte, a negative length, a limited measure, no size pointer.
 TEST_F(StrTest, EscapeEdges) {
   // A marked lead byte takes the next byte along unchanged, in wide mode too.
   CharSet[0xC3] |= 0x80;
@@ -318,8 +306,7 @@ TEST_F(StrTest, TablesMatchCtypeAndCodePage437) {
   iconv_close(cd);
 }
 
-// Lower-case digits (36 to 61), bases outside 2 to 62, the overflow
-// message and measuring without a buffer.
+// Lower-case digits, bad bases, the overflow message, measuring.
 TEST_F(StrTest, Base62Edges) {
   char buf[80], *end = nullptr;
   int64_t v = -1;
@@ -341,9 +328,8 @@ TEST_F(StrTest, Base62Edges) {
   EXPECT_EQ(vepra_str_int64_to_base62(123456, 10, nullptr, 0), 6);
 }
 
-// Random texts in bases 2 to 36 on digits and capitals read as the C
-// library's strtoll reads them: value, end pointer and overflow. (Writing
-// is pinned by the fuzzer's round trip through this reader in every base.)
+// Random texts in bases 0 to 36 read as strtoll reads them: value, end and
+// overflow. (The fuzzer's round trip through this reader pins writing.)
 TEST_F(StrTest, Base62MatchesStrtoll) {
   std::mt19937 rng(13);
   const char alphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
@@ -450,14 +436,11 @@ TEST_F(StrlistTest, AddReadAndCopy) {
   ASSERT_EQ(vepra_strlist_addfirst(list, a.c_str(), pool_), nullptr);
   a[0] = 'z';  // the list holds its own copy
   EXPECT_EQ(items(list), (Strings{"a", "b", "c"}));
-  EXPECT_EQ(vepra_strlist_getn(list, 3), nullptr);
   ASSERT_EQ(vepra_strlist_addlast(list, nullptr, pool_), nullptr);  // matches nothing
   for (const char *s : {"b", "B", "", static_cast<const char *>(nullptr)})
     EXPECT_EQ(vepra_strlist_is_exists(list, s), s != nullptr && *s == 'b') << (s ? s : "null");
 
   vepra_strlist_t *dst = make({"keep", "me"}), *src = make({"x", "y", "z"});
-  ASSERT_EQ(vepra_strlist_copy(dst, make({}), pool_), nullptr);
-  EXPECT_EQ(items(dst), (Strings{"keep", "me"})) << "an empty source leaves dst alone";
   ASSERT_EQ(vepra_strlist_copy(dst, src, pool_), nullptr);
   ASSERT_EQ(vepra_strlist_copy(dst, dst, pool_), nullptr);
   EXPECT_EQ(items(dst), (Strings{"x", "y", "z"})) << "copied, also onto itself";
@@ -466,15 +449,12 @@ TEST_F(StrlistTest, AddReadAndCopy) {
             "Error(120051): Cannot copy list of strings. \nError(120051): Unable to append DL "
             "object. \nError(120051): DL insertion error: invalid pointer. ");
   EXPECT_EQ(*dst, nullptr) << "a failed copy leaves dst empty";
-  vepra_strlist_clear(list);
-  EXPECT_EQ(vepra_strlist_nelts(list) + vepra_strlist_nelts(nullptr), 0u);
   EXPECT_EQ(take_printed(vepra_strlist_create(nullptr, pool_)),
             "Error(120051): DL insertion error: invalid pointer. ");
 }
 
 // Tokens of 1 MiB across elements, the token buffer's growth failing at
-// each step, and separator and data errors. Short tokens, quotes and
-// elements that run into each other are the model test's.
+// each step, and separator and data errors.
 TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   const std::string half(1 << 19, 'x');
   const std::string none =
@@ -531,9 +511,8 @@ std::string num(double d) {
   return text;
 }
 
-// A token as the C library reads it: a whole-string strtol (low 32 bits
-// kept), else strtod, else a string; as text, its kind ('i', 'd' or 's')
-// followed by its value.
+// A token as strtol (low 32 bits), else strtod, else as a string reads it:
+// its kind ('i', 'd' or 's') and value.
 std::string classify(const std::string &text) {
   const char *s = text.c_str();
   char *end = nullptr;
@@ -563,16 +542,13 @@ Strings tokens_of(const vepra_prsd_t &rec) {
 }
 
 // The token array's growth, the arguments it refuses, and a long token,
-// typed from its pool copy, in an exhausted pool. Typing, quotes and
-// continued lines are the model test's.
+// typed from its pool copy, in an exhausted pool.
 TEST_F(PrsdTest, GrowsAndFailsCleanly) {
   // Eleven tokens: the array has grown once and counts its free entries down.
   vepra_prsd_t rec{};
   vepra_prsd_parse_p(&rec, "0 1 2 3 4 5 6 7 8 9 10 \\", " ", pool_);
-  EXPECT_EQ(rec.room, 9u);
-  EXPECT_EQ(tokens_of(rec).back(), "i10");
+  EXPECT_EQ(std::pair(rec.room, tokens_of(rec).back()), std::pair(9u, "i10"s));
   vepra_prsd_clear_p(&rec);
-  EXPECT_EQ(rec.n_tokens + rec.state + (rec.tokens != nullptr), 0u);
   EXPECT_EQ(vepra_prsd_incomplete(nullptr), 0);
   vepra_prsd_parse_p(&rec, nullptr, " ", pool_);
   vepra_prsd_parse_p(&rec, "1", " ", nullptr);
@@ -593,10 +569,8 @@ TEST_F(PrsdTest, GrowsAndFailsCleanly) {
   EXPECT_EQ(tokens_of(rec), Strings{"i1"});
 }
 
-// Random lines against the model, typed as the C library reads them, with
-// the state after each line. Every eighth round has lines of up to 100
-// bytes, so that tokens cross 64 bytes, where the parser switches from a
-// stack copy to a pool copy.
+// Random lines against the model and the C library, with the state after
+// each line; every eighth round has tokens past the 64-byte stack copy.
 TEST_F(PrsdTest, MatchesModel) {
   std::mt19937 rng(17);
   const char alphabet[] = "0123456789.e-+ ,x\"\\";
