@@ -1,7 +1,10 @@
-// Line input: history, drawing, the editor against a model of characters,
-// and the terminal reader on a pseudo-terminal.
+// Directory walks against fnmatch and readdir; line input: history, the
+// editor against a model of characters, the terminal on a pseudo-terminal.
+#include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -9,9 +12,11 @@
 #include <chrono>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "support/test_support.hpp"
+#include "vepra_dir.h"
 #include "vepra_readline.h"
 
 namespace {
@@ -82,27 +87,6 @@ TEST_F(ReadlineTest, HistoryBrowsingKeepsTheEditedLine) {
   vepra_ri_readline_terminate(rl);
 }
 
-// Typing at the end echoes the byte until the line is too wide, then it is
-// redrawn scrolled, the last column kept free and one at least for the line.
-TEST_F(ReadlineTest, EchoDrawsThePromptAndTheTypedBytes) {
-  // Width, keys, screen, and the width after the call.
-  const std::tuple<int32_t, std::string, std::string, int32_t> cases[] = {
-      {6, "abcd\r", "> abc\r     \r> bcd\r> bcd\n", 6},
-      {3, "ab\r", "> a\r  \r> b\r> b\n", 3},  // one column for the line
-      {0, "x\r", "> x\n", 80},
-      {1, "x\r", "> x\n", 1},
-  };
-  vepra_ri_readline_t *rl = make("> ", 1);
-  for (const auto &[width, keys, screen, used] : cases) {
-    rl->width = width;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(read_keys(rl, keys), "0|" + keys.substr(0, keys.size() - 1));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), screen) << width;
-    EXPECT_EQ(rl->width, used);
-  }
-  vepra_ri_readline_terminate(rl);
-}
-
 // Each way the input can end, and escapes cut short or unknown, give their
 // code and keep the line. Rows: bytes, the reader's last status, code, line.
 TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
@@ -112,7 +96,6 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
       {"ab", VEPRA_RI_INTERRUPT, VEPRA_E_CONSOLE_HALTED, "ab"},
       {"ab", VEPRA_RI_READ_ERROR, VEPRA_E_CONSOLE_CHAR, "ab"},
       {"ab", -77, VEPRA_E_CONSOLE_CHAR, "ab"},
-      {"ab", 256, VEPRA_E_CONSOLE_CHAR, "ab"},
       {"ab\x1b[", VEPRA_RI_READ_ERROR, VEPRA_E_CONSOLE_CHAR, "ab"},
       {"ab\x1b", VEPRA_RI_END_OF_INPUT, 0, "ab"},
       {"ab\x1b\r", VEPRA_RI_READ_ERROR, 0, "ab"},                  // ESC then Enter keeps the Enter
@@ -137,16 +120,14 @@ struct LineModel {
   std::vector<std::string> chars;
   size_t cursor = 0;
   auto at(size_t k) { return chars.begin() + static_cast<long>(k); }
-  // Removes the characters from..to (to clipped to the line); the cursor
-  // goes to from.
+  // Removes the characters from..to (clipped); the cursor goes to from.
   void cut(size_t from, size_t to) {
     chars.erase(at(from), at(std::min(to, chars.size())));
     cursor = from;
   }
 };
 
-// Random keystrokes against the model: every spelling of each key edits
-// the line as the model does.
+// Random keystrokes: every spelling of each key edits as the model does.
 TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
   const char *typed[] = {"a", "Z", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"};
   const struct {
@@ -243,6 +224,136 @@ TEST_F(ReadlineTest, TerminalKeysEditTheLineAndSettingsAreRestored) {
     vepra_ri_readline_terminate(rl);
     close(slave);
   }
+}
+
+using Paths = std::vector<std::string>;
+
+class DirTest : public vepra_test::LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    root_ = vepra_test::temp_path("tree");
+    ASSERT_EQ(mkdir(root_.c_str(), 0755), 0);
+  }
+  void TearDown() override {
+    EXPECT_EQ(std::system(("chmod -R u+rwx '" + root_ + "'; rm -rf '" + root_ + "'").c_str()), 0);
+    LibraryTest::TearDown();
+  }
+
+  // Runs a shell command in the root: the trees are made by the system's tools.
+  void sh(const std::string &command) {
+    ASSERT_EQ(std::system(("cd '" + root_ + "' && " + command).c_str()), 0) << command;
+  }
+
+  // The paths the callback saw; the callback fails for names containing
+  // "fail" and stops the walk at names containing "stop".
+  vepra_error_t *walk(const char *include, const char *exclude, uint32_t flags, Paths *seen,
+                      const std::string &dir = "") {
+    options_ = {flags, nullptr, nullptr, record, seen};
+    return vepra_dir_traverse((dir.empty() ? root_ : dir).c_str(), include, exclude, &options_,
+                              pool_);
+  }
+
+  static vepra_error_t *record(const char *path, void *user, apr_pool_t *pool) {
+    EXPECT_NE(pool, nullptr);
+    static_cast<Paths *>(user)->emplace_back(path);
+    if (std::strstr(path, "stop") != nullptr) return VepraDLlistStopWalking;
+    if (std::strstr(path, "fail") != nullptr)
+      return vepra_error_createf_i(VEPRA_ERROR_TYPE_ERROR, 0, 0, nullptr, nullptr, nullptr,
+                                   "refused %s", std::strrchr(path, '/') + 1);
+    return nullptr;
+  }
+
+  std::string root_;
+  vepra_dir_options_t options_{};
+};
+
+// The files a recursive walk reports, by readdir: a directory's regular
+// files and links in read order, then its subdirectories in read order.
+void reference_walk(const std::string &dir, Paths *out) {
+  DIR *d = opendir(dir.c_str());
+  if (d == nullptr) return;
+  Paths subdirs;
+  while (dirent *e = readdir(d)) {
+    std::string name = e->d_name, path = dir + "/" + name;
+    if (e->d_type == DT_DIR && name != "." && name != "..") subdirs.push_back(path);
+    if (e->d_type == DT_REG || e->d_type == DT_LNK) out->push_back(path);
+  }
+  closedir(d);
+  for (const std::string &s : subdirs) reference_walk(s, out);
+}
+
+TEST_F(DirTest, PatternsAgreeWithFnmatchForEveryFlag) {
+  // Links to directories, loops, dangling links and a FIFO are never entered.
+  sh("mkdir -p sub/empty && touch a.tif b.png c.txt .hidden.tif D.TIF 'star*.tif' sub/e.tif "
+     "sub/.f.png && ln -s c.txt link.tif && ln -s . loop && ln -s .. sub/up && ln -s pong ping && "
+     "ln -s ping pong && ln -s nowhere dangling && mkfifo fifo");
+  const std::pair<const char *, const char *> cases[] = {
+      {nullptr, nullptr}, {"*.tif;*.png", nullptr}, {"*.tif;*.png", "*b*"},
+      {nullptr, "*.tif"}, {"*.TIF", nullptr},       {"*/.*", nullptr},
+      {"*\\**", nullptr}, {"*/[a-c].*;;", nullptr}, {"", nullptr},
+      {";", "x"},         {"*sub/*", "*/.*"},       {"*/?.*", "*.png;*.txt"},
+  };
+  auto any_match = [](const char *composite, const std::string &path, int flags) {
+    std::istringstream pieces(composite);
+    for (std::string piece; std::getline(pieces, piece, ';');)
+      if (!piece.empty() && fnmatch(piece.c_str(), path.c_str(), flags) == 0) return true;
+    return false;
+  };
+  Paths all;
+  reference_walk(root_, &all);
+  ASSERT_EQ(all.size(), 14u) << "regular files and links, in two directories";
+  for (uint32_t low = 0; low < 16; ++low) {
+    const int fnm = ((low & VEPRA_DIR_NOESCAPE) ? FNM_NOESCAPE : 0) |
+                    ((low & VEPRA_DIR_PATHNAME) ? FNM_PATHNAME : 0) |
+                    ((low & VEPRA_DIR_PERIOD) ? FNM_PERIOD : 0) |
+                    ((low & VEPRA_DIR_CASE_BLIND) ? FNM_CASEFOLD : 0);
+    for (const auto &[include, exclude] : cases) {
+      for (uint32_t recursive : {0u, uint32_t{VEPRA_DIR_RECURSIVE}}) {
+        Paths seen, expected;
+        ASSERT_EQ(walk(include, exclude, low | recursive, &seen), nullptr);
+        for (const std::string &p : all) {
+          if (!recursive && p.find("/sub/") != std::string::npos) continue;
+          if ((include == nullptr || any_match(include, p, fnm)) &&
+              (exclude == nullptr || !any_match(exclude, p, fnm)))
+            expected.push_back(p);
+        }
+        EXPECT_EQ(seen, expected) << "flags " << (low | recursive) << " include "
+                                  << (include ? include : "(null)") << " exclude "
+                                  << (exclude ? exclude : "(null)");
+      }
+    }
+  }
+}
+
+// A failing callback is reported and the walk goes on, or with
+// STOP_ON_ERROR fails it; the stop sentinel ends the walk as a success; a
+// root that cannot be opened fails the walk with its path.
+TEST_F(DirTest, FailuresAreReportedOrReturned) {
+  sh("mkdir sub && touch ok1 fail1 sub/fail2 sub/ok2");
+  Paths seen;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE, &seen), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Error: refused fail1 \nError: refused fail2 \n");
+  EXPECT_EQ(seen.size(), 4u);
+  const std::string failed = "Error: Cannot traverse directories. \nError: ";
+  seen.clear();
+  EXPECT_EQ(
+      take_printed(walk(nullptr, nullptr, VEPRA_DIR_RECURSIVE | VEPRA_DIR_STOP_ON_ERROR, &seen)),
+      failed + "refused fail1 ");
+  EXPECT_EQ(seen.back(), root_ + "/fail1");
+  EXPECT_LE(seen.size(), 2u);
+  sh("touch stop sub/stop");
+  seen.clear();
+  EXPECT_EQ(walk("*stop", nullptr, VEPRA_DIR_RECURSIVE, &seen), nullptr);
+  EXPECT_EQ(seen, Paths{root_ + "/stop"});
+
+  std::string missing = root_ + "/missing";
+  EXPECT_EQ(take_printed(walk(nullptr, nullptr, 0, &seen, missing)),
+            failed + "(" + missing + "): " + std::strerror(ENOENT) + " ");
+  EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
+            failed + std::strerror(EINVAL) + " ");
 }
 
 }  // namespace
