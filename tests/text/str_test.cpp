@@ -1,5 +1,7 @@
-// Conversions, comparison, replacement, bounded writes, escapes, the
-// character tables and base62.
+// Strings: conversions, comparison, replacement, bounded writes, escapes,
+// the character tables and base62; string lists, their tokenizer and the
+// typed token parser against one reference tokenizer.
+#include <dlfcn.h>
 #include <iconv.h>
 
 #include <cctype>
@@ -14,12 +16,15 @@
 
 #include "core/testing.hpp"
 #include "support/test_support.hpp"
+#include "vepra_prsd.h"
 #include "vepra_str.h"
+#include "vepra_strlist.h"
 
 namespace {
 
 using namespace std::string_literals;
 using vepra_test::take_printed;
+using Strings = std::vector<std::string>;
 
 class StrTest : public vepra_test::LibraryTest {};
 
@@ -30,8 +35,7 @@ std::string random_text(std::mt19937 &rng, const std::string &alphabet, int max_
   return t;
 }
 
-// buf was filled with '#' before a bounded write of full into its first
-// size bytes: it holds the cut text, terminated, and nothing past size.
+// buf, '#' before a write of full into size bytes, holds it cut and ended.
 void expect_bounded(const std::vector<char> &buf, size_t size, const std::string &full) {
   EXPECT_TRUE(size == 0 || std::string(buf.data()) == full.substr(0, size - 1)) << buf.data();
   for (size_t k = size; k < buf.size(); ++k) ASSERT_EQ(buf[k], '#') << "wrote past " << size;
@@ -44,25 +48,16 @@ std::string take(char *p) {
   return s;
 }
 
-// The conversion named by kind ('i' integer, 'l' int64, 'd' double): the
-// stored value as text, or the printed error (the output untouched).
-std::string convert(char kind, const char *s) {
-  int i = 5;
-  int64_t l = 5;
-  double d = 5;
-  vepra_error_t *e = kind == 'i'   ? vepra_str_to_integer(s, &i)
-                     : kind == 'l' ? vepra_str_to_int64(s, &l)
-                                   : vepra_str_to_double(s, &d);
-  if (e != nullptr) {
-    EXPECT_TRUE(i == 5 && l == 5 && d == 5) << "a failed conversion stored a value";
-    return take_printed(e);
-  }
-  return kind == 'i' ? std::to_string(i) : kind == 'l' ? std::to_string(l) : std::to_string(d);
+// The conversion by f: the value as text, or the error (nothing stored).
+template <typename T>
+std::string convert(vepra_error_t *(*f)(const char *, T *), const char *s) {
+  T v = 5;
+  vepra_error_t *e = f(s, &v);
+  EXPECT_TRUE(e == nullptr || v == 5) << "a failed conversion stored a value";
+  return e != nullptr ? take_printed(e) : std::to_string(v);
 }
 
-// What the C library reads for the same kind: strtol (low 32 bits kept),
-// strtoll or strtod over the whole text; else the error naming the text
-// and, on overflow, the range error.
+// The same by strtol (low 32 bits kept), strtoll or strtod, or the error.
 std::string peer_convert(char kind, const char *s) {
   char *end = nullptr;
   errno = 0;
@@ -79,9 +74,13 @@ std::string peer_convert(char kind, const char *s) {
 TEST_F(StrTest, ConversionsMatchTheCLibrary) {
   const std::string nines = "99999999999999999999";
   for (const char *s : {"0", "-0", "  -42", "+2.5e3", "-9223372036854775808", "4294967297", "12 ",
-                        "", " ", "+", "1.5", "1e", nines.c_str(), "abc", "1e99999"})
-    for (char kind : {'i', 'l', 'd'}) EXPECT_EQ(convert(kind, s), peer_convert(kind, s)) << s;
-  EXPECT_EQ(convert('i', nullptr), "Error(120062): Cannot convert string '(null)' to integer ");
+                        "", " ", "+", "1.5", "1e", nines.c_str(), "abc", "1e99999"}) {
+    EXPECT_EQ(convert(vepra_str_to_integer, s), peer_convert('i', s)) << s;
+    EXPECT_EQ(convert(vepra_str_to_int64, s), peer_convert('l', s)) << s;
+    EXPECT_EQ(convert(vepra_str_to_double, s), peer_convert('d', s)) << s;
+  }
+  EXPECT_EQ(convert(vepra_str_to_integer, nullptr),
+            "Error(120062): Cannot convert string '(null)' to integer ");
   for (const char *yes : {"+12", "-0", "99999999999999999999999"})
     EXPECT_EQ(vepra_str_is_integer(yes), 1) << yes;
   for (const char *no : {"", "+", " 1", "+-1", "1.0"}) EXPECT_EQ(vepra_str_is_integer(no), 0) << no;
@@ -90,8 +89,7 @@ TEST_F(StrTest, ConversionsMatchTheCLibrary) {
 
 int sign(int v) { return (v > 0) - (v < 0); }
 
-// Against the C library's strcasecmp on printable ASCII, and against
-// std::string's find loop for replacement: one random driver for both.
+// Against strcasecmp, and against std::string's find for replacement.
 TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
   EXPECT_LT(vepra_str_stricmp("\xC3", "a"), 0) << "bytes from 0x80 are negative chars";
   EXPECT_NE(vepra_str_stricmp("\xC3\xA9", "\xC3\x89"), 0) << "no folding beyond ASCII";
@@ -104,9 +102,8 @@ TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
     std::string b = a.substr(0, rng() % (a.size() + 1)) + random_text(rng, printable, 2);
     EXPECT_EQ(sign(vepra_str_stricmp(a.c_str(), b.c_str())), sign(strcasecmp(a.c_str(), b.c_str())))
         << a << " / " << b;
-    // Every fourth search string is long, taken from a repeated text; every
-    // other one is up to 32 bytes in a text of up to 200, its first byte
-    // and last byte frequent.
+    // Long search strings in a repeated text, and short ones of frequent
+    // first and last bytes in a text of up to 200.
     std::string s = random_text(rng, "ab ", 40), to = random_text(rng, "ab ", 6), all;
     std::string from = "ab "[rng() % 3] + random_text(rng, "ab ", 3);
     if (round % 4 == 0) {
@@ -154,9 +151,7 @@ TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
   EXPECT_EQ(std::memcmp(b, "a\0b,c", 6), 0);
 
   EXPECT_EQ(vepra_str_len("abc") + vepra_str_len(nullptr) + vepra_str_utf8_len(nullptr), 3u);
-  EXPECT_EQ(vepra_str_utf8_len("\xC3\xA9"
-                               "a\xE6\x97\xA5\xF0\x9F\x98\x80"),
-            4u);
+  EXPECT_EQ(vepra_str_utf8_len("a\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80"), 4u);
   for (auto c : {std::pair{"  a b  ", "a b"}, {" \t\n\v\f\r ", ""}, {"x", "x"}, {"", ""}}) {
     std::vector<char> buf(c.first, c.first + std::strlen(c.first) + 1);
     EXPECT_EQ(vepra_str_trim(buf.data()), buf.data());
@@ -166,41 +161,34 @@ TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
 }
 
 #define FORMAT "%d|%-8s|%x|%08.3f|%lld|%c|%%|%+.2e|%5.2s"
-#define ARGS i, s, static_cast<unsigned>(i), d, ll, 'z', d, s
+#define ARGS -123456, "abcdefghij", 255u, 3141.59265, 1LL << 40, 'z', 2.5e-7, "xyz"
 
-// The printf family against the C library's snprintf, and strlcpy and
-// strlcat as the BSD manual states them, on random texts and sizes.
+// The printf family, wrappers of the C library's, once; strlcpy and strlcat
+// as the BSD manual states them on random texts and sizes.
 TEST_F(StrTest, BoundedWritesMatchPeers) {
+  char sys[512], *q = nullptr;
+  const std::string want(sys, static_cast<size_t>(std::snprintf(sys, sizeof sys, FORMAT, ARGS)));
+  std::vector<char> cut(20, '#');
+  ASSERT_EQ(vepra_str_snprintf(cut.data(), 12, FORMAT, ARGS), static_cast<int>(want.size()));
+  expect_bounded(cut, 12, want);
+  EXPECT_EQ(vepra_str_psprintf(pool_, FORMAT, ARGS), want);
+  ASSERT_EQ(vepra_str_asprintf(&q, FORMAT, ARGS), static_cast<int>(want.size()));
+  EXPECT_EQ(take(q), want);
   std::mt19937 rng(5);
   for (int round = 0; round < 20000; ++round) {
     std::string src = random_text(rng, "abcdefghij", 24), head = random_text(rng, "xyz", 24);
     size_t size = rng() % 31;
     std::vector<char> buf(size + 8, '#');
-    int i = static_cast<int>(rng() % 2000000000) - 1000000000;
-    double d = static_cast<double>(rng()) / 977.0;
-    long long ll = static_cast<long long>(rng()) << 20;
-    const char *s = src.c_str();
-    char sys[512], *q = nullptr;
-    std::string want(sys, static_cast<size_t>(std::snprintf(sys, sizeof sys, FORMAT, ARGS)));
-    ASSERT_EQ(vepra_str_snprintf(buf.data(), size, FORMAT, ARGS), static_cast<int>(want.size()));
-    expect_bounded(buf, size, want);
-    EXPECT_EQ(vepra_str_psprintf(pool_, FORMAT, ARGS), want);
-    ASSERT_EQ(vepra_str_asprintf(&q, FORMAT, ARGS), static_cast<int>(want.size()));
-    EXPECT_EQ(take(q), want);
-    ASSERT_EQ(rpl_asprintf(&q, FORMAT, ARGS), static_cast<int>(want.size()));
-    EXPECT_EQ(take(q), want);
-
-    std::fill(buf.begin(), buf.end(), '#');
-    ASSERT_EQ(vepra_str_strlcpy(buf.data(), s, size), src.size());
+    ASSERT_EQ(vepra_str_strlcpy(buf.data(), src.c_str(), size), src.size());
     expect_bounded(buf, size, src);
     // strlcat onto a prefix that may or may not be terminated within size
     if (head.size() < size) {
       std::memcpy(buf.data(), head.c_str(), head.size() + 1);
-      ASSERT_EQ(vepra_str_strlcat(buf.data(), s, size), head.size() + src.size());
+      ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), head.size() + src.size());
       expect_bounded(buf, size, head + src);
     } else {
       std::memset(buf.data(), 'h', size);
-      ASSERT_EQ(vepra_str_strlcat(buf.data(), s, size), size + src.size());
+      ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), size + src.size());
       ASSERT_EQ(std::string(buf.begin(), buf.end()), std::string(size, 'h') + std::string(8, '#'))
           << "wrote without a terminator within size";
     }
@@ -212,184 +200,101 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
   EXPECT_STREQ(small, "");
   EXPECT_EQ(vepra_str_strlcpy(nullptr, "abc", 9), 3u);
   EXPECT_EQ(vepra_str_strlcat(nullptr, "abc", 9), 12u);
-  char *q = nullptr;
-  EXPECT_EQ(vepra_str_asprintf(&q, "%s", ""), 0);
-  EXPECT_EQ(take(q), "");
   EXPECT_EQ(vepra_str_asprintf(nullptr, "%d", 1), -1);
-  // Past any first guess of the size; a wide string the C locale cannot
-  // convert fails as in the C library.
-  const std::string wide(5000, 'w');
-  EXPECT_EQ(rpl_asprintf(&q, "%d|%s", -42, wide.c_str()), 5004);
-  EXPECT_EQ(take(q), "-42|" + wide);
+  // A wide string the C locale cannot convert fails as in the C library.
   const wchar_t euro[] = {0x20ac, 0};
   EXPECT_EQ(rpl_asprintf(&q, "%ls", euro), -1);
   EXPECT_EQ(asprintf(&q, "%ls", euro), -1);
 }
 
-struct Parsed {
-  std::string bytes;  // what was written, up to the terminator
-  size_t size;        // what was stored through the size pointer
-  std::string error;  // printed chain, empty on success
-};
-
-// Escape parsing, or with un set unparsing, of src into dst.
-vepra_error_t *call(bool un, char *dst, size_t *size, const std::string &src, int wide, int table) {
-  auto len = static_cast<ptrdiff_t>(src.size());
-  return un ? vepra_str_escape_unparse(dst, size, src.data(), len)
-            : vepra_str_escape_parse(dst, size, src.data(), len, wide, table);
-}
-
-// Runs into a buffer of size bytes followed by guard bytes: nothing may be
-// written past size, and the output is terminated within it.
-Parsed run(bool un, const std::string &src, size_t size, int wide = 0, int table = 0) {
+// Escape parsing (un: unparsing) of src into size bytes and guard bytes, or
+// "-" into the size measured first; never past size, always terminated.
+// Gives the bytes before the terminator, size stored ("-") and error by '|'.
+std::string escape(bool un, const std::string &src, const std::string &size_text, int wide = 0,
+                   int table = 0) {
+  const auto len = static_cast<ptrdiff_t>(src.size());
+  auto call = [&](char *dst, size_t *n) {
+    return un ? vepra_str_escape_unparse(dst, n, src.data(), len)
+              : vepra_str_escape_parse(dst, n, src.data(), len, wide, table);
+  };
+  size_t size = size_text == "-" ? 0 : std::stoul(size_text), n = 0;
+  EXPECT_EQ(take_printed(size_text == "-" ? call(nullptr, &size) : nullptr), "") << src;
   std::vector<char> buf(size + 16, '#');
-  size_t n = size;
-  vepra_error_t *e = call(un, buf.data(), &n, src, wide, table);
+  const std::string error = take_printed(call(buf.data(), &(n = size)));
   for (size_t k = size; k < buf.size(); ++k) EXPECT_EQ(buf[k], '#') << "wrote past " << size;
   // Wide output holds 0 bytes: take exactly the bytes before the terminator.
-  size_t written = size == 0 ? 0 : std::min(n - 1, size - 1);
+  const size_t written = size == 0 ? 0 : std::min(n - 1, size - 1);
   EXPECT_TRUE(size == 0 || buf[written] == '\0') << "unterminated for '" << src << "'";
-  return {std::string(buf.data(), written), n, take_printed(e)};
+  EXPECT_TRUE(size_text != "-" || n == size) << "measured and written sizes differ: " << src;
+  return std::string(buf.data(), written) + "|" + (size_text == "-" ? "-" : std::to_string(n)) +
+         "|" + error;
 }
 
-// Measures with a null destination, then writes with the measured size.
-std::string full(bool un, const std::string &src, int wide = 0, int table = 0) {
-  size_t need = 0;
-  vepra_error_t *e = call(un, nullptr, &need, src, wide, table);
-  EXPECT_EQ(e, nullptr) << take_printed(e);
-  Parsed p = run(un, src, need, wide, table);
-  EXPECT_EQ(p.error, "");
-  EXPECT_EQ(p.size, need) << "measured and written sizes differ for '" << src << "'";
-  return p.bytes;
+// The bytes of text with each <hh> replaced by the byte it names in hex.
+std::string bytes_of(const std::string &text) {
+  std::string out;
+  for (size_t k = 0; k < text.size(); ++k) {
+    if (text[k] == '<' && k + 3 < text.size() && text[k + 3] == '>') {
+      out += static_cast<char>(std::stoi(text.substr(k + 1, 2), nullptr, 16));
+      k += 3;
+    } else {
+      out += text[k];
+    }
+  }
+  return out;
 }
 
-// Source, the bytes decoded, and the wide and table flags.
-TEST_F(StrTest, EscapeParseDecodes) {
-  const std::tuple<std::string, std::string, int, int> cases[] = {
-      {"\\x41\\n", "A\n", 0, 0},
-      {"\\0", "\0"s, 0, 0},
-      {"\\1234", "S4", 0, 0},
-      {"\\x4g", "\x04g", 0, 0},
-      {"\\x414", "A4", 0, 0},
-      {"\\u41", "A", 0, 0},
-      {"\\u00E9", "\xC3\xA9", 0, 0},
-      {"\\u07FF", "\xDF\xBF", 0, 0},
-      {"\\u0800", "\xE0\xA0\x80", 0, 0},
-      {"\\u20aC1", "\xE2\x82\xAC"s + "1", 0, 0},
-      {"a\\uFFFFb", "ab", 0, 0},
-      {"\\777", "\xC7\xBF", 0, 0},
-      {"\\377", "\xFF", 0, 0},
-      {"end\\", "end\\", 0, 0},
-      {"", "", 0, 0},
-      {"\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v", 0, 0},
-      {"\\\\\\\"\\'\\?\\q", "\\\"'?q", 0, 0},
-      {"a\\x41", "a\0A\0"s, 1, 0},
-      {"\\u00E9", "\xC3\xA9", 1, 0},
-      {"\\u41", "A\0"s, 1, 0},
-      {"\x82", "\xE9\0"s, 1, 1},
-      {"\xB0", "\x91\x25", 1, 1},
-      {"\x82", "\x82\0"s, 1, 0},
-      {"\x82", "\x82", 0, 1},
-  };
-  for (const auto &[src, want, wide, table] : cases)
-    EXPECT_EQ(full(false, src, wide, table), want) << src << " " << wide << table;
+// Each row of the table: bytes written, size stored and error.
+TEST_F(StrTest, EscapesAsListed) {
+  int rows = 0;
+  for (auto cols : vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/text/escapes.tsv")) {
+    cols.resize(8);
+    ++rows;
+    EXPECT_EQ(escape(cols[0] == "unparse", bytes_of(cols[4]), cols[3], std::stoi(cols[1]),
+                     std::stoi(cols[2])),
+              bytes_of(cols[5]) + "|" + (cols[3] == "-" ? "-" : cols[6]) + "|" + cols[7])
+        << cols[0] << " '" << cols[4] << "'";
+  }
+  EXPECT_EQ(rows, 32);
+}
+
+// A marked lead byte, a negative length, a limited measure, no size pointer.
+TEST_F(StrTest, EscapeEdges) {
   // A marked lead byte takes the next byte along unchanged, in wide mode too.
   CharSet[0xC3] |= 0x80;
-  EXPECT_EQ(full(false, "\xC3\\n", 1), "\xC3\\n\0"s);
+  EXPECT_EQ(escape(false, "\xC3\\n", "-", 1), "\xC3\\n\0|-|"s);
   CharSet[0xC3] &= ~0x80u;
   size_t n = 5;
   ASSERT_EQ(vepra_str_escape_parse(nullptr, &n, "abc", -3, 0, 0), nullptr);
   EXPECT_EQ(n, 1u) << "a negative length is an empty source";
-}
-
-TEST_F(StrTest, EscapeErrors) {
-  for (const char *bad : {"ab\\xg", "\\u"})
-    EXPECT_EQ(run(false, bad, 16).error,
-              "Error(120064): No characters matched when scanning Hex number. ");
-  // UTF-8 that does not fit fails with a bare code-0 record, also when
-  // measuring with a size; plain bytes that do not fit are dropped silently.
-  Parsed p = run(false, "ab\\u20AC", 4);
-  EXPECT_EQ(p.error + "|" + p.bytes, "Error: Unknown Vepra error (code=0) |ab");
-  size_t n = 3;
+  // UTF-8 that does not fit fails with a bare code-0 record, also measuring.
+  n = 3;
   EXPECT_EQ(take_printed(vepra_str_escape_parse(nullptr, &n, "\\u20AC", 6, 0, 0)),
             "Error: Unknown Vepra error (code=0) ");
-  p = run(false, "abcdef", 4);
-  EXPECT_EQ(p.error + "|" + p.bytes + "|" + std::to_string(p.size), "|abc|7");
-  for (bool un : {false, true})
-    EXPECT_EQ(take_printed(call(un, nullptr, nullptr, "a", 0, 0)),
-              "Error(120020): Assertion failure ");
-
-  EXPECT_EQ(full(true, "\a\b\t\n\v\f\r\0\x7F\xFF'\\\" ok\x01"s),
-            "\\a\\b\\t\\n\\v\\f\\r\\x00\\x7F\\xFF\\'\\\\\\\" ok\\x01");
+  const std::string assertion = "Error(120020): Assertion failure ";
+  EXPECT_EQ(take_printed(vepra_str_escape_parse(nullptr, nullptr, "a", 1, 0, 0)), assertion);
+  EXPECT_EQ(take_printed(vepra_str_escape_unparse(nullptr, nullptr, "a", 1)), assertion);
 }
 
-// Random bytes: unparsing then parsing gives the bytes back; a buffer too
-// small for the unparsed text receives whole escapes only and the size of
-// what it holds. Measured sizes are what a buffer of that size receives,
-// and no size ever lets either function write past it.
-TEST_F(StrTest, EscapeRoundTripAndSizes) {
-  std::mt19937 rng(1);
-  std::uniform_int_distribution<int> byte(0, 255), len(0, 24);
-  const char pieces[] = "\\xu0123456789ABCDEFabcdef7\"'?";
-  std::uniform_int_distribution<int> piece(0, sizeof pieces - 2);
-  for (int round = 0; round < 3000; ++round) {
-    std::string src, esc;
-    for (int n = len(rng); n > 0; --n) src += static_cast<char>(byte(rng));
-    std::string text = full(true, src);
-    EXPECT_EQ(full(false, text), src);
-    for (size_t size = 0; size <= text.size() + 1; ++size) {
-      Parsed cut = run(true, src, size);
-      ASSERT_EQ(cut.error, size > text.size() ? "" : "Error(120066): Buffer is too small. ");
-      ASSERT_EQ(cut.size, (cut.error.empty() ? text.size() : cut.bytes.size()) + 1);
-      ASSERT_TRUE(text.starts_with(cut.bytes) && src.starts_with(full(false, cut.bytes))) << size;
-    }
-    // Escape-heavy input in both modes: measuring with size 0 and writing
-    // with the measured size agree; smaller sizes never overflow.
-    for (int n = len(rng); n > 0; --n) esc += pieces[piece(rng)];
-    for (int wide : {0, 1}) {
-      size_t need = 0;
-      if (vepra_error_t *e = call(false, nullptr, &need, esc, wide, 1)) {
-        vepra_error_clear(e);
-        continue;
-      }
-      EXPECT_EQ(run(false, esc, need, wide, 1).size, need) << esc;
-      for (size_t size = 1; size < need; ++size) run(false, esc, size, wide, 1);
-    }
-  }
-}
-
-TEST_F(StrTest, TablesMatchCtypeAndCodePage437) {
-  for (int c = 0; c < 128; ++c) {
-    uint32_t k = CharSet[c];
-    EXPECT_EQ((k & 0x02) != 0, std::isdigit(c) != 0) << c;
-    EXPECT_EQ((k & 0x04) != 0, std::isxdigit(c) && std::isalpha(c)) << c;
-    EXPECT_EQ((k & 0x01) != 0, std::isalpha(c) || c == '_') << c;
-    EXPECT_EQ((k & 0x40) != 0, std::isspace(c) && c != '\n') << c;
-    EXPECT_TRUE(!std::ispunct(c) || std::strchr("$@`_\\", c) || (k & 0x30) != 0) << c;
-  }
-  for (int c = 128; c < 260; ++c)
-    EXPECT_EQ(CharSet[c], (c <= 154 || (c >= 160 && c <= 167)) ? 0x01u : 0u) << c;
-
+// The code page table against iconv's.
+TEST_F(StrTest, CodePage437MatchesIconv) {
+  std::string in(256, '\0');
+  for (int c = 0; c < 256; ++c) in[c] = static_cast<char>(c);
+  std::vector<uint32_t> out(256);
+  char *ip = in.data(), *op = reinterpret_cast<char *>(out.data());
+  size_t il = in.size(), ol = out.size() * sizeof out[0];
   iconv_t cd = iconv_open("UTF-32LE", "IBM437");
   ASSERT_NE(cd, reinterpret_cast<iconv_t>(-1));
-  for (int c = 0; c < 256; ++c) {
-    char in = static_cast<char>(c), *ip = &in;
-    uint32_t out = 0;
-    char *op = reinterpret_cast<char *>(&out);
-    size_t il = 1, ol = sizeof out;
-    ASSERT_NE(iconv(cd, &ip, &il, &op, &ol), static_cast<size_t>(-1)) << c;
-    EXPECT_EQ(UniCode[c], out) << "byte " << c;
-  }
+  ASSERT_EQ(iconv(cd, &ip, &il, &op, &ol), 0u);
+  EXPECT_EQ(std::vector<uint32_t>(UniCode, UniCode + 256), out);
   iconv_close(cd);
 }
 
-// What the strtoll test cannot see: lower-case digits (36 to 61), bases
-// outside 2 to 62, the overflow message and the strlcpy contract.
+// Lower-case digits, bad bases, the overflow message, measuring.
 TEST_F(StrTest, Base62Edges) {
   char buf[80], *end = nullptr;
   int64_t v = -1;
-  // "zz" is 61 * 62 + 61; 'f' is no digit in base 16, base 99 reads none,
-  // and '_', just below the lower-case letters, is no digit either.
+  // 'f' is no digit in base 16, base 99 reads none, '_' is below 'a'.
   for (auto [text, base, value, used] :
        {std::tuple{"zz", 62, 3843, 2}, {"ff", 16, 0, 0}, {"12", 99, 0, 0}, {"7_", 62, 7, 1}}) {
     ASSERT_EQ(vepra_str_base62_to_int64(text, &end, base, &v), nullptr);
@@ -404,15 +309,11 @@ TEST_F(StrTest, Base62Edges) {
   EXPECT_EQ(end, over.c_str() + 21);
   for (int bad : {1, 63}) EXPECT_EQ(vepra_str_int64_to_base62(5, bad, buf, sizeof buf), 0);
   EXPECT_STREQ(buf, "zz") << "a bad base writes nothing";
-  EXPECT_EQ(vepra_str_int64_to_base62(123456, 10, buf, 4), 6) << "strlcpy contract";
-  EXPECT_STREQ(buf, "123");
   EXPECT_EQ(vepra_str_int64_to_base62(123456, 10, nullptr, 0), 6);
 }
 
-// Random texts in bases 2 to 36 on digits and capitals read as the C
-// library's strtoll reads them: value, end pointer and overflow. Each value
-// read is written back in a base from 2 to 62 (as snprintf writes it in
-// bases 8, 10 and 16) and read again.
+// Random texts in bases 0 to 36 read as strtoll reads them (value, end and
+// overflow), and each value written back as snprintf writes it.
 TEST_F(StrTest, Base62MatchesStrtollAndSnprintf) {
   std::mt19937 rng(13);
   const char alphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
@@ -440,20 +341,247 @@ TEST_F(StrTest, Base62MatchesStrtollAndSnprintf) {
     bool bare_prefix = (base == 0 || base == 16) && std::strncmp(p, "0X", 2) == 0 &&
                        !std::isxdigit(static_cast<unsigned char>(p[2]));
     EXPECT_EQ(end, bare_prefix ? s.c_str() : want_end);
-
+    // Written back in base 8, 10 or 16 as snprintf writes it.
     char buf[80], text[80];
-    base = 2 + round % 61;
-    int n = vepra_str_int64_to_base62(got, base, buf, sizeof buf);
-    ASSERT_EQ(n, static_cast<int>(std::strlen(buf)));
-    if (base == 8 || base == 10 || base == 16) {
-      unsigned long long mag = got < 0 ? 0ULL - static_cast<unsigned long long>(got) : got;
-      const char *format = base == 8 ? "%s%llo" : base == 10 ? "%s%llu" : "%s%llX";
-      std::snprintf(text, sizeof text, format, got < 0 ? "-" : "", mag);
-      EXPECT_STREQ(buf, text);
+    const unsigned long long mag = got < 0 ? 0ULL - static_cast<unsigned long long>(got) : got;
+    const int out = round % 3 == 0 ? 8 : round % 3 == 1 ? 10 : 16;
+    std::snprintf(text, sizeof text,
+                  out == 8    ? "%s%llo"
+                  : out == 10 ? "%s%llu"
+                              : "%s%llX",
+                  got < 0 ? "-" : "", mag);
+    EXPECT_EQ(vepra_str_int64_to_base62(got, out, buf, sizeof buf),
+              static_cast<int>(std::strlen(text)));
+    EXPECT_STREQ(buf, text);
+  }
+}
+
+// While set, the library's pool copies of text fail as in an exhausted pool.
+bool g_pool_exhausted = false;
+
+}  // namespace
+
+// The test program's definition takes the place of APR's for the library.
+extern "C" char *apr_pstrmemdup(apr_pool_t *pool, const char *s, apr_size_t n) {
+  using Copy = char *(*)(apr_pool_t *, const char *, apr_size_t);
+  static const auto real = reinterpret_cast<Copy>(dlsym(RTLD_NEXT, "apr_pstrmemdup"));
+  return g_pool_exhausted ? nullptr : real(pool, s, n);
+}
+
+namespace {
+
+// Reference tokenizer, one character at a time. With continuation set, a
+// backslash between tokens is dropped and leaves the continued state.
+struct TokenizerModel {
+  std::string seps;
+  bool continuation = false;
+  int state = 0;  // 0 between, 1 plain, 2 quoted, 3 continued
+  std::string buf{};
+  Strings tokens{};
+
+  void feed(const std::string &text) {
+    for (char c : text) {
+      bool sep = seps.find(c) != std::string::npos;
+      if (state == 0 || state == 3) {
+        if (sep) continue;
+        state = continuation && c == '\\' ? 3 : c == '"' ? 2 : 1;
+        if (state == 1) buf = c;
+      } else if (state == 1 ? sep : c == '"') {
+        flush();
+        state = 0;
+      } else {
+        buf += c;
+      }
     }
-    ASSERT_EQ(vepra_str_base62_to_int64(buf, &end, base, &got), nullptr);
-    ASSERT_EQ(got, want) << buf << " in base " << base;
-    ASSERT_EQ(end, buf + n);
+  }
+  void flush() {
+    if (!buf.empty()) tokens.push_back(buf);
+    buf.clear();
+  }
+};
+
+class StrlistTest : public vepra_test::LibraryTest {
+ protected:
+  vepra_strlist_t *make(const Strings &strings) {
+    vepra_strlist_t *list = nullptr;
+    EXPECT_EQ(vepra_strlist_create(&list, pool_), nullptr);
+    for (const std::string &s : strings)
+      EXPECT_EQ(vepra_strlist_addlast(list, s.c_str(), pool_), nullptr);
+    return list;
+  }
+  // The tokens of src in a list that held "old", then the printed error if any.
+  Strings tokenize(const Strings &src, const char *seps) {
+    vepra_strlist_t *dst = make({"old"});
+    std::string error = take_printed(vepra_strlist_tokenize(make(src), dst, seps, pool_));
+    Strings out = items(dst);
+    if (!error.empty()) out.push_back(error);
+    return out;
+  }
+  static Strings items(vepra_strlist_t *list) {
+    Strings out;
+    for (size_t k = 0; k < vepra_strlist_nelts(list); ++k)
+      out.emplace_back(vepra_strlist_getn(list, k));
+    return out;
+  }
+};
+
+TEST_F(StrlistTest, AddReadAndCopy) {
+  vepra_strlist_t *list = make({"b", "c"});
+  std::string a = "a";
+  ASSERT_EQ(vepra_strlist_addfirst(list, a.c_str(), pool_), nullptr);
+  a[0] = 'z';  // the list holds its own copy
+  EXPECT_EQ(items(list), (Strings{"a", "b", "c"}));
+  ASSERT_EQ(vepra_strlist_addlast(list, nullptr, pool_), nullptr);  // matches nothing
+  for (const char *s : {"b", "B", "", static_cast<const char *>(nullptr)})
+    EXPECT_EQ(vepra_strlist_is_exists(list, s), s != nullptr && *s == 'b') << (s ? s : "null");
+
+  vepra_strlist_t *dst = make({"keep", "me"}), *src = make({"x", "y", "z"});
+  ASSERT_EQ(vepra_strlist_copy(dst, src, pool_), nullptr);
+  ASSERT_EQ(vepra_strlist_copy(dst, dst, pool_), nullptr);
+  EXPECT_EQ(items(dst), (Strings{"x", "y", "z"})) << "copied, also onto itself";
+  EXPECT_NE(vepra_strlist_getn(dst, 0), vepra_strlist_getn(src, 0)) << "copies, not shared";
+  EXPECT_EQ(take_printed(vepra_strlist_copy(dst, src, nullptr)),
+            "Error(120051): Cannot copy list of strings. \nError(120051): Unable to append DL "
+            "object. \nError(120051): DL insertion error: invalid pointer. ");
+  EXPECT_EQ(*dst, nullptr) << "a failed copy leaves dst empty";
+  EXPECT_EQ(take_printed(vepra_strlist_create(nullptr, pool_)),
+            "Error(120051): DL insertion error: invalid pointer. ");
+}
+
+// Tokens of 1 MiB across elements, the token buffer's growth failing at
+// each step, and separator and data errors.
+TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
+  const std::string half(1 << 19, 'x');
+  const std::string none =
+      "Error(120060): Cannot tokenize string: incorrect number of tokens [0]. ";
+  // Elements, separators, and the list afterwards with the error printed.
+  const std::tuple<Strings, const char *, Strings> cases[] = {
+      {{"a " + half, half + " \"" + half, half + "\" b"},
+       " ",
+       {"a", half + half, half + half, "b"}},
+      {{"a"}, "", {"old", none}},
+      {{"a"}, nullptr, {"old", none}},
+      {{}, " ", {"old", "Error(120061): Error in strtok: there are no data. "}},
+  };
+  for (const auto &[src, seps, want] : cases)
+    EXPECT_EQ(tokenize(src, seps), want) << testing::PrintToString(src).substr(0, 30);
+
+  vepra_strlist_t *src = make({std::string(3000, 'k') + " short"}), *dst = make({});
+  long made = vepra_test::for_each_allocation_failure(
+      [&] { return vepra_strlist_tokenize(src, dst, " ", pool_); },
+      [&](vepra_error_t *e, long) {
+        EXPECT_TRUE(e->code == VEPRA_E_ALLOC || e->code == VEPRA_E_REALLOC) << e->code;
+        EXPECT_STREQ(e->message, "Failed to tokenize strings.");
+      });
+  EXPECT_GE(made, 2) << "the token buffer had to grow";
+  EXPECT_EQ(items(dst), (Strings{std::string(3000, 'k'), "short"}));
+}
+
+TEST_F(StrlistTest, TokenizeMatchesModel) {
+  std::mt19937 rng(23);
+  const char alphabet[] = "ab ,;\"";
+  std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), len(0, 12), count(1, 4);
+  for (int round = 0; round < 5000; ++round) {
+    Strings src(static_cast<size_t>(count(rng)));
+    for (std::string &s : src)
+      for (int k = len(rng); k > 0; --k) s += alphabet[ch(rng)];
+    std::string seps = round % 3 == 0 ? " " : round % 3 == 1 ? " ," : ";\"";
+    TokenizerModel model{seps};
+    for (const std::string &s : src) model.feed(s);  // elements run into each other
+    model.flush();
+    ASSERT_EQ(tokenize(src, seps.c_str()), model.tokens)
+        << "seps '" << seps << "' first '" << src[0] << "'";
+  }
+}
+
+using PrsdTest = StrTest;
+
+std::string num(double d) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%.17g", d);
+  return text;
+}
+
+// A token as strtol (low 32 bits), else strtod, else as a string reads it:
+// its kind ('i', 'd' or 's') and value.
+std::string classify(const std::string &text) {
+  const char *s = text.c_str();
+  char *end = nullptr;
+  errno = 0;
+  long i = std::strtol(s, &end, 10);
+  if (errno == 0 && end != s && *end == '\0') return "i" + std::to_string(static_cast<int32_t>(i));
+  errno = 0;
+  double d = std::strtod(s, &end);
+  if (errno == 0 && end != s && *end == '\0') return "d" + num(d);
+  return "s" + text;
+}
+
+// The tokens of rec as text; the counters must agree with their kinds.
+Strings tokens_of(const vepra_prsd_t &rec) {
+  Strings out;
+  uint32_t n[4] = {};
+  for (const vepra_prsd_token_t &t : std::vector(rec.tokens, rec.tokens + rec.n_tokens)) {
+    out.push_back(t.kind == VEPRA_PRSD_INTEGER  ? "i" + std::to_string(t.value_int)
+                  : t.kind == VEPRA_PRSD_DOUBLE ? "d" + num(t.value_double)
+                  : t.kind == VEPRA_PRSD_STRING ? "s" + std::string(t.value_string)
+                                                : "?");
+    ++n[t.kind & 3];
+  }
+  EXPECT_EQ(std::vector({rec.n_integer, rec.n_double, rec.n_string}),
+            std::vector({n[1], n[2], n[3]}));
+  return out;
+}
+
+// The token array's growth, the arguments it refuses, and a long token,
+// typed from its pool copy, in an exhausted pool.
+TEST_F(PrsdTest, GrowsAndFailsCleanly) {
+  // Eleven tokens: the array has grown once and counts its free entries down.
+  vepra_prsd_t rec{};
+  vepra_prsd_parse_p(&rec, "0 1 2 3 4 5 6 7 8 9 10 \\", " ", pool_);
+  EXPECT_EQ(std::pair(rec.room, tokens_of(rec).back()), std::pair(9u, "i10"s));
+  vepra_prsd_clear_p(&rec);
+  vepra_prsd_parse_p(&rec, nullptr, " ", pool_);
+  vepra_prsd_parse_p(&rec, "1", " ", nullptr);
+  vepra_prsd_parse_p(nullptr, "1", " ", pool_);
+  EXPECT_EQ(rec.n_tokens, 0) << "a null argument does nothing";
+  // A record holding INT32_MAX tokens takes no more: the parse fails.
+  vepra_prsd_token_t last{};
+  vepra_prsd_t full{};
+  full.tokens = &last, full.n_tokens = INT32_MAX;
+  EXPECT_EQ(vepra_prsd_parse_p(&full, "1", " ", pool_), -1);
+  EXPECT_EQ(std::pair(full.n_tokens, full.room), std::pair(INT32_MAX, 0u));
+  // The failed copy fails the parse and drops that token only.
+  const std::string line = std::string(80, '7') + " 1";
+  g_pool_exhausted = true;
+  const int failed = vepra_prsd_parse_p(&rec, line.c_str(), " ", pool_);
+  g_pool_exhausted = false;
+  EXPECT_EQ(failed, -1);
+  EXPECT_EQ(tokens_of(rec), Strings{"i1"});
+}
+
+// Random lines against the model and the C library, with the state after
+// each line; every eighth round has tokens past the 64-byte stack copy.
+TEST_F(PrsdTest, MatchesModel) {
+  std::mt19937 rng(17);
+  const char alphabet[] = "0123456789.e-+ ,x\"\\";
+  std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), lines(1, 4);
+  for (int round = 0; round < 3000; ++round) {
+    TokenizerModel model{round % 4 == 0 ? "" : round % 4 == 1 ? " " : " ,", true};
+    vepra_prsd_t rec;
+    vepra_prsd_clear_p(&rec);
+    std::string text;
+    for (int n = lines(rng); n > 0; --n) {
+      std::string l;
+      for (int k = rng() % (round % 8 == 0 ? 101 : 31); k > 0; --k) l += alphabet[ch(rng)];
+      text += l + "|";
+      model.feed(l);
+      model.flush();  // a token is always a run of one line
+      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), model.seps.c_str(), pool_), 0);
+      ASSERT_EQ(rec.state, static_cast<uint32_t>(model.state)) << text;
+    }
+    Strings want;
+    for (const std::string &t : model.tokens) want.push_back(classify(t));
+    ASSERT_EQ(tokens_of(rec), want) << "seps '" << model.seps << "' lines " << text;
   }
 }
 
