@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -152,57 +153,43 @@ TEST_P(TrieTest, AgreesWithStdMapOnRandomKeys) {
   }
 }
 
-// Deleting a missing key lowers the counts of the inner nodes on its path
-// all the same; a node whose key ends there without its leaf keeps its
-// count. Folding happens only when a count drops from 2 to 1.
-TEST_P(TrieTest, CountIsAHintLoweredByMissingKeys) {
-  Trie t(heap(), pool_);
-  ASSERT_EQ(t.insert("A", tag(0)), nullptr);  // 0x41: digits 1, 4
-  ASSERT_EQ(t.insert("B", tag(1)), nullptr);  // 0x42: digits 2, 4
-  const std::pair<const char *, const char *> steps[] = {
-      {"", "[2 own=- 1:'A' 2:'B']"},      // ends at the root, which has no own leaf
-      {"C", "[1 own=- 1:'A' 2:'B']"},     // 0x43: empty slot 3 below the root
-      {"A", "[0 own=- 2:'B']"},           // found, the count drops from 1: no fold
-      {"R", "[4294967295 own=- 2:'B']"},  // 0x52: leads to 'B', which does not match
-      {"B", "[4294967294 own=-]"}};       // an empty inner node stays behind
-  for (auto [key, after] : steps) {
-    t.remove(key);
-    EXPECT_EQ(t.shape(), after) << "deleting '" << key << "'";
-  }
-  EXPECT_EQ(walked(t.trie).size(), 0u);
-  // A key's prefix is an own leaf, the empty key the root's (the count
-  // wraps past 2^32); walks hand
-  // over key, length and data, and stop at the first non-zero.
-  for (const char *key : {"B", "", "Bc"}) ASSERT_EQ(t.insert(key, tag(strlen(key))), nullptr);
-  EXPECT_EQ(t.shape(), "[1 own='' 2:[2 own=- 4:[2 own='B' 3:'Bc']]]");
-  EXPECT_EQ(vepra_trie_search(t.trie, nullptr, 0), tag(0));
-  std::string seen;
-  auto upto_b = [](size_t n, const char *key, void *data, void *user) {
-    *static_cast<std::string *>(user) += "<" + std::string(key, n) + ">";
-    EXPECT_EQ(data, tag(n));
-    return n == 1 ? 42 : 0;
-  };
-  EXPECT_EQ(vepra_trie_walk_int_first(t.trie, upto_b, &seen), 42);
-  EXPECT_EQ(seen, "<><B>");
-}
-
-TEST_P(TrieTest, NodeOfUnknownKindIsReportedNotFollowed) {
-  Trie t(heap(), pool_);
-  ASSERT_EQ(t.insert("A", tag(0)), nullptr);
-  ASSERT_EQ(t.insert("B", tag(1)), nullptr);
+// The steps of trie_steps.tsv: counts a deletion leaves, prefixes, the
+// empty key, stopped walks and a node of unknown kind, each by the shape.
+TEST_P(TrieTest, StepsLeaveTheListedShapes) {
+  std::optional<Trie> t;
   TrieNode alien{7};
-  TrieNode *&slot = reinterpret_cast<TrieInner *>(t.trie->root)->child[3];
-  slot = &alien;
-  for (const char *key : {"C", "S"})  // 0x43 meets it, 0x53 would pass it
-    EXPECT_EQ(take_printed(t.insert(key, tag(2))),
-              insert_failure(120091, "Incorrect node type in trie. "));
-  EXPECT_EQ(t.shape(), "[2 own=- 1:'A' 2:'B' 3:?]");
-  EXPECT_EQ(t.search("C"), nullptr);
-  EXPECT_EQ(walked(t.trie).size(), 2u);
-  t.remove("A");  // the alien keeps the root from folding into 'B'
-  t.remove("C");
-  EXPECT_EQ(t.shape(), "[0 own=- 2:'B' 3:?]");
-  slot = nullptr;
+  for (auto row : table_rows(VEPRA_TEST_DATA_DIR "/containers/trie_steps.tsv")) {
+    row.resize(3);
+    const std::string &op = row[0], key = row[1].substr(1, row[1].size() - 2), &want = row[2];
+    SCOPED_TRACE(op + " " + row[1]);
+    if (op == "new") {
+      t.emplace(heap(), pool_);
+    } else if (op == "insert") {
+      EXPECT_EQ(take_printed(t->insert(key, tag(key.size()))),
+                want == "-" ? "" : insert_failure(std::stoi(want), want.substr(7) + " "));
+    } else if (op == "search") {
+      void *found = vepra_trie_search(t->trie, key.empty() ? nullptr : key.data(), key.size());
+      EXPECT_EQ(found, want == "-" ? nullptr : tag(std::stoul(want)));
+    } else if (op == "walk") {
+      std::pair<std::string, std::string> seen{row[1], ""};  // stop key, keys seen
+      auto until = [](size_t n, const char *k, void *data, void *user) {
+        auto *s = static_cast<std::pair<std::string, std::string> *>(user);
+        EXPECT_EQ(data, tag(n));
+        s->second += "<" + std::string(k, n) + ">";
+        return s->first == "'" + std::string(k, n) + "'" ? 42 : 0;
+      };
+      const int stopped = vepra_trie_walk_int_first(t->trie, until, &seen);
+      EXPECT_EQ(seen.second, want);
+      EXPECT_EQ(stopped, row[1] == "-" ? 0 : 42);
+    } else {
+      if (op == "delete") t->remove(key);
+      if (op == "plant" || op == "unplant")
+        reinterpret_cast<TrieInner *>(t->trie->root)->child[std::stoi(key)] =
+            op == "plant" ? &alien : nullptr;
+      EXPECT_EQ(t->shape(), want);
+    }
+  }
+  EXPECT_TRUE(t.has_value());  // the table was read
 }
 
 TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
