@@ -70,9 +70,12 @@ struct Trie {
     EXPECT_EQ(heap ? vepra_triem_create(&trie) : vepra_trie_create(&trie, pool), nullptr);
   }
   ~Trie() { heap ? vepra_triem_destroy(&trie) : vepra_trie_destroy(&trie); }
+  vepra_error_t *insert(const char *key, size_t n, void *data) {
+    return heap ? vepra_triem_insert(trie, key, n, data)
+                : vepra_trie_insert(trie, key, n, data, pool);
+  }
   vepra_error_t *insert(const std::string &key, void *data) {
-    return heap ? vepra_triem_insert(trie, key.data(), key.size(), data)
-                : vepra_trie_insert(trie, key.data(), key.size(), data, pool);
+    return insert(key.data(), key.size(), data);
   }
   void remove(const std::string &key) {
     heap ? vepra_triem_delete(trie, key.data(), key.size())
@@ -198,13 +201,11 @@ TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
                     vepra_triem_destroy, vepra_trie_create, vepra_triem_create);
   Trie t(heap(), pool_);
   EXPECT_EQ(t.search("a"), nullptr);
-  EXPECT_EQ(take_printed(heap() ? vepra_triem_insert(t.trie, nullptr, 3, tag(0))
-                                : vepra_trie_insert(t.trie, nullptr, 3, tag(0), pool_)),
+  EXPECT_EQ(take_printed(t.insert(nullptr, 3, tag(0))),
             insert_failure(120086, "Wrong key of leaf. "));
   // A length whose leaf size would overflow is refused before the key is read.
   const size_t absurd = SIZE_MAX - sizeof(TrieLeaf);
-  EXPECT_EQ(take_printed(heap() ? vepra_triem_insert(t.trie, "a", absurd, tag(0))
-                                : vepra_trie_insert(t.trie, "a", absurd, tag(0), pool_)),
+  EXPECT_EQ(take_printed(t.insert("a", absurd, tag(0))),
             insert_failure(120012, "Failed to allocate " +
                                        std::to_string(heap() ? absurd + 1 : SIZE_MAX) +
                                        " bytes of memory. "));
@@ -227,16 +228,13 @@ TEST_P(TrieTest, VeryDeepTriesNeedNoRecursion) {
   b.back() = 'l';
   ASSERT_EQ(t.insert(a, tag(0)), nullptr);
   ASSERT_EQ(t.insert(b, tag(1)), nullptr);
+  int visits = 0;
   auto count = [](size_t, const char *, void *, void *user) -> vepra_error_t * {
     ++*static_cast<int *>(user);
     return nullptr;
   };
-  int visits = 0;
   long growths = for_each_allocation_failure(
-      [&] {
-        visits = 0;
-        return vepra_trie_walk_err_first(t.trie, count, &visits);
-      },
+      [&] { return vepra_trie_walk_err_first(t.trie, count, &(visits = 0)); },
       [&](vepra_error_t *e, long n) {
         EXPECT_EQ(take_printed(vepra_error_dup(e)),
                   "Error(120012): Cannot walk trie. \nError(120012): Failed to allocate " +
