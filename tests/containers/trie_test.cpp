@@ -77,10 +77,11 @@ struct Trie {
   vepra_error_t *insert(const std::string &key, void *data) {
     return insert(key.data(), key.size(), data);
   }
-  void remove(const std::string &key) {
-    heap ? vepra_triem_delete(trie, key.data(), key.size())
-         : vepra_trie_delete(trie, key.data(), key.size());
+  // The empty key goes as a null pointer, a key of n bytes from null as nothing.
+  void remove(const char *key, size_t n) {
+    heap ? vepra_triem_delete(trie, key, n) : vepra_trie_delete(trie, key, n);
   }
+  void remove(const std::string &key) { remove(key.empty() ? nullptr : key.data(), key.size()); }
   void *search(const std::string &key) const {
     return vepra_trie_search(trie, key.data(), key.size());
   }
@@ -201,6 +202,9 @@ TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
                     vepra_triem_destroy, vepra_trie_create, vepra_triem_create);
   Trie t(heap(), pool_);
   EXPECT_EQ(t.search("a"), nullptr);
+  ASSERT_EQ(t.insert("", tag(0)), nullptr);
+  t.remove(nullptr, 1);
+  EXPECT_EQ(t.shape(), "''");
   EXPECT_EQ(take_printed(t.insert(nullptr, 3, tag(0))),
             insert_failure(120086, "Wrong key of leaf. "));
   // A length whose leaf size would overflow is refused before the key is read.
@@ -209,6 +213,7 @@ TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
             insert_failure(120012, "Failed to allocate " +
                                        std::to_string(heap() ? absurd + 1 : SIZE_MAX) +
                                        " bytes of memory. "));
+  t.remove("");
   EXPECT_EQ(t.trie->root, nullptr);
   if (heap()) return;
   EXPECT_EQ(take_printed(vepra_trie_insert(t.trie, "a", 1, tag(0), nullptr)),
