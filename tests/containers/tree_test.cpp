@@ -184,13 +184,6 @@ TEST_F(TreeTest, StepsOnASmallForest) {
     row.resize(6);
     const std::string &op = row[0];
     SCOPED_TRACE(op + " " + row[1] + " " + row[2]);
-    vepra_tree_t *at = n[row[1] == "-" ? 0 : std::stoi(row[1])];
-    int arg = row[2] == "-" ? 0 : std::stoi(row[2]);
-    FailOn w{op == "delete_obj" ? 0 : arg, user_error(125990, "keep")};
-    std::string result = "-";
-    auto outcome = [&](vepra_error_t *e) {
-      return e == nullptr ? "-" : e == w.error ? "error" : take_printed(e);
-    };
     if (op == "new") {  // 1 (2 (4 5) 3)  6 (7), and 9 alone
       n.clear();
       for (auto [p, k] : {std::pair{0, 1}, {1, 2}, {1, 3}, {2, 4}, {2, 5}, {0, 6}, {6, 7}})
@@ -199,7 +192,15 @@ TEST_F(TreeTest, StepsOnASmallForest) {
                   nullptr);
       ASSERT_EQ(vepra_tree_create(9, id(9), &n[9], pool_), nullptr);
       continue;
-    } else if (op == "walk_int" || op == "walk_int_post") {
+    }
+    vepra_tree_t *at = n[row[1] == "-" ? 0 : std::stoi(row[1])];
+    int arg = row[2] == "-" ? 0 : std::stoi(row[2]);
+    FailOn w{op == "delete_obj" ? 0 : arg, user_error(125990, "keep")};
+    std::string result = "-";
+    auto outcome = [&](vepra_error_t *e) {
+      return e == nullptr ? "-" : e == w.error ? "error" : take_printed(e);
+    };
+    if (op == "walk_int" || op == "walk_int_post") {
       result = std::to_string(
           vepra_tree_walk_int_first(at, op == "walk_int" ? stop_on : nullptr, stop_on, &w));
     } else if (op == "walk_err_pre") {
