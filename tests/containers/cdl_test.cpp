@@ -1,6 +1,7 @@
 // Circular slot lists against a vector of slots: every step checks the
 // chain, the handle, the counts and every walk form in its own order.
 #include <algorithm>
+#include <array>
 #include <random>
 #include <string>
 #include <vector>
@@ -45,20 +46,14 @@ TEST_F(CdlTest, RandomOperationsMatchSlotModel) {
     std::vector<Slot> model;
     size_t handle = 0;
     vepra_dl_t *list = nullptr;
-    auto nth_node = [&](size_t i) {
-      vepra_dl_t *n = vepra_cdl_get_first(list);
-      while (i-- > 0) n = n->next;
-      return n;
-    };
+    auto nth_node = [&](size_t i) { return vepra_dl_get_n(list, i); };  // slots, free ones too
     for (int k = 1; k <= 120; ++k) {
       vepra_dl_t *made = nullptr;
       unsigned op = rng() % 9;
       size_t at = model.empty() ? 0 : rng() % model.size();
       if (op < 3) {  // append, prepend, or just after the handle
-        using Add =
-            vepra_error_t *(*)(vepra_dl_t **, uint32_t, void *, vepra_dl_t **, apr_pool_t *);
-        constexpr Add adds[] = {vepra_cdl_append, vepra_cdl_prepend, vepra_cdl_add};
-        ASSERT_EQ(adds[op](&list, static_cast<uint32_t>(k), id(k), &made, pool_), nullptr);
+        auto add = std::array{vepra_cdl_append, vepra_cdl_prepend, vepra_cdl_add}[op];
+        ASSERT_EQ(add(&list, static_cast<uint32_t>(k), id(k), &made, pool_), nullptr);
         size_t pos = op == 0 ? model.size() : op == 1 ? 0 : std::min(handle + 1, model.size());
         model.insert(model.begin() + static_cast<long>(pos), {k, true});
         handle += op == 1 && model.size() > 1;

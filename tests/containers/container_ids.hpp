@@ -77,7 +77,7 @@ void expect_walk_forms(L *l, const WalkForms<L> &w, const std::vector<int> &orde
     EXPECT_EQ(w.err_first(l, fail_on<>, &stop), found ? stop.error : nullptr);
     EXPECT_EQ(stop.seen, std::vector<int>(order.begin(), found ? hit + 1 : hit));
   }
-  if (w.err_or_ptr_first != nullptr) {
+  if (w.err_or_ptr_first != nullptr) {  // stops on a stored pointer or an error
     auto take = [](uint32_t, void *data, void *, void **out) -> vepra_error_t * {
       if (third(id_of(data))) *out = data;
       return nullptr;
@@ -85,6 +85,15 @@ void expect_walk_forms(L *l, const WalkForms<L> &w, const std::vector<int> &orde
     void *slot = nullptr;
     EXPECT_EQ(w.err_or_ptr_first(l, take, nullptr, &slot), nullptr);
     EXPECT_EQ(slot, found ? id(*hit) : nullptr);
+    FailOn stop{found ? *hit : -1, VepraDLlistStopWalking};
+    slot = nullptr;
+    EXPECT_EQ(w.err_or_ptr_first(l, fail_on<void **>, &stop, &slot), found ? stop.error : nullptr);
+    EXPECT_EQ(stop.seen, std::vector<int>(order.begin(), found ? hit + 1 : hit));
+    // A slot already set is not cleared: the walk stops after one call.
+    stop = {-1, nullptr, {}};
+    slot = id(9);
+    EXPECT_EQ(w.err_or_ptr_first(l, fail_on<void **>, &stop, &slot), nullptr);
+    EXPECT_EQ(stop.seen.size(), std::min<size_t>(order.size(), 1));
   }
 }
 

@@ -19,10 +19,13 @@ const WalkForms<vepra_sl_t> kListWalks{vepra_sl_walk, vepra_sl_walk_int_first,
 const WalkForms<vepra_stk_t> kStackWalks{vepra_stk_walk, nullptr, vepra_stk_walk_ptr_first,
                                          vepra_stk_walk_err_first};
 
+using Add = vepra_error_t *(*)(vepra_sl_t **, uint32_t, void *, apr_pool_t *);
+constexpr Add kAdds[] = {vepra_sl_front, vepra_sl_append, vepra_sl_add};
+
 class SlTest : public LibraryTest {};
 
 // A list and a stack driven side by side: the stack walks are the list
-// walks from the top, and a copy pops in the same order.
+// walks from the top. Copies are checked below, element by element.
 TEST_F(SlTest, RandomOperationsMatchVectorModels) {
   std::mt19937 rng(4242);
   for (int round = 0; round < 30; ++round) {
@@ -33,15 +36,10 @@ TEST_F(SlTest, RandomOperationsMatchVectorModels) {
     for (int k = 1; k <= 80; ++k) {
       const size_t at = model.empty() ? 0 : rng() % model.size();
       const unsigned op = rng() % 10;
-      if (op == 0) {
-        ASSERT_EQ(vepra_sl_front(&list, 1000u + k, id(k), pool_), nullptr);
-        model.insert(model.begin(), k);
-      } else if (op == 1) {
-        ASSERT_EQ(vepra_sl_append(&list, 1000u + k, id(k), pool_), nullptr);
-        model.push_back(k);
-      } else if (op == 2) {  // second, or first in an empty list
-        ASSERT_EQ(vepra_sl_add(&list, 1000u + k, id(k), pool_), nullptr);
-        model.insert(model.begin() + (model.empty() ? 0 : 1), k);
+      if (op < 3) {  // at the front, at the back, second (first in an empty list)
+        ASSERT_EQ(kAdds[op](&list, 1000u + k, id(k), pool_), nullptr);
+        const size_t to = op == 0 || model.empty() ? 0 : op == 1 ? model.size() : 1;
+        model.insert(model.begin() + static_cast<long>(to), k);
       } else if (op == 3) {  // unlink the node after position at (nothing at the end)
         vepra_sl_delete_next(vepra_sl_get_n(list, at));
         if (at + 1 < model.size()) model.erase(model.begin() + static_cast<long>(at) + 1);
@@ -60,13 +58,6 @@ TEST_F(SlTest, RandomOperationsMatchVectorModels) {
       } else if (rng() % 10 == 0) {
         vepra_stk_destroy(stack);
         stacked.clear();
-      } else {
-        vepra_stk_t *copy = nullptr;
-        ASSERT_EQ(vepra_stk_copy(stack, &copy, pool_), nullptr);
-        ASSERT_EQ(vepra_stk_count(copy), stacked.size());
-        for (auto it = stacked.rbegin(); it != stacked.rend(); ++it)
-          EXPECT_EQ(vepra_stk_pop(copy), id(*it));
-        EXPECT_EQ(vepra_stk_pop(copy), nullptr);
       }
       expect_walk_forms(list, kListWalks, model, plus_1000);
       EXPECT_EQ(vepra_sl_get_n(list, model.size()), nullptr);
@@ -106,8 +97,7 @@ TEST_F(SlTest, NullsAreQuietAndACopyOfNothingIsEmpty) {
 // A pool that runs dry at every node in turn: adding fails with 120140 and
 // leaves the list as it was; a copy keeps the elements made so far.
 TEST_F(SlTest, PoolFailuresLeaveListsAndStacksConsistent) {
-  using Add = vepra_error_t *(*)(vepra_sl_t **, uint32_t, void *, apr_pool_t *);
-  for (Add add : {vepra_sl_front, vepra_sl_append, vepra_sl_add}) {
+  for (Add add : kAdds) {
     vepra_sl_t *list = nullptr;
     for (int k = 1; k <= 3; ++k) ASSERT_EQ(vepra_sl_append(&list, k, id(k), pool_), nullptr);
     EXPECT_EQ(expect_alloc_failures([&] { return add(&list, 0, id(9), pool_); },
@@ -130,12 +120,14 @@ TEST_F(SlTest, PoolFailuresLeaveListsAndStacksConsistent) {
       [&] {
         vepra_stk_t *copy = nullptr;
         vepra_error_t *e = vepra_stk_copy(stack, &copy, pool_);
-        // The copy holds exactly the elements made before the failure.
+        // The copy holds exactly the elements made before the failure, all
+        // of them in order when none failed.
         Ids seen;
         vepra_stk_walk(copy, record, &seen);
         EXPECT_EQ(vepra_stk_count(copy), seen.size());
         const Ids order{3, 2, 1};
-        EXPECT_TRUE(seen.size() <= 3 && std::equal(seen.begin(), seen.end(), order.begin()));
+        EXPECT_TRUE(seen.size() <= 3 && std::equal(seen.begin(), seen.end(), order.begin()) &&
+                    (e != nullptr || seen.size() == 3));
         return e;
       },
       [](vepra_error_t *e, long n) {

@@ -87,7 +87,7 @@ class TreeTest : public LibraryTest {};
 
 // Pool nodes only: the heap flavour shares every linking and walking path,
 // and its own allocation and freeing are checked below and by the corpus
-// replay of the containers fuzzer.
+// replay of the containers fuzzer, which also extracts subtrees.
 TEST_F(TreeTest, RandomOperationsMatchChildrenModel) {
   std::mt19937 rng(4242);
   for (int round = 0; round < 12; ++round) {
@@ -102,7 +102,7 @@ TEST_F(TreeTest, RandomOperationsMatchChildrenModel) {
       int k = next_id++;
       auto tag = static_cast<uint32_t>(k);
       vepra_tree_t *made = nullptr;
-      unsigned op = m.nodes.size() == 1 ? 0 : rng() % 10;
+      unsigned op = m.nodes.size() == 1 ? 0 : rng() % 9;
       int target = m.nodes.size() == 1 ? 0 : random_node();
       vepra_tree_t *at = target != 0 ? real[target] : nullptr;
       // Keeps the caller's handle off a top-level node about to go away.
@@ -112,18 +112,15 @@ TEST_F(TreeTest, RandomOperationsMatchChildrenModel) {
       if (op < 2) {  // append at the top level
         ASSERT_EQ(vepra_tree_append(&tree, tag, id(k), &made, pool_), nullptr);
         m.insert(0, m.nodes[0].kids.size(), k);
-      } else if (op < 4) {
-        ASSERT_EQ(vepra_tree_append_child(at, tag, id(k), &made, pool_), nullptr);
-        m.insert(target, m.nodes[target].kids.size(), k);
-      } else if (op == 4) {
-        ASSERT_EQ(vepra_tree_prepend_child(at, tag, id(k), &made, pool_), nullptr);
-        m.insert(target, 0, k);
+      } else if (op < 5) {  // a last child, or (op 4) a first one
+        auto add = op == 4 ? vepra_tree_prepend_child : vepra_tree_append_child;
+        ASSERT_EQ(add(at, tag, id(k), &made, pool_), nullptr);
+        m.insert(target, op == 4 ? 0 : m.nodes[target].kids.size(), k);
       } else if (op == 5) {  // a sibling directly before or after a node
-        bool after = rng() % 2 == 0;
+        const bool after = rng() % 2 == 0;
         vepra_tree_t *h = at;
-        ASSERT_EQ(after ? vepra_tree_add_after(&h, tag, id(k), &made, pool_)
-                        : vepra_tree_add_before(&h, tag, id(k), &made, pool_),
-                  nullptr);
+        auto add = after ? vepra_tree_add_after : vepra_tree_add_before;
+        ASSERT_EQ(add(&h, tag, id(k), &made, pool_), nullptr);
         EXPECT_EQ(h, at);
         auto &sib = m.siblings(target);
         size_t pos = static_cast<size_t>(std::find(sib.begin(), sib.end(), target) - sib.begin());
@@ -133,13 +130,6 @@ TEST_F(TreeTest, RandomOperationsMatchChildrenModel) {
           vepra_tree_node_delete_func(at, record_deleted, &order);
         else  // searched for from the top
           vepra_tree_delete_obj_func(vepra_tree_get_top(at), id(target), record_deleted, &order);
-        expect = m.remove(target);
-      } else if (op == 8) {  // extract a subtree, check it stands alone, delete it
-        size_t size = m.order(false, {target}).size();
-        ASSERT_EQ(vepra_tree_extract(at), at);
-        EXPECT_TRUE(at->parent == nullptr && at->prev == nullptr && at->next == nullptr);
-        EXPECT_EQ(vepra_tree_count(at), size);
-        vepra_tree_delete_func(at, record_deleted, &order);
         expect = m.remove(target);
       } else if (m.nodes[target].parent != 0 || rng() % 4 == 0) {  // a sibling list, rarely the top
         int parent = m.nodes[target].parent;
@@ -175,88 +165,73 @@ TEST_F(TreeTest, RandomOperationsMatchChildrenModel) {
   }
 }
 
-// A small fixed forest:  1 (2 (4 5) 3)  6 (7)
-struct Forest {
-  vepra_tree_t *top = nullptr;
-  std::map<int, vepra_tree_t *> n;
-};
-Forest small_forest(apr_pool_t *pool) {
-  Forest f;
-  for (auto [p, k] : {std::pair{0, 1}, {1, 2}, {1, 3}, {2, 4}, {2, 5}, {0, 6}, {6, 7}})
-    EXPECT_EQ(p == 0 ? vepra_tree_append(&f.top, 0, id(k), &f.n[k], pool)
-                     : vepra_tree_append_child(f.n[p], 0, id(k), &f.n[k], pool),
-              nullptr);
-  return f;
-}
-
 int stop_on(uint32_t, void *data, void *user) {
   return hit(data, user) ? static_cast<FailOn *>(user)->id : 0;
 }
+int is_id(uint32_t, void *data, void *user) { return id_of(data) == *static_cast<int *>(user); }
+std::string joined(const Ids &ids) {
+  std::string out;
+  for (int k : ids) out += (out.empty() ? "" : " ") + std::to_string(k);
+  return out;
+}
 
-TEST_F(TreeTest, WalksStopOnEitherCallbackAndSearchLooksBelow) {
-  Forest f = small_forest(pool_);
-  // Stopping in pre skips the children and post; in post, the rest.
-  for (auto [pre, fail, seen] : {std::tuple{true, 1, Ids{1}}, {false, 5, Ids{4, 5}}}) {
-    FailOn w{fail};
-    EXPECT_EQ(vepra_tree_walk_int_first(f.n[6], pre ? stop_on : nullptr, stop_on, &w), fail);
-    EXPECT_EQ(w.seen, seen);
+// The steps of tree_steps.tsv on a small forest: walks stopped by either
+// callback, searches, deletions stopped by an error and refused insertions.
+TEST_F(TreeTest, StepsOnASmallForest) {
+  std::map<int, vepra_tree_t *> n;  // by id; 0 for none
+  auto name = [](vepra_tree_t *t) { return t == nullptr ? "-" : std::to_string(id_of(t->data)); };
+  for (auto row : table_rows(VEPRA_TEST_DATA_DIR "/containers/tree_steps.tsv")) {
+    row.resize(6);
+    const std::string &op = row[0];
+    SCOPED_TRACE(op + " " + row[1] + " " + row[2]);
+    if (op == "new") {  // 1 (2 (4 5) 3)  6 (7), and 9 alone
+      n.clear();
+      for (auto [p, k] : {std::pair{0, 1}, {1, 2}, {1, 3}, {2, 4}, {2, 5}, {0, 6}, {6, 7}})
+        ASSERT_EQ(p == 0 ? vepra_tree_append(&n[1], 0, id(k), &n[k], pool_)
+                         : vepra_tree_append_child(n[p], 0, id(k), &n[k], pool_),
+                  nullptr);
+      ASSERT_EQ(vepra_tree_create(9, id(9), &n[9], pool_), nullptr);
+      continue;
+    }
+    vepra_tree_t *at = n[row[1] == "-" ? 0 : std::stoi(row[1])];
+    int arg = row[2] == "-" ? 0 : std::stoi(row[2]);
+    FailOn w{op == "delete_obj" ? 0 : arg, user_error(125990, "keep")};
+    std::string result = "-";
+    auto outcome = [&](vepra_error_t *e) {
+      return e == nullptr ? "-" : e == w.error ? "error" : take_printed(e);
+    };
+    if (op == "walk_int" || op == "walk_int_post") {
+      result = std::to_string(
+          vepra_tree_walk_int_first(at, op == "walk_int" ? stop_on : nullptr, stop_on, &w));
+    } else if (op == "walk_err_pre") {
+      result = outcome(vepra_tree_walk_err_first(at, fail_on, nullptr, &w));
+    } else if (op == "walk") {
+      vepra_tree_walk(at, record, record, &w.seen);
+    } else if (op == "search_func") {
+      result = name(vepra_tree_search_func(at, is_id, &arg));
+    } else if (op == "last" || op == "parent" || op == "extract") {
+      result = name(op == "last"     ? vepra_tree_get_last(at)
+                    : op == "parent" ? vepra_tree_get_parent(at)
+                                     : vepra_tree_extract(at));
+    } else if (op == "delete_errfunc" || op == "node_delete_errfunc") {
+      auto del =
+          op == "delete_errfunc" ? vepra_tree_delete_errfunc : vepra_tree_node_delete_errfunc;
+      result = outcome(del(at, fail_on<void *>, &w));
+    } else if (op == "delete_obj") {
+      result = outcome(vepra_tree_delete_obj_errfunc(at, id(arg), fail_on<void *>, &w));
+    } else {
+      auto insert = op == "insert_after" ? vepra_tree_insert_after : vepra_tree_insert_before;
+      result = outcome(insert(at, n[arg]));
+    }
+    vepra_error_clear(w.error);
+    EXPECT_EQ(result, row[3]);
+    EXPECT_EQ(joined(w.seen), row[4]);
+    EXPECT_EQ(joined(walked(n[1], true)), row[5]);
   }
-  FailOn w{4, VepraDLlistStopWalking};
-  EXPECT_EQ(vepra_tree_walk_err_first(f.top, fail_on, nullptr, &w), VepraDLlistStopWalking);
-  EXPECT_EQ(w.seen, (Ids{1, 2, 4}));
-  Ids both;
-  vepra_tree_walk(f.n[2]->child, record, record, &both);  // a subtree's list only
-  EXPECT_EQ(both, (Ids{4, 4, 5, 5}));
-  auto is_five = [](uint32_t, void *data, void *) { return int(id_of(data) == 5); };
-  EXPECT_EQ(vepra_tree_search_func(f.n[6], is_five, nullptr), f.n[5]);
-  EXPECT_EQ(vepra_tree_search_func(f.n[7], is_five, nullptr), nullptr);
-  EXPECT_EQ(vepra_tree_get_last(f.n[2]), f.n[3]);
-  EXPECT_EQ(vepra_tree_get_parent(f.n[4]), f.n[2]);
+  EXPECT_EQ(n.count(9), 1u);  // the table was read
 }
 
-TEST_F(TreeTest, DeletionsByObjectAndErrfuncStopAtTheFirstError) {
-  Forest f = small_forest(pool_);
-  FailOn fail{4, user_error(125990, "keep")};
-  EXPECT_EQ(vepra_tree_delete_errfunc(f.n[1], fail_on<void *>, &fail), fail.error);
-  EXPECT_EQ(fail.seen, Ids{4});
-  EXPECT_EQ(f.n[4]->parent, nullptr);  // the failing node was unlinked first
-  EXPECT_EQ(walked(f.top, true), (Ids{1, 2, 5, 3, 6, 7}));
-  fail = {3, fail.error};
-  EXPECT_EQ(vepra_tree_node_delete_errfunc(f.n[1], fail_on<void *>, &fail), fail.error);
-  EXPECT_EQ(fail.seen, (Ids{5, 2, 3}));
-  EXPECT_EQ(walked(f.top, true), (Ids{1, 6, 7}));
-  EXPECT_EQ(f.n[1]->child, nullptr);
-  vepra_error_clear(fail.error);
-  fail = {};
-  EXPECT_EQ(vepra_tree_delete_obj_errfunc(f.top, id(99), fail_on<void *>, &fail), nullptr);
-  EXPECT_EQ(vepra_tree_delete_obj_errfunc(f.top, id(6), fail_on<void *>, &fail), nullptr);
-  EXPECT_EQ(fail.seen, (Ids{7, 6}));
-}
-
-TEST_F(TreeTest, InsertionRejectsBadNodes) {
-  Forest f = small_forest(pool_);
-  const std::string invalid = "Error(120120): Tree insertion error: invalid pointer. ";
-  vepra_tree_t *lone = nullptr;
-  ASSERT_EQ(vepra_tree_create(9, id(9), &lone, pool_), nullptr);
-  vepra_tree_extract(f.n[2]);  // cannot hang below one of its own nodes
-  for (auto [at, node] : {std::pair{(vepra_tree_t *)nullptr, lone},
-                          {f.n[1], nullptr},
-                          {f.n[4], f.n[6]},
-                          {f.n[4], f.n[2]},
-                          {lone, lone}}) {
-    EXPECT_EQ(take_printed(vepra_tree_insert_after(at, node)), invalid);
-    EXPECT_EQ(take_printed(vepra_tree_insert_before(at, node)), invalid);
-  }
-  EXPECT_EQ(take_printed(vepra_tree_prepend_child(nullptr, 0, nullptr, nullptr, pool_)), invalid);
-  EXPECT_EQ(take_printed(vepra_treem_append_child(nullptr, 0, nullptr, nullptr)), invalid);
-  EXPECT_EQ(take_printed(vepra_tree_prepend(nullptr, 0, nullptr, nullptr, pool_)),
-            "Error(120120): Unable to prepend Tree node. \n" + invalid);
-  ASSERT_EQ(vepra_tree_insert_after(f.n[1], lone), nullptr);
-  ASSERT_EQ(vepra_tree_insert_before(f.n[7], f.n[2]), nullptr);
-  EXPECT_EQ(f.n[2]->parent, f.n[6]);
-  EXPECT_EQ(walked(f.top, true), (Ids{1, 3, 9, 6, 2, 4, 5, 7}));
-}
-
+// Null is quiet where nothing is asked for, and refused where a node is.
 TEST_F(TreeTest, NullIsQuietForAccessorsAndDeletions) {
   uint32_t tag = 5;
   EXPECT_EQ(vepra_tree_get_data_tag(nullptr, &tag), nullptr);
@@ -270,6 +245,11 @@ TEST_F(TreeTest, NullIsQuietForAccessorsAndDeletions) {
                     vepra_tree_walk, vepra_tree_walk_int_first);
   vepra_tree_t *empty = nullptr;
   expect_quiet_with(&empty, vepra_treem_destroy_func);
+  const std::string invalid = "Error(120120): Tree insertion error: invalid pointer. ";
+  EXPECT_EQ(take_printed(vepra_tree_prepend_child(nullptr, 0, nullptr, nullptr, pool_)), invalid);
+  EXPECT_EQ(take_printed(vepra_treem_append_child(nullptr, 0, nullptr, nullptr)), invalid);
+  EXPECT_EQ(take_printed(vepra_tree_prepend(nullptr, 0, nullptr, nullptr, pool_)),
+            "Error(120120): Unable to prepend Tree node. \n" + invalid);
 }
 
 TEST_F(TreeTest, HeapAllocationFailuresLeaveTheTreeUnchanged) {
