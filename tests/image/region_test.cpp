@@ -33,7 +33,8 @@ class RegionTest : public vepra_test::LibraryTest {
     img_.photometric = 1;
   }
 
-  vepra_img_measure_t measure(const vepra_img_roi_t &roi, const vepra_img_plate_t *plate = nullptr) {
+  vepra_img_measure_t measure(const vepra_img_roi_t &roi,
+                              const vepra_img_plate_t *plate = nullptr) {
     vepra_img_measure_t m{};
     EXPECT_EQ(vepra_img_measure_roi(&img_, &roi, plate, &m), nullptr);
     return m;
@@ -49,7 +50,8 @@ double brute_coverage(const vepra_img_roi_t &roi, double scale_in, double scale_
   auto inside = [&](double x, double y, double k) {
     if (roi.shape == VEPRA_IMG_ROI_RECT) {
       const double cx = (roi.x + roi.a) / 2, cy = (roi.y + roi.b) / 2;
-      const double hx = (std::fabs(roi.a - roi.x) + 1) / 2 * k, hy = (std::fabs(roi.b - roi.y) + 1) / 2 * k;
+      const double hx = (std::fabs(roi.a - roi.x) + 1) / 2 * k,
+                   hy = (std::fabs(roi.b - roi.y) + 1) / 2 * k;
       return std::fabs(x - cx) <= hx && std::fabs(y - cy) <= hy;
     }
     const double a = roi.a;
@@ -71,13 +73,13 @@ TEST_F(RegionTest, AgreesWithBruteForceAndClipsAtEveryBorder) {
   make(60, 45);
   const vepra_img_roi_t rois[] = {
       {VEPRA_IMG_ROI_CIRCLE, 30, 22, 9.5, 0, 0, 0},
-      {VEPRA_IMG_ROI_CIRCLE, 2.3, 20, 7, 0, 0, 0},    // left border
-      {VEPRA_IMG_ROI_CIRCLE, 58, 3, 6.2, 0, 0, 0},    // top right corner
-      {VEPRA_IMG_ROI_ELLIPSE, 30, 43, 12, 5, 0, 0},   // bottom border
+      {VEPRA_IMG_ROI_CIRCLE, 2.3, 20, 7, 0, 0, 0},   // left border
+      {VEPRA_IMG_ROI_CIRCLE, 58, 3, 6.2, 0, 0, 0},   // top right corner
+      {VEPRA_IMG_ROI_ELLIPSE, 30, 43, 12, 5, 0, 0},  // bottom border
       {VEPRA_IMG_ROI_ELLIPSE, 20.5, 15.5, 3, 9, 0, 0},
-      {VEPRA_IMG_ROI_RECT, 55, 40, 70, 50, 0, 0},     // right and bottom
+      {VEPRA_IMG_ROI_RECT, 55, 40, 70, 50, 0, 0},  // right and bottom
       {VEPRA_IMG_ROI_RECT, 10, 5, 3, 1, 0, 0},
-      {VEPRA_IMG_ROI_CIRCLE, 30, 22, 4, 0, 6, 10},    // with a ring
+      {VEPRA_IMG_ROI_CIRCLE, 30, 22, 4, 0, 6, 10},  // with a ring
       {VEPRA_IMG_ROI_ELLIPSE, 12, 30, 6, 3, 1.5, 2.5},
       {VEPRA_IMG_ROI_RECT, 40, 10, 44, 13, 0, 2},
   };
@@ -134,14 +136,16 @@ TEST_F(RegionTest, AgreesWithBruteForceAndClipsAtEveryBorder) {
 TEST_F(RegionTest, AnalyticAreasAndPsl) {
   make(700, 700, 1000);
   const vepra_img_plate_t plate{50, 4000, 5};
-  const vepra_img_measure_t m = measure({VEPRA_IMG_ROI_CIRCLE, 350.3, 349.8, 200, 0, 220, 300}, &plate);
+  const vepra_img_measure_t m =
+      measure({VEPRA_IMG_ROI_CIRCLE, 350.3, 349.8, 200, 0, 220, 300}, &plate);
   const double pi = std::acos(-1.0);
   EXPECT_NEAR(m.region.area, pi * 200 * 200, 2.0);
   EXPECT_NEAR(m.ring.area, pi * (300.0 * 300 - 220.0 * 220), 4.0);
   EXPECT_NEAR(m.region.sum, 1000 * m.region.area, 1e-6 * m.region.sum);
   EXPECT_NEAR(m.corrected, 0, 1e-6 * m.region.sum);
   // PSL of sample 1000 under BlackIsZero, as vepra_img_calc_fujiri gives it.
-  const double psl = (4000.0 / 4000) * (50.0 * 50 / 10000) * std::pow(10.0, ((65535.0 - 1000) / 65535 - 0.5) * 5);
+  const double psl =
+      (4000.0 / 4000) * (50.0 * 50 / 10000) * std::pow(10.0, ((65535.0 - 1000) / 65535 - 0.5) * 5);
   EXPECT_NEAR(m.region.psl_sum, psl * m.region.area, 1e-9 * m.region.psl_sum);
   EXPECT_NEAR(m.psl_corrected, 0, 1e-9 * m.region.psl_sum);
   const vepra_img_measure_t e = measure({VEPRA_IMG_ROI_ELLIPSE, 350, 350, 250, 100, 0, 0});
@@ -160,7 +164,8 @@ TEST_F(RegionTest, RefusesMalformedRegions) {
       {VEPRA_IMG_ROI_CIRCLE, 1, 1, 2, 0, -1, 4},
   };
   for (const vepra_img_roi_t &roi : bad) {
-    const std::string text = vepra_test::take_printed(vepra_img_measure_roi(&img_, &roi, nullptr, &m));
+    const std::string text =
+        vepra_test::take_printed(vepra_img_measure_roi(&img_, &roi, nullptr, &m));
     EXPECT_NE(text.find("Cannot measure image region."), std::string::npos) << text;
   }
   vepra_test::Chain none(vepra_img_measure_roi(&img_, nullptr, nullptr, &m));
