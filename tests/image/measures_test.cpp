@@ -1,5 +1,7 @@
 // Histogram, entropy, IsoData threshold, data mask, PSL and optical density,
-// checked against counts in a std::map and the formulas evaluated per pixel.
+// checked against counts in a std::map and the formulas evaluated per pixel;
+// region measures against a brute-force reference and analytic areas.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -280,6 +282,139 @@ TEST_F(MeasuresTest, AllocationFailuresAreReported) {
     vepra_mem_free(hist);
   }
   EXPECT_EQ(counts[1], counts[0]);
+}
+
+// The measures of roi over img, which must succeed.
+vepra_img_measure_t measured(const Image &img, const vepra_img_roi_t &roi,
+                             const vepra_img_plate_t *plate = nullptr) {
+  vepra_img_measure_t m{};
+  EXPECT_EQ(vepra_img_measure_roi(&img.rec, &roi, plate, &m), nullptr);
+  return m;
+}
+
+// The part of pixel (c, r) inside the region, sampled on a 64 x 64 grid.
+double brute_coverage(const vepra_img_roi_t &roi, double scale_in, double scale_out, int c, int r) {
+  auto inside = [&](double x, double y, double k) {
+    if (roi.shape == VEPRA_IMG_ROI_RECT) {
+      const double cx = (roi.x + roi.a) / 2, cy = (roi.y + roi.b) / 2;
+      const double hx = (std::fabs(roi.a - roi.x) + 1) / 2 * k,
+                   hy = (std::fabs(roi.b - roi.y) + 1) / 2 * k;
+      return std::fabs(x - cx) <= hx && std::fabs(y - cy) <= hy;
+    }
+    const double a = roi.a;
+    const double b = roi.shape == VEPRA_IMG_ROI_CIRCLE ? roi.a : roi.b;
+    const double u = (x - roi.x) / (a * k), v = (y - roi.y) / (b * k);
+    return u * u + v * v <= 1;
+  };
+  int n = 0;
+  for (int i = 0; i < 64; ++i) {
+    for (int j = 0; j < 64; ++j) {
+      const double x = c - 0.5 + (i + 0.5) / 64, y = r - 0.5 + (j + 0.5) / 64;
+      n += inside(x, y, scale_out) && !(scale_in > 0 && inside(x, y, scale_in));
+    }
+  }
+  return n / 4096.0;
+}
+
+// Regions against that reference, at and across every border, with and
+// without a ring; rectangles cover whole pixels, so their figures are exact.
+TEST_F(MeasuresTest, RegionsAgreeWithBruteForceAndClipAtEveryBorder) {
+  Image img(45, 60, 16, 1, 11);
+  const vepra_img_roi_t rois[] = {
+      {VEPRA_IMG_ROI_CIRCLE, 30, 22, 9.5, 0, 0, 0},
+      {VEPRA_IMG_ROI_CIRCLE, 2.3, 20, 7, 0, 0, 0},   // left border
+      {VEPRA_IMG_ROI_CIRCLE, 58, 3, 6.2, 0, 0, 0},   // top right corner
+      {VEPRA_IMG_ROI_ELLIPSE, 30, 43, 12, 5, 0, 0},  // bottom border
+      {VEPRA_IMG_ROI_ELLIPSE, 20.5, 15.5, 3, 9, 0, 0},
+      {VEPRA_IMG_ROI_RECT, 55, 40, 70, 50, 0, 0},  // right and bottom
+      {VEPRA_IMG_ROI_RECT, 10, 5, 3, 1, 0, 0},
+      {VEPRA_IMG_ROI_CIRCLE, 30, 22, 4, 0, 6, 10},  // with a ring
+      {VEPRA_IMG_ROI_ELLIPSE, 12, 30, 6, 3, 1.5, 2.5},
+      {VEPRA_IMG_ROI_RECT, 40, 10, 44, 13, 0, 2},
+  };
+  for (const vepra_img_roi_t &roi : rois) {
+    const vepra_img_measure_t m = measured(img, roi);
+    const bool radii = roi.shape == VEPRA_IMG_ROI_CIRCLE, rect = roi.shape == VEPRA_IMG_ROI_RECT;
+    double area = 0, sum = 0, ring_area = 0, ring_sum = 0, lo = 65535, hi = 0;
+    for (int r = 0; r < 45; ++r) {
+      for (int c = 0; c < 60; ++c) {
+        const double cov = brute_coverage(roi, 0, 1, c, r), v = img.samples[r * 60 + c];
+        area += cov;
+        sum += cov * v;
+        if (cov > 0) lo = std::min(lo, v), hi = std::max(hi, v);
+        if (roi.ring_outer > 0) {
+          const double k_in = radii ? roi.ring_inner / roi.a : roi.ring_inner;
+          const double k_out = radii ? roi.ring_outer / roi.a : roi.ring_outer;
+          const double rc = brute_coverage(roi, k_in, k_out, c, r);
+          ring_area += rc;
+          ring_sum += rc * v;
+        }
+      }
+    }
+    const std::string what = "roi at " + std::to_string(roi.x) + "," + std::to_string(roi.y);
+    const double slack = rect ? 0 : 0.002;
+    EXPECT_NEAR(m.region.area, area, slack * area + slack * 10) << what;
+    EXPECT_NEAR(m.region.sum, sum, slack * sum + slack * 5e5) << what;
+    if (rect) {
+      EXPECT_EQ(std::pair(m.region.min, m.region.max), std::pair(lo, hi)) << what;
+    }
+    EXPECT_LE(m.region.min, m.region.mean) << what;
+    EXPECT_LE(m.region.mean, m.region.max) << what;
+    EXPECT_NEAR(m.ring.area, ring_area, 0.002 * ring_area + 0.02) << what;
+    EXPECT_NEAR(m.ring.sum, ring_sum, 0.002 * ring_sum + 1000) << what;
+    if (roi.ring_outer > 0) {
+      EXPECT_DOUBLE_EQ(m.background, m.ring.sum / m.ring.area);
+      EXPECT_DOUBLE_EQ(m.corrected, m.region.sum - m.background * m.region.area);
+    }
+  }
+  // Wholly outside: nothing covered, no error.
+  const vepra_img_measure_t out = measured(img, {VEPRA_IMG_ROI_CIRCLE, -50, 1e9, 10, 0, 0, 0});
+  EXPECT_EQ(out.region.area, 0);
+  EXPECT_TRUE(std::isnan(out.region.mean));
+}
+
+// Large regions of an even image against their analytic areas, and the
+// PSL sums against the formula of vepra_img_calc_fujiri.
+TEST_F(MeasuresTest, RegionAreasAndPslAreAnalytic) {
+  Image img(700, 700, 16, 1);
+  for (uint32_t i = 0; i < img.samples.size(); ++i) img.set(i, 1000);
+  const vepra_img_plate_t plate{50, 4000, 5};
+  const vepra_img_measure_t m =
+      measured(img, {VEPRA_IMG_ROI_CIRCLE, 350.3, 349.8, 200, 0, 220, 300}, &plate);
+  const double pi = std::acos(-1.0);
+  EXPECT_NEAR(m.region.area, pi * 200 * 200, 2.0);
+  EXPECT_NEAR(m.ring.area, pi * (300.0 * 300 - 220.0 * 220), 4.0);
+  EXPECT_NEAR(m.region.sum, 1000 * m.region.area, 1e-6 * m.region.sum);
+  EXPECT_NEAR(m.corrected, 0, 1e-6 * m.region.sum);
+  // PSL of sample 1000 under BlackIsZero, as vepra_img_calc_fujiri gives it.
+  const double psl =
+      (4000.0 / 4000) * (50.0 * 50 / 10000) * std::pow(10.0, ((65535.0 - 1000) / 65535 - 0.5) * 5);
+  EXPECT_NEAR(m.region.psl_sum, psl * m.region.area, 1e-9 * m.region.psl_sum);
+  EXPECT_NEAR(m.psl_corrected, 0, 1e-9 * m.region.psl_sum);
+  const vepra_img_measure_t e = measured(img, {VEPRA_IMG_ROI_ELLIPSE, 350, 350, 250, 100, 0, 0});
+  EXPECT_NEAR(e.region.area, pi * 250 * 100, 2.0);
+}
+
+// Malformed regions and a missing one are refused; the result is kept.
+TEST_F(MeasuresTest, RefusesMalformedRegions) {
+  Image img(8, 8, 16, 1);
+  vepra_img_measure_t m{};
+  m.region.area = 42;
+  const vepra_img_roi_t bad[] = {
+      {7, 1, 1, 1, 1, 0, 0},
+      {VEPRA_IMG_ROI_CIRCLE, 1, 1, -2, 0, 0, 0},
+      {VEPRA_IMG_ROI_ELLIPSE, 1, NAN, 2, 2, 0, 0},
+      {VEPRA_IMG_ROI_CIRCLE, 1, 1, 2, 0, 5, 4},
+      {VEPRA_IMG_ROI_CIRCLE, 1, 1, 2, 0, -1, 4},
+  };
+  for (const vepra_img_roi_t &roi : bad) {
+    const std::string text =
+        vepra_test::take_printed(vepra_img_measure_roi(&img.rec, &roi, nullptr, &m));
+    EXPECT_NE(text.find("Cannot measure image region."), std::string::npos) << text;
+  }
+  vepra_test::Chain none(vepra_img_measure_roi(&img.rec, nullptr, nullptr, &m));
+  EXPECT_NE(none, nullptr);
+  EXPECT_EQ(m.region.area, 42);
 }
 
 }  // namespace

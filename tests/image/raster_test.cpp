@@ -12,7 +12,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "image/raster_internal.hpp"
@@ -177,19 +176,16 @@ TEST(Raster, CallbackErrorStopsAtTheFirstPixel) {
 // Shapes at the ends of the int range neither overflow (the sanitizers
 // watch) nor report a pixel outside it.
 TEST(Raster, ExtremeCoordinatesStayInRange) {
-  long long count = 0;
-  auto bounded = [](int, int, void *data, double w) -> vepra_error_t * {
-    ++*static_cast<long long *>(data);
+  auto weighed = [](int, int, void *, double w) -> vepra_error_t * {
     EXPECT_FALSE(std::isnan(w));
     return nullptr;
   };
-  EXPECT_EQ(vepra_img_circle(INT_MAX, INT_MIN, 3, bounded, &count), nullptr);
-  EXPECT_EQ(vepra_img_ellipse(INT_MAX - 2, 0, 2, 1 << 20, bounded, &count), nullptr);
-  EXPECT_EQ(vepra_img_ellipser_aa(INT_MIN, INT_MIN, INT_MIN + 9, INT_MIN + 5, bounded, &count),
+  EXPECT_EQ(vepra_img_circle(INT_MAX, INT_MIN, 3, weighed, nullptr), nullptr);
+  EXPECT_EQ(vepra_img_ellipse(INT_MAX - 2, 0, 2, 1 << 20, weighed, nullptr), nullptr);
+  EXPECT_EQ(vepra_img_ellipser_aa(INT_MIN, INT_MIN, INT_MIN + 9, INT_MIN + 5, weighed, nullptr),
             nullptr);
-  EXPECT_EQ(vepra_img_ellipser_waa(INT_MAX - 6, 0, INT_MAX, 9, bounded, &count, -3.0), nullptr);
-  EXPECT_EQ(vepra_img_circle_waa(0, 0, 5, bounded, &count, std::nan("")), nullptr);
-  EXPECT_GT(count, 0);
+  EXPECT_EQ(vepra_img_ellipser_waa(INT_MAX - 6, 0, INT_MAX, 9, weighed, nullptr, -3.0), nullptr);
+  EXPECT_EQ(vepra_img_circle_waa(0, 0, 5, weighed, nullptr, std::nan("")), nullptr);
 
   // Near either end, a shape gives the pixels of the same shape drawn at
   // the origin, moved there, less those past the end (none wrap around).
