@@ -129,7 +129,9 @@ TEST(TimeTest, ClocksMatchTheCLibraryAndSleepIdles) {
 // The rows of tests/data/sys/paths.tsv, then names cut to a small buffer.
 TEST(PathTest, BaseNameAndDirName) {
   char buf[64];
-  for (const auto &row : vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/sys/paths.tsv")) {
+  const auto rows = vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/sys/paths.tsv");
+  ASSERT_EQ(rows.size(), 11u);
+  for (const auto &row : rows) {
     ASSERT_EQ(row.size(), 3u);
     EXPECT_STREQ(vepra_util_basename(row[0].c_str(), buf, sizeof buf), row[1].c_str()) << row[0];
     EXPECT_STREQ(vepra_util_dirname(row[0].c_str(), buf, sizeof buf), row[2].c_str()) << row[0];
