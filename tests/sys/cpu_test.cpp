@@ -318,10 +318,7 @@ std::vector<uint32_t> g_apic_by_cpu;
 void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
   auto it = g_table.find({leaf, subleaf});
   if (it == g_table.end()) return;
-  regs[0] = it->second.eax;
-  regs[1] = it->second.ebx;
-  regs[2] = it->second.ecx;
-  regs[3] = it->second.edx;
+  std::memcpy(regs, &it->second, sizeof it->second);  // eax, ebx, ecx, edx
   const int cpu = sched_getcpu();
   if (g_apic_by_cpu.empty() || cpu < 0) return;
   const uint32_t apic = g_apic_by_cpu[static_cast<size_t>(cpu) % g_apic_by_cpu.size()];
