@@ -164,6 +164,8 @@ int is_named_b(uint32_t, void *data, void *) {
 
 vepra_error_t *stop_at_first(uint32_t, void *, void *) { return VepraDLlistStopWalking; }
 
+// Refused children with their messages, removal by a predicate, a walk that
+// stops, and the order of a teardown.
 TEST_F(ObjTest, ChildrenAndCleanupsFollowTheirRules) {
   Trace trace;
   vepra_obj_t *p = make("p"), *a = make("a"), *b = make("b"), *a2 = make("a"), *watcher = make("w");
