@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,16 +19,10 @@
 
 namespace obj_model {
 
-// Slot callbacks: three user functions, the automatic disconnection slot,
-// a disabled slot, and "no callback given" as an argument.
-constexpr int kOff = -1;
-constexpr int kAuto = 3;
-constexpr int kAny = -2;
-
-constexpr int kNotFound = VEPRA_E_SIGNAL_NOT_FOUND;
-constexpr int kExists = VEPRA_E_SIGNAL_EXISTS;
-constexpr int kChildExists = VEPRA_E_OBJ_CHILD_EXISTS;
-constexpr int kCodeZero = 1;  // an error of code 0
+// Slot callbacks are the user functions 0 to 2 and the automatic
+// disconnection slot; kOff is a disabled slot, kAny "no callback given".
+constexpr int kAuto = 3, kOff = -1, kAny = -2;
+constexpr int kCodeZero = 1;  // the result of an error of code 0
 
 struct Slot {
   uintptr_t usr;
@@ -45,7 +38,7 @@ struct Sig {
   unsigned code;
   bool busy = false;
   std::vector<Dest> dests;
-  size_t queued = 0;  // compared only; the model keeps its queue in acts
+  size_t queued = 0;  // actions waiting for the emission to end
   bool operator==(const Sig &) const = default;
 };
 
@@ -98,9 +91,8 @@ struct Entry {
   bool operator==(const Entry &) const = default;
 };
 
-constexpr int kMaxDepth = 2;
-constexpr int kMaxObjects = 6;   // alive at once
-constexpr int kMaxCreated = 40;  // in one run
+// Slot nesting, objects alive at once, objects created in one run.
+constexpr int kMaxDepth = 2, kMaxObjects = 6, kMaxCreated = 40;
 
 // What the model and the engine side share: the nested operations slots
 // run (selected by their usr), the log of slot calls, the nesting depth.
@@ -127,25 +119,22 @@ void call_slot(W &w, int cb, int src, int code, int dest, uintptr_t usr) {
 
 class Model : public Run {
  public:
+  // An action queued while its signal emits: 1 connect, 2 disconnect, 3 removal.
   struct Act {
     int action, code, src, dest;
     uintptr_t usr;
     int cb;
   };
-  struct ModelSig {
-    unsigned code;
-    bool busy = false;
-    std::vector<Dest> dests;
+  struct ModelSig : Sig {
     std::vector<Act> acts;
   };
   struct Obj {
     bool alive = true, cleaning = false;
-    int gen = 0;
+    int gen = 0;  // counts deletions of all signals, which end an emission
     std::vector<ModelSig> sigs;
-    int parent = -1;
+    int parent = -1, name = -1;
     std::vector<int> children;
-    std::optional<std::string> name;
-    std::map<std::string, int> index;
+    std::map<int, int> index;  // children by name
   };
 
   explicit Model(Run run) : Run(run) {}
@@ -163,10 +152,8 @@ class Model : public Run {
   int live_count() const { return static_cast<int>(live().size()); }
 
   int create(int name) {
-    Obj o;
-    if (name >= 0) o.name = kNames[name];
-    for (unsigned code : {1u, 2u, 3u}) o.sigs.push_back(ModelSig{code, false, {}, {}});
-    objs.push_back(std::move(o));
+    objs.emplace_back().name = name;
+    for (unsigned code : {1u, 2u, 3u}) add_signal(count() - 1, code);
     return count() - 1;
   }
 
@@ -177,14 +164,14 @@ class Model : public Run {
   }
 
   int add_signal(int o, unsigned code) {
-    if (find(o, code) != nullptr) return kExists;
-    objs[o].sigs.push_back(ModelSig{code, false, {}, {}});
+    if (find(o, code) != nullptr) return VEPRA_E_SIGNAL_EXISTS;
+    objs[o].sigs.emplace_back().code = code;
     return 0;
   }
 
   int connect(int src, unsigned code, int dest, int cb, uintptr_t usr) {
     ModelSig *s = find(src, code);
-    if (s == nullptr) return kNotFound;
+    if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
     if (s->busy) {
       s->acts.push_back({1, static_cast<int>(code), src, dest, usr, cb});
       return 0;
@@ -219,7 +206,7 @@ class Model : public Run {
 
   int emit(int src, unsigned code) {
     ModelSig *s = find(src, code);
-    if (s == nullptr) return kNotFound;
+    if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
     if (s->busy) return 0;
     s->busy = true;
     const int gen = objs[src].gen;
@@ -228,7 +215,11 @@ class Model : public Run {
         const Dest &d = find(src, code)->dests[di];
         Slot sl = d.slots[si];
         if (sl.cb == kOff) continue;
-        call(sl.cb, src, code, d.dest, sl.usr);
+        if (sl.cb == kAuto) {
+          disconnect(d.dest, -1, src, kAny);
+        } else {
+          call_slot(*this, sl.cb, src, static_cast<int>(code), d.dest, sl.usr);
+        }
         if (objs[src].gen != gen) return 0;
       }
     }
@@ -272,15 +263,15 @@ class Model : public Run {
     if (objs[c].parent != -1) return kCodeZero;
     for (int q = p; q != -1; q = objs[q].parent)
       if (q == c) return kCodeZero;
-    if (objs[c].name && objs[p].index.count(*objs[c].name)) return kChildExists;
+    if (objs[c].name >= 0 && objs[p].index.count(objs[c].name)) return VEPRA_E_OBJ_CHILD_EXISTS;
     objs[p].children.push_back(c);
-    if (objs[c].name) objs[p].index[*objs[c].name] = c;
+    if (objs[c].name >= 0) objs[p].index[objs[c].name] = c;
     objs[c].parent = p;
     return 0;
   }
 
   int remove_by_name(int p, int name) {
-    auto it = objs[p].index.find(kNames[name]);
+    auto it = objs[p].index.find(name);
     if (it == objs[p].index.end()) return -1;
     int c = it->second;
     unlink(p, c);
@@ -292,7 +283,7 @@ class Model : public Run {
     return c;
   }
 
-  void rename(int o, int name) { objs[o].name = kNames[name]; }
+  void rename(int o, int name) { objs[o].name = name; }
 
   void destroy(int x) {
     Obj &o = objs[x];
@@ -321,15 +312,13 @@ class Model : public Run {
     objs[x].cleaning = false;
   }
 
-  std::vector<Sig> signals(int o) {
-    std::vector<Sig> out;
-    for (auto &s : objs[o].sigs) out.push_back({s.code, s.busy, s.dests, s.acts.size()});
+  std::vector<Sig> signals(int o) const {
+    std::vector<Sig> out(objs[o].sigs.begin(), objs[o].sigs.end());
+    for (size_t i = 0; i < out.size(); ++i) out[i].queued = objs[o].sigs[i].acts.size();
     return out;
   }
 
  private:
-  void call(int cb, int src, unsigned code, int dest, uintptr_t usr);
-
   void release_peers(int o) {
     std::vector<int> peers;
     for (auto &d : find(o, 1)->dests)
@@ -414,14 +403,6 @@ int apply(W &w, const Op &op) {
       return 0;
   }
   return -1;
-}
-
-inline void Model::call(int cb, int src, unsigned code, int dest, uintptr_t usr) {
-  if (cb == kAuto) {
-    disconnect(dest, -1, src, kAny);
-  } else {
-    call_slot(*this, cb, src, static_cast<int>(code), dest, usr);
-  }
 }
 
 // Eight bytes from next make one operation on objects of the given list.
@@ -613,7 +594,7 @@ inline std::string run_ops(const uint8_t *data, size_t size) {
       if (real.children(i) != model.objs[i].children) return object + " children";
       if (real.index_of(real.obj(i)->parent) != model.objs[i].parent) return object + " parent";
       for (const auto &[name, child] : model.objs[i].index)
-        if (vepra_obj_getc(real.obj(i), name.c_str()) != real.obj(child)) return object + " index";
+        if (vepra_obj_getc(real.obj(i), kNames[name]) != real.obj(child)) return object + " index";
     }
   }
   return "";

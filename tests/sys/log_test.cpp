@@ -126,21 +126,15 @@ TEST(TimeTest, ClocksMatchTheCLibraryAndSleepIdles) {
   vepra_terminate();
 }
 
+// The rows of tests/data/sys/paths.tsv, then names cut to a small buffer.
 TEST(PathTest, BaseNameAndDirName) {
-  struct Case {
-    const char *path, *base, *dir;
-  };
-  // Expected values follow POSIX basename(3) and dirname(3).
-  const Case cases[] = {
-      {"/", "/", "/"},     {"", ".", "."},          {"a", "a", "."},
-      {"a/", "a", "."},    {"/a", "a", "/"},        {"/a/b", "b", "/a"},
-      {"a/b//", "b", "a"}, {"//", "/", "/"},        {"/usr//lib/", "lib", "/usr"},
-      {"x//y", "y", "x"},  {"../f.c", "f.c", ".."},
-  };
-  for (const Case &c : cases) {
-    char buf[64];
-    EXPECT_STREQ(vepra_util_basename(c.path, buf, sizeof buf), c.base) << c.path;
-    EXPECT_STREQ(vepra_util_dirname(c.path, buf, sizeof buf), c.dir) << c.path;
+  char buf[64];
+  const auto rows = vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/sys/paths.tsv");
+  ASSERT_EQ(rows.size(), 11u);
+  for (const auto &row : rows) {
+    ASSERT_EQ(row.size(), 3u);
+    EXPECT_STREQ(vepra_util_basename(row[0].c_str(), buf, sizeof buf), row[1].c_str()) << row[0];
+    EXPECT_STREQ(vepra_util_dirname(row[0].c_str(), buf, sizeof buf), row[2].c_str()) << row[0];
   }
   char small[4];
   EXPECT_STREQ(vepra_util_basename("/dir/abcdef", small, sizeof small), "abc");

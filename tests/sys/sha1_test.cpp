@@ -2,8 +2,8 @@
 // path where the processor has it.
 #include <openssl/sha.h>
 
+#include <array>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "support/test_support.hpp"
@@ -12,15 +12,6 @@
 #include "vepra_sha1.h"
 
 namespace {
-
-std::string hex(const unsigned char *d) {
-  std::string s;
-  for (int i = 0; i < 20; ++i) {
-    s += "0123456789abcdef"[d[i] >> 4];
-    s += "0123456789abcdef"[d[i] & 15];
-  }
-  return s;
-}
 
 // The fixture initialises the library, which learns there which register
 // state the operating system saves: without it the SHA instructions never run.
@@ -44,21 +35,22 @@ TEST_F(Sha1Test, EveryPathMatchesOpenSslInRandomPieces) {
     if (!portable && !vepra::detail::sha1_shani_available()) continue;
     vepra::testing::force_portable_paths(portable);
     for (const auto &msg : messages) {
-      unsigned char want[SHA_DIGEST_LENGTH], got[VEPRA_SHA1_DIGEST_LENGTH];
-      SHA1(msg.data(), msg.size(), want);
-      vepra_sha1(msg.data(), msg.size(), got);
-      ASSERT_EQ(hex(got), hex(want)) << msg.size() << " bytes, portable " << portable;
+      std::array<unsigned char, SHA_DIGEST_LENGTH> want, got;
+      SHA1(msg.data(), msg.size(), want.data());
+      vepra_sha1(msg.data(), msg.size(), got.data());
+      ASSERT_EQ(got, want) << msg.size() << " bytes, portable " << portable;
       for (std::size_t at = 0, piece; at < msg.size(); at += piece) {
         piece = std::min<std::size_t>(msg.size() - at, rng() % 200);
         vepra_sha1_update(&ctx, msg.data() + at, piece);
       }
-      vepra_sha1_final(&ctx, got);
-      ASSERT_EQ(hex(got), hex(want)) << msg.size() << " bytes in pieces, portable " << portable;
+      vepra_sha1_final(&ctx, got.data());
+      ASSERT_EQ(got, want) << msg.size() << " bytes in pieces, portable " << portable;
+      // Null data hashes nothing.
+      if (msg.empty()) {
+        vepra_sha1(nullptr, 5, got.data());
+        EXPECT_EQ(got, want);
+      }
     }
-    // Null data hashes nothing.
-    unsigned char got[VEPRA_SHA1_DIGEST_LENGTH];
-    vepra_sha1(nullptr, 5, got);
-    EXPECT_EQ(hex(got), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
   }
   vepra::testing::force_portable_paths(false);
 }
