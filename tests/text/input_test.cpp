@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <sstream>
@@ -113,6 +115,30 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
   EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "drawn with echo off";
   vepra_ri_readline_terminate(rl);
+}
+
+// Input that is not a console, read as a stream or as a terminal that is
+// really a pipe, gives its lines as they are: empty and very long ones,
+// and bytes that would be keys on a console.
+TEST_F(ReadlineTest, PipesGivePlainLines) {
+  const std::string longline(50000, 'x'), input = "one\n\n" + longline + "\na\0b\x1b[D\177c"s;
+  for (bool terminal : {false, true}) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
+    close(fds[1]);
+    FILE *stream = fdopen(fds[0], "r");
+    vepra_ri_readline_t *rl = make("> ", 0);
+    if (terminal) vepra_ri_readline_set_terminal(rl, fds[0]);
+    if (!terminal) vepra_ri_readline_set_stream(rl, stream);
+    std::vector<std::string> got;
+    vepra_error_t *e;
+    while ((e = vepra_ri_readline(nullptr, rl)) == nullptr) got.emplace_back(rl->line);
+    EXPECT_EQ(code_of(e), VEPRA_E_CONSOLE_HALTED);
+    EXPECT_EQ(got, (std::vector<std::string>{"one", "", longline, "ab\x1b[D\177c"})) << terminal;
+    std::fclose(stream);
+    vepra_ri_readline_terminate(rl);
+  }
 }
 
 // The line as a list of characters and the cursor as an index into it.
@@ -354,6 +380,38 @@ TEST_F(DirTest, FailuresAreReportedOrReturned) {
             failed + "(" + missing + "): " + std::strerror(ENOENT) + " ");
   EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
             failed + std::strerror(EINVAL) + " ");
+}
+
+// A chain of directories with a file at every level, deeper than paths can
+// be formed: the walk goes down in depth order, and then reports the path
+// that became too long.
+TEST_F(DirTest, DeepTreeEndsWithThePathTooLong) {
+  // Deep trees are slow on some disk file systems; memory is enough.
+  if (access("/dev/shm", W_OK) == 0) {
+    ASSERT_EQ(rmdir(root_.c_str()), 0);
+    ASSERT_EQ(mkdir((root_ = "/dev/shm/" + root_.substr(root_.rfind('/') + 1)).c_str(), 0755), 0);
+  }
+  int fd = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
+  for (int i = 0; i < PATH_MAX / 2 + 8 && fd >= 0; ++i) {
+    close(openat(fd, "f", O_CREAT | O_WRONLY, 0644));
+    mkdirat(fd, "d", 0755);
+    int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
+    close(fd);
+    fd = next;
+  }
+  ASSERT_GE(fd, 0);
+  close(fd);
+  Paths seen;
+  std::string printed = take_printed(walk("*/f", nullptr, VEPRA_DIR_RECURSIVE, &seen));
+  EXPECT_EQ(printed, std::string("Error: Cannot traverse directories. \nError: ") +
+                         std::strerror(ENAMETOOLONG) + " ");
+  ASSERT_FALSE(seen.empty());
+  std::string expected = root_;
+  for (size_t i = 0; i < seen.size(); ++i) {
+    ASSERT_EQ(seen[i], expected + "/f") << i;
+    expected += "/d";
+  }
+  EXPECT_GT(seen.back().size() + 2, static_cast<size_t>(PATH_MAX) - 8);
 }
 
 }  // namespace
