@@ -1,6 +1,6 @@
 // vepra-image's commands over a folder: the same results in walk order
-// whatever the number of jobs, each the program's result for that file
-// alone, written results mirroring the folder, a broken file reported while
+// whatever the number of jobs, written results mirroring the folder, each
+// what the program writes for that file alone, a broken file reported while
 // the others are done, the selection options, and a progress line only on
 // a terminal.
 #include <tiffio.h>
@@ -42,12 +42,11 @@ void write_scan(const std::string &path, uint32_t width, uint32_t height,
                 std::vector<uint16_t> samples) {
   TIFF *t = TIFFOpen(path.c_str(), "w");
   ASSERT_NE(t, nullptr) << path;
-  for (auto [tag, value] : {std::pair{TIFFTAG_IMAGEWIDTH, width},
-                            {TIFFTAG_IMAGELENGTH, height},
-                            {TIFFTAG_BITSPERSAMPLE, 16u},
-                            {TIFFTAG_PHOTOMETRIC, uint32_t(PHOTOMETRIC_MINISBLACK)},
-                            {TIFFTAG_ROWSPERSTRIP, height}})
-    TIFFSetField(t, tag, value);
+  TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 16);
+  TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+  TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, height);
   ASSERT_GE(TIFFWriteEncodedStrip(t, 0, samples.data(), tmsize_t(2 * samples.size())), 0);
   TIFFClose(t);
 }

@@ -56,9 +56,8 @@ TEST(SysinfoToolTest, DescribesThisMachine) {
   cpu_set_t set;
   ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof set, &set), 0);
   std::set<long> allowed;
-  for (long i = 0; i < CPU_SETSIZE; ++i) {
+  for (long i = 0; i < CPU_SETSIZE; ++i)
     if (CPU_ISSET(i, &set)) allowed.insert(i);
-  }
   std::set<long> listed;
   for (const auto &p : j["topology"]["processors"]) listed.insert(p["cpu"].get<long>());
   EXPECT_EQ(listed, allowed);
