@@ -16,7 +16,7 @@ JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libapr1-dev libaprutil1-dev libtpl-dev uthash-dev
                 libdeflate-dev libzstd-dev libcli11-dev nlohmann-json3-dev)
-TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils libcpuid-dev
+TEST_PACKAGES=(googletest libgtest-dev libtiff-dev zlib1g-dev libssl-dev clang libclang-rt-dev binutils
                nlohmann-json3-dev doxygen dpkg-dev lintian)
 # Peers of the benchmarks: libsigc++ 3 and GObject (signals), ISA-L (CRC-32).
 BENCH_PACKAGES=(libbenchmark-dev libsigc++-3.0-dev libglib2.0-dev libisal-dev)
