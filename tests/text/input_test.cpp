@@ -141,6 +141,27 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
   }
 }
 
+// A non-blocking input whose line comes later: the reader waits for it
+// instead of taking the first "try again" for a read error.
+TEST_F(ReadlineTest, NonBlockingInputIsWaitedFor) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK), 0);
+  std::thread writer([fd = fds[1]] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(write(fd, "late\n", 5), 5);
+    close(fd);
+  });
+  vepra_ri_readline_t *rl = make("> ", 0);
+  vepra_ri_readline_set_terminal(rl, fds[0]);
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
+  EXPECT_STREQ(rl->line, "late");
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_HALTED);
+  writer.join();
+  close(fds[0]);
+  vepra_ri_readline_terminate(rl);
+}
+
 // The line as a list of characters and the cursor as an index into it.
 struct LineModel {
   std::vector<std::string> chars;
