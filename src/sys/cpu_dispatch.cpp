@@ -75,7 +75,7 @@ std::uint64_t machine_features() noexcept {
 }  // namespace
 
 cpuid_regs cpuid_raw(std::uint32_t leaf, std::uint32_t subleaf) noexcept {
-  cpuid_regs r{0, 0, 0, 0};
+  cpuid_regs r{};
 #if defined(__x86_64__)
   __asm__ volatile("cpuid"
                    : "=a"(r.eax), "=b"(r.ebx), "=c"(r.ecx), "=d"(r.edx)
@@ -90,7 +90,7 @@ cpuid_regs cpuid_raw(std::uint32_t leaf, std::uint32_t subleaf) noexcept {
 cpuid_regs cpuid(std::uint32_t leaf, std::uint32_t subleaf) noexcept {
   testing::cpuid_fn fn = g_cpuid_replacement.load(std::memory_order_acquire);
   if (fn == nullptr) return cpuid_raw(leaf, subleaf);
-  std::uint32_t regs[4] = {0, 0, 0, 0};
+  std::uint32_t regs[4] = {};
   fn(leaf, subleaf, regs);
   return {regs[0], regs[1], regs[2], regs[3]};
 }
@@ -99,7 +99,7 @@ std::uint64_t decode_features(cpuid_regs (*read)(std::uint32_t, std::uint32_t)) 
   const std::uint32_t max_leaf = read(0, 0).eax;
   if (max_leaf < 1) return 0;
   const cpuid_regs l1 = read(1, 0);
-  const cpuid_regs l7 = max_leaf >= 7 ? read(7, 0) : cpuid_regs{0, 0, 0, 0};
+  const cpuid_regs l7 = max_leaf >= 7 ? read(7, 0) : cpuid_regs{};
   const std::uint32_t words[4] = {l1.ecx, l1.edx, l7.ebx, l7.ecx};
   std::uint64_t features = 0;
   for (const feature_bit &f : kFeatureBits) {

@@ -124,7 +124,7 @@ class Source {
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) {
         pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, -1) >= 0 || errno == EINTR) continue;
+        if (::poll(&p, 1, -1) != -1 || errno == EINTR) continue;
       }
       return VEPRA_RI_READ_ERROR;
     }
