@@ -41,6 +41,11 @@ vepra_error_t *pool_copy(apr_pool_t *pool, const char *s, size_t n, char **out) 
   return nullptr;
 }
 
+// A copy of the whole string s (null stays null).
+vepra_error_t *pool_copy(apr_pool_t *pool, const char *s, char **out) noexcept {
+  return pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), out);
+}
+
 // The token being built: a vepra_mem block that grows as needed.
 class TokenBuffer {
  public:
@@ -95,14 +100,14 @@ void vepra_strlist_clear(vepra_strlist_t *list) noexcept { vepra_dl_destroy(list
 vepra_error_t *vepra_strlist_addfirst(vepra_strlist_t *list, const char *s,
                                       apr_pool_t *pool) noexcept {
   char *copy = nullptr;
-  if (vepra_error_t *e = pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), &copy)) return e;
+  if (vepra_error_t *e = pool_copy(pool, s, &copy)) return e;
   return vepra_dl_prepend(list, 0, copy, nullptr, pool);
 }
 
 vepra_error_t *vepra_strlist_addlast(vepra_strlist_t *list, const char *s,
                                      apr_pool_t *pool) noexcept {
   char *copy = nullptr;
-  if (vepra_error_t *e = pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), &copy)) return e;
+  if (vepra_error_t *e = pool_copy(pool, s, &copy)) return e;
   return vepra_dl_append(list, 0, copy, nullptr, pool);
 }
 
@@ -135,7 +140,7 @@ vepra_error_t *vepra_strlist_copy(vepra_strlist_t *dst, vepra_strlist_t *src,
   for (; node != nullptr; node = node->next) {
     const auto *s = static_cast<const char *>(node->data);
     char *copy = nullptr;
-    vepra_error_t *e = pool_copy(pool, s, s == nullptr ? 0 : std::strlen(s), &copy);
+    vepra_error_t *e = pool_copy(pool, s, &copy);
     if (e == nullptr) e = out.add(copy, pool);
     if (e != nullptr) {
       vepra_dl_destroy(dst);
