@@ -8,15 +8,9 @@
 
 static int passed, failed;
 
-#define CHECK(cond)                                                            \
-  do {                                                                         \
-    if (cond) {                                                                \
-      ++passed;                                                                \
-    } else {                                                                   \
-      ++failed;                                                                \
-      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-    }                                                                          \
-  } while (0)
+#define CHECK(cond)  \
+  ((cond) ? ++passed \
+          : (fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond), ++failed))
 
 static int count_lines(const char *line, FILE *stream) {
   (void)line;
@@ -29,13 +23,12 @@ int main(void) {
   vepra_tree_t *tree = NULL;
   vepra_trie_t *trie = NULL;
   vepra_strlist_t *strings = NULL;
-  vepra_prsd_t parsed;
+  vepra_prsd_t parsed = {0};
   vepra_sl_t *slist = NULL;
   vepra_bitarr_t *bits = NULL;
   vepra_mem_array_t *grid = NULL;
   vepra_ri_readline_t *rl = NULL;
   vepra_cpu_info_t cpu;
-  vepra_obj_t *object = NULL;
   vepra_dir_options_t dir_options = {VEPRA_DIR_RECURSIVE, NULL, NULL, NULL, NULL};
   uint64_t hist[4] = {1, 0, 0, 1};
   unsigned char digest[VEPRA_SHA1_DIGEST_LENGTH];
@@ -76,7 +69,6 @@ int main(void) {
   vepra_bitarr_free(bits);
 
   CHECK(vepra_strlist_create(&strings, vepra_pool) == NULL);
-  memset(&parsed, 0, sizeof parsed);
   CHECK(vepra_prsd_parse_p(&parsed, "1 two", " ", vepra_pool) >= 0 && parsed.n_tokens == 2);
   CHECK(vepra_ri_readline_init(&rl, NULL, 0, vepra_pool) == NULL);
   vepra_ri_readline_terminate(rl);
@@ -85,8 +77,6 @@ int main(void) {
   vepra_error_clear(err);
 
   CHECK(vepra_obj_engine_init(vepra_pool) == NULL);
-  CHECK(vepra_obj_create(&object, "object", vepra_pool) == NULL);
-  vepra_obj_destroy(object);
   CHECK(osig_icd.sz == sizeof(osig));
   CHECK(vepra_obj_engine_terminate() == NULL);
   CHECK(vepra_img_thres_IJ(4, hist) > 0.0);
