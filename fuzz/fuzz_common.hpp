@@ -1,7 +1,5 @@
-// What the fuzzers share: the check that ends a run on a broken invariant,
-// the library's initialisation, a reader of the input's bytes, a pool
-// cleared for each input, and one scratch file of the process for targets
-// that read files.
+// What the fuzzers share: the invariant check, the library's initialisation,
+// a reader of the input's bytes, a pool and a scratch file.
 #ifndef VEPRA_FUZZ_FUZZ_COMMON_HPP
 #define VEPRA_FUZZ_FUZZ_COMMON_HPP
 

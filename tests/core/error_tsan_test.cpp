@@ -25,12 +25,11 @@ TEST_F(ErrorConcurrencyTest, CodesStayUniqueAndChainsPrintCorrectly) {
       // The head without text prints the type's name; the root cause
       // repeats the code without text and is skipped.
       vepra_error_t *e =
-          vepra::detail::wrap_error(vepra::detail::make_error(code), "Do %d.", round);
+          vepra::detail::wrap_error(vepra::detail::make_error(code), "Do %s.", name.c_str());
       e = vepra_error_quick_wrap_i(0, nullptr, nullptr, e, nullptr);
       const std::string prefix = "Error(" + std::to_string(code) + "): ";
-      const std::string expected =
-          prefix + name + " \n" + prefix + "Do " + std::to_string(round) + ". ";
-      failures += vepra_test::take_printed(e) == expected ? 0 : 1;
+      const std::string expected = prefix + name + " \n" + prefix + "Do " + name + ". ";
+      failures += vepra_test::take_printed(e) != expected;
       // Two in three codes go back at once and are handed out again.
       if (round % 3 == 0) kept[id].push_back(code);
       if (round % 3 != 0) vepra_error_deregister(code);

@@ -12,8 +12,6 @@
 #include "support/test_support.hpp"
 #include "vepra_mem.h"
 
-using vepra_test::take_printed;
-
 namespace {
 
 using MemTest = vepra_test::LibraryTest;
@@ -51,7 +49,7 @@ TEST_F(MemTest, FailedRequestsNameTheirCause) {
     if (op == "array") out = array;
     std::string lines = c[4];
     for (size_t k = 5; k < c.size(); ++k) lines += "\n" + c[k];
-    EXPECT_EQ(take_printed(e), lines);
+    EXPECT_EQ(vepra_test::take_printed(e), lines);
     if (c[3] == "made") {
       EXPECT_NE(out, before) << lines;
       vepra_mem_matrix_free(out, v[0], i(1), i(2), i(3));
@@ -80,9 +78,8 @@ TEST_F(MemTest, BlocksVectorsMatricesAndMoves) {
   ASSERT_EQ(vepra_mem_matrix_alloc(reinterpret_cast<void **>(&m), sizeof(double), 1, 3, -1, 4),
             nullptr);
   double sum = 0;
-  for (int r = 1; r <= 3; ++r) {
+  for (int r = 1; r <= 3; ++r)
     for (int c = -1; c <= 4; ++c) sum += m[r][c]++;
-  }
   EXPECT_EQ(sum, 0.0);
   vepra_mem_matrix_free(m, sizeof(double), 1, 3, -1);
   char buf[] = "abcdef";
