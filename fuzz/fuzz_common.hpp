@@ -1,7 +1,5 @@
-// What the fuzzers share: the check that ends a run on a broken invariant,
-// the library's initialisation, a reader of the input's bytes, a pool
-// cleared for each input, and one scratch file of the process for targets
-// that read files.
+// What the fuzzers share: the invariant check, the library's initialisation,
+// a reader of the input's bytes, a pool and a scratch file.
 #ifndef VEPRA_FUZZ_FUZZ_COMMON_HPP
 #define VEPRA_FUZZ_FUZZ_COMMON_HPP
 
@@ -38,24 +36,19 @@ struct Bytes {
 
 // A pool under the library's, cleared on every call.
 inline apr_pool_t *cleared_pool() {
-  static apr_pool_t *pool = [] {
-    apr_pool_t *p = nullptr;
-    check(apr_pool_create(&p, vepra_pool) == APR_SUCCESS);
-    return p;
-  }();
+  static apr_pool_t *pool = nullptr;
+  if (pool == nullptr) check(apr_pool_create(&pool, vepra_pool) == APR_SUCCESS);
   apr_pool_clear(pool);
   return pool;
 }
 
-// The scratch file's path, $TMPDIR/vepra_fuzz.<pid>, removed at exit.
+// The scratch file's path, $TMPDIR/vepra_fuzz.<pid>. Its removal at exit is
+// registered once the path is made, so it runs before the path is destroyed.
 inline const std::string &scratch_path() {
-  static const std::string path = [] {
-    const char *dir = std::getenv("TMPDIR");
-    std::string p =
-        std::string(dir != nullptr ? dir : "/tmp") + "/vepra_fuzz." + std::to_string(getpid());
-    std::atexit([] { std::remove(scratch_path().c_str()); });
-    return p;
-  }();
+  static const char *dir = std::getenv("TMPDIR");
+  static const std::string path =
+      std::string(dir != nullptr ? dir : "/tmp") + "/vepra_fuzz." + std::to_string(getpid());
+  [[maybe_unused]] static const int removal = std::atexit([] { std::remove(path.c_str()); });
   return path;
 }
 

@@ -25,10 +25,6 @@ int main(int argc, char **argv) {
       for (const fs::directory_entry &entry : fs::recursive_directory_iterator(argv[i]))
         if (!entry.is_directory()) files.push_back(entry.path());
   std::sort(files.begin(), files.end());
-  if (files.empty()) {
-    std::fprintf(stderr, "no input files\n");
-    return 1;
-  }
   for (const fs::path &file : files) {
     std::ifstream in(file, std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -39,5 +35,5 @@ int main(int argc, char **argv) {
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
   }
   std::printf("%zu inputs replayed\n", files.size());
-  return 0;
+  return files.empty() ? 1 : 0;  // an empty corpus tests nothing
 }
