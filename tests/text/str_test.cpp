@@ -9,10 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "core/testing.hpp"
 #include "support/test_support.hpp"
@@ -126,9 +123,9 @@ TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
 }
 
 TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
-  const char *all[][4] = {
-      {"abc", "", "x", "abc"}, {"abc", nullptr, "x", "abc"}, {"abc", "b", nullptr, "abc"}};
-  for (auto &c : all) EXPECT_EQ(take(vepra_str_replace_all(c[0], c[1], c[2])), c[3]) << c[0];
+  // An empty or null search text, or a null replacement, changes nothing.
+  for (auto [from, to] : {std::pair<const char *, const char *>{"", "x"}, {nullptr, "x"}, {"b", 0}})
+    EXPECT_EQ(take(vepra_str_replace_all("abc", from, to)), "abc");
   EXPECT_EQ(take(vepra_str_replace("abc", "", "<")), "<abc");
   EXPECT_EQ(vepra_str_replace_all(nullptr, "a", "b"), nullptr);
   // Memory running out gives null, never a cut text.
@@ -182,16 +179,12 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
     ASSERT_EQ(vepra_str_strlcpy(buf.data(), src.c_str(), size), src.size());
     expect_bounded(buf, size, src);
     // strlcat onto a prefix that may or may not be terminated within size
-    if (head.size() < size) {
-      std::memcpy(buf.data(), head.c_str(), head.size() + 1);
-      ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), head.size() + src.size());
-      expect_bounded(buf, size, head + src);
-    } else {
-      std::memset(buf.data(), 'h', size);
-      ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), size + src.size());
-      ASSERT_EQ(std::string(buf.begin(), buf.end()), std::string(size, 'h') + std::string(8, '#'))
-          << "wrote without a terminator within size";
-    }
+    const bool ended = head.size() < size;
+    if (!ended) head.assign(size, 'h');
+    std::memcpy(buf.data(), head.c_str(), head.size() + ended);
+    ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), head.size() + src.size());
+    if (ended) expect_bounded(buf, size, head + src);
+    if (!ended) ASSERT_EQ(std::string(buf.data(), buf.size()), head + "########") << "unterminated";
   }
   // Null sources are empty texts; null destinations take nothing.
   char small[4] = "ab";
@@ -234,12 +227,9 @@ std::string escape(bool un, const std::string &src, const std::string &size_text
 std::string bytes_of(const std::string &text) {
   std::string out;
   for (size_t k = 0; k < text.size(); ++k) {
-    if (text[k] == '<' && k + 3 < text.size() && text[k + 3] == '>') {
-      out += static_cast<char>(std::stoi(text.substr(k + 1, 2), nullptr, 16));
-      k += 3;
-    } else {
-      out += text[k];
-    }
+    const bool hex = text[k] == '<' && k + 3 < text.size() && text[k + 3] == '>';
+    out += hex ? static_cast<char>(std::stoi(text.substr(k + 1, 2), nullptr, 16)) : text[k];
+    k += hex ? 3 : 0;
   }
   return out;
 }
@@ -345,13 +335,9 @@ TEST_F(StrTest, Base62MatchesStrtollAndSnprintf) {
     char buf[80], text[80];
     const unsigned long long mag = got < 0 ? 0ULL - static_cast<unsigned long long>(got) : got;
     const int out = round % 3 == 0 ? 8 : round % 3 == 1 ? 10 : 16;
-    std::snprintf(text, sizeof text,
-                  out == 8    ? "%s%llo"
-                  : out == 10 ? "%s%llu"
-                              : "%s%llX",
-                  got < 0 ? "-" : "", mag);
-    EXPECT_EQ(vepra_str_int64_to_base62(got, out, buf, sizeof buf),
-              static_cast<int>(std::strlen(text)));
+    const char *format = out == 8 ? "%s%llo" : out == 10 ? "%s%llu" : "%s%llX";
+    const int n = std::snprintf(text, sizeof text, format, got < 0 ? "-" : "", mag);
+    EXPECT_EQ(vepra_str_int64_to_base62(got, out, buf, sizeof buf), n);
     EXPECT_STREQ(buf, text);
   }
 }

@@ -2,7 +2,6 @@
 // inspected and measured. The measures themselves are proven by the image
 // tests; here the figures printed are pinned, the images written must be
 // the library's, and failures must print their chain and exit 1 or 2.
-#include <apr_file_io.h>
 #include <apr_xml.h>
 #include <sys/stat.h>
 
@@ -10,11 +9,8 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "support/test_support.hpp"
 #include "tools/tool_run.hpp"
@@ -54,13 +50,11 @@ class VepraImageTest : public vepra_test::LibraryTest {
   // document order (the root first).
   std::vector<Attributes> xml_elements(const std::string &path) {
     std::vector<Attributes> found;
-    apr_file_t *file = nullptr;
-    apr_xml_parser *parser = nullptr;
+    apr_xml_parser *parser = apr_xml_parser_create(pool_);
     apr_xml_doc *doc = nullptr;
-    EXPECT_EQ(apr_file_open(&file, path.c_str(), APR_FOPEN_READ, 0, pool_), APR_SUCCESS);
-    if (file == nullptr) return found;
-    EXPECT_EQ(apr_xml_parse_file(pool_, &parser, &doc, file, 4096), APR_SUCCESS);
-    apr_file_close(file);
+    const std::string text = slurp(path);
+    EXPECT_EQ(apr_xml_parser_feed(parser, text.data(), text.size()), APR_SUCCESS);
+    EXPECT_EQ(apr_xml_parser_done(parser, &doc), APR_SUCCESS);
     std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
       for (; e != nullptr; e = e->next) {
         Attributes &attrs = found.emplace_back();
@@ -81,12 +75,10 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
   std::map<std::string, std::string> files = {{"data", VEPRA_TEST_DATA_DIR "/tools"},
                                               {"odd", dir + "/a b\tc\nd\\e\x01.tif"},
                                               {"shown", dir + "/a b\\tc\\nd\\\\e\\001.tif"}};
-  for (const char *name : {"missing", "text", "fifo", "dir", "scan", "x", "twin", "out", "rois"}) {
+  for (const char *name : {"missing", "text", "fifo", "dir", "scan", "x", "twin", "out", "rois"})
     files[name] = dir + "/" + name;
-  }
-  for (const std::string &d : {dir, files.at("dir"), files.at("twin")}) {
+  for (const std::string &d : {dir, files.at("dir"), files.at("twin")})
     ASSERT_EQ(mkdir(d.c_str(), 0700), 0) << d;
-  }
   std::ofstream(files.at("text")) << "not an image\n";
   ASSERT_EQ(mkfifo(files.at("fifo").c_str(), 0600), 0);
   ASSERT_EQ(run_tool({"synth", "-o", files.at("scan"), "--width", "96", "--height", "64"}).status,
@@ -97,14 +89,12 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
   fs::copy_file(files.at("data") + "/unitless.tif", files.at("twin") + "/unitless.tif");
   // \n and \t become a newline and a tab, then $name its file.
   auto expand = [&](std::string s) {
-    for (size_t at; (at = s.find('\\')) != std::string::npos;) {
-      s.replace(at, 2, s[at + 1] == 'n' ? "\n" : "\t");
-    }
-    for (const auto &[name, file] : files) {
-      for (size_t at; (at = s.find("$" + name)) != std::string::npos;) {
-        s.replace(at, name.size() + 1, file);
-      }
-    }
+    auto put = [&s](const std::string &from, const std::string &to) {
+      for (size_t at; (at = s.find(from)) != std::string::npos;) s.replace(at, from.size(), to);
+    };
+    put("\\n", "\n");
+    put("\\t", "\t");
+    for (const auto &[name, file] : files) put("$" + name, file);
     return s;
   };
   int rows = 0;
