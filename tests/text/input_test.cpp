@@ -125,7 +125,7 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
   for (bool terminal : {false, true}) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    if (terminal) ASSERT_EQ(fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK), 0);
+    ASSERT_EQ(fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | (terminal ? O_NONBLOCK : 0)), 0);
     std::thread writer([&, fd = fds[1]] {
       if (terminal) std::this_thread::sleep_for(std::chrono::milliseconds(50));
       EXPECT_EQ(write(fd, input.data(), input.size()), static_cast<ssize_t>(input.size()));
@@ -249,8 +249,9 @@ TEST_F(ReadlineTest, TerminalKeysEditTheLineAndSettingsAreRestored) {
       EXPECT_EQ(std::memcmp(&before, &after, sizeof before), 0) << "settings not restored";
       close(master);
     }
-    if (code == 0 && line.size() < 30)
+    if (code == 0 && line.size() < 30) {
       EXPECT_NE(screen.find("pty> " + line), std::string::npos) << screen;
+    }
     vepra_ri_readline_terminate(rl);
     close(slave);
   }

@@ -183,8 +183,11 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
     if (!ended) head.assign(size, 'h');
     std::memcpy(buf.data(), head.c_str(), head.size() + ended);
     ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), head.size() + src.size());
-    if (ended) expect_bounded(buf, size, head + src);
-    if (!ended) ASSERT_EQ(std::string(buf.data(), buf.size()), head + "########") << "unterminated";
+    if (ended) {
+      expect_bounded(buf, size, head + src);
+    } else {
+      ASSERT_EQ(std::string(buf.data(), buf.size()), head + "########") << "unterminated";
+    }
   }
   // Null sources are empty texts; null destinations take nothing.
   char small[4] = "ab";
