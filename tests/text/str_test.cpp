@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <iconv.h>
 
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -466,23 +467,6 @@ TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   EXPECT_EQ(items(dst), (Strings{std::string(3000, 'k'), "short"}));
 }
 
-TEST_F(StrlistTest, TokenizeMatchesModel) {
-  std::mt19937 rng(23);
-  const char alphabet[] = "ab ,;\"";
-  std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), len(0, 12), count(1, 4);
-  for (int round = 0; round < 5000; ++round) {
-    Strings src(static_cast<size_t>(count(rng)));
-    for (std::string &s : src)
-      for (int k = len(rng); k > 0; --k) s += alphabet[ch(rng)];
-    std::string seps = round % 3 == 0 ? " " : round % 3 == 1 ? " ," : ";\"";
-    TokenizerModel model{seps};
-    for (const std::string &s : src) model.feed(s);  // elements run into each other
-    model.flush();
-    ASSERT_EQ(tokenize(src, seps.c_str()), model.tokens)
-        << "seps '" << seps << "' first '" << src[0] << "'";
-  }
-}
-
 using PrsdTest = StrTest;
 
 std::string num(double d) {
@@ -548,29 +532,37 @@ TEST_F(PrsdTest, GrowsAndFailsCleanly) {
   EXPECT_EQ(tokens_of(rec), Strings{"i1"});
 }
 
-// Random lines against the model and the C library, with the state after
-// each line; every eighth round has tokens past the 64-byte stack copy.
-TEST_F(PrsdTest, MatchesModel) {
+// Random lines against the model and the C library. The list's elements
+// run into each other; the parser's lines do not, and the state after each
+// line is checked. Every eighth round has tokens past the parser's 64-byte
+// stack copy.
+TEST_F(StrlistTest, TokenizersMatchModel) {
   std::mt19937 rng(17);
-  const char alphabet[] = "0123456789.e-+ ,x\"\\";
+  const char alphabet[] = "0123456789.e-+ ,;x\"\\";
   std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), lines(1, 4);
-  for (int round = 0; round < 3000; ++round) {
-    TokenizerModel model{round % 4 == 0 ? "" : round % 4 == 1 ? " " : " ,", true};
+  for (int round = 0; round < 5000; ++round) {
+    const std::string seps = std::array{"", " ", " ,", ";\""}[round % 4];
+    Strings src(static_cast<size_t>(lines(rng)));
+    for (std::string &l : src)
+      for (int k = rng() % (round % 8 == 0 ? 101 : 31); k > 0; --k) l += alphabet[ch(rng)];
+    SCOPED_TRACE("seps '" + seps + "' first line '" + src[0] + "'");
+    TokenizerModel joined{seps}, apart{seps, true};
     vepra_prsd_t rec;
     vepra_prsd_clear_p(&rec);
-    std::string text;
-    for (int n = lines(rng); n > 0; --n) {
-      std::string l;
-      for (int k = rng() % (round % 8 == 0 ? 101 : 31); k > 0; --k) l += alphabet[ch(rng)];
-      text += l + "|";
-      model.feed(l);
-      model.flush();  // a token is always a run of one line
-      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), model.seps.c_str(), pool_), 0);
-      ASSERT_EQ(rec.state, static_cast<uint32_t>(model.state)) << text;
+    for (const std::string &l : src) {
+      joined.feed(l);
+      apart.feed(l);
+      apart.flush();
+      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), seps.c_str(), pool_), 0);
+      ASSERT_EQ(rec.state, static_cast<uint32_t>(apart.state)) << l;
+    }
+    joined.flush();
+    if (!seps.empty()) {  // no separators is an error for the list
+      ASSERT_EQ(tokenize(src, seps.c_str()), joined.tokens);
     }
     Strings want;
-    for (const std::string &t : model.tokens) want.push_back(classify(t));
-    ASSERT_EQ(tokens_of(rec), want) << "seps '" << model.seps << "' lines " << text;
+    for (const std::string &t : apart.tokens) want.push_back(classify(t));
+    ASSERT_EQ(tokens_of(rec), want);
   }
 }
 
