@@ -46,22 +46,25 @@ std::string take(char *p) {
   return s;
 }
 
+// A number as text, doubles with the digits that tell them apart.
+using testing::PrintToString;
+
 // The conversion by f: the value as text, or the error (nothing stored).
 template <typename T>
 std::string convert(vepra_error_t *(*f)(const char *, T *), const char *s) {
   T v = 5;
   vepra_error_t *e = f(s, &v);
   EXPECT_TRUE(e == nullptr || v == 5) << "a failed conversion stored a value";
-  return e != nullptr ? take_printed(e) : std::to_string(v);
+  return e != nullptr ? take_printed(e) : PrintToString(v);
 }
 
 // The same by strtol (low 32 bits kept), strtoll or strtod, or the error.
 std::string peer_convert(char kind, const char *s) {
   char *end = nullptr;
   errno = 0;
-  const std::string value = kind == 'i' ? std::to_string(static_cast<int>(std::strtol(s, &end, 10)))
-                            : kind == 'l' ? std::to_string(std::strtoll(s, &end, 10))
-                                          : std::to_string(std::strtod(s, &end));
+  const std::string value = kind == 'i' ? PrintToString(static_cast<int>(std::strtol(s, &end, 10)))
+                            : kind == 'l' ? PrintToString(std::strtoll(s, &end, 10))
+                                          : PrintToString(std::strtod(s, &end));
   if (errno == 0 && end != s && *end == '\0') return value;
   const std::string range = errno == ERANGE ? ": "s + std::strerror(ERANGE) : "";
   const char *name = kind == 'i' ? "integer" : kind == 'l' ? "int64" : "double";
@@ -469,23 +472,13 @@ TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
 
 using PrsdTest = StrTest;
 
-std::string num(double d) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%.17g", d);
-  return text;
-}
-
 // A token as strtol (low 32 bits), else strtod, else as a string reads it:
 // its kind ('i', 'd' or 's') and value.
 std::string classify(const std::string &text) {
-  const char *s = text.c_str();
-  char *end = nullptr;
-  errno = 0;
-  long i = std::strtol(s, &end, 10);
-  if (errno == 0 && end != s && *end == '\0') return "i" + std::to_string(static_cast<int32_t>(i));
-  errno = 0;
-  double d = std::strtod(s, &end);
-  if (errno == 0 && end != s && *end == '\0') return "d" + num(d);
+  for (char kind : {'i', 'd'}) {
+    const std::string value = peer_convert(kind, text.c_str());
+    if (value.rfind("Error", 0) != 0) return kind + value;
+  }
   return "s" + text;
 }
 
@@ -494,8 +487,8 @@ Strings tokens_of(const vepra_prsd_t &rec) {
   Strings out;
   uint32_t n[4] = {};
   for (const vepra_prsd_token_t &t : std::vector(rec.tokens, rec.tokens + rec.n_tokens)) {
-    out.push_back(t.kind == VEPRA_PRSD_INTEGER  ? "i" + std::to_string(t.value_int)
-                  : t.kind == VEPRA_PRSD_DOUBLE ? "d" + num(t.value_double)
+    out.push_back(t.kind == VEPRA_PRSD_INTEGER  ? "i" + PrintToString(t.value_int)
+                  : t.kind == VEPRA_PRSD_DOUBLE ? "d" + PrintToString(t.value_double)
                   : t.kind == VEPRA_PRSD_STRING ? "s" + std::string(t.value_string)
                                                 : "?");
     ++n[t.kind & 3];
