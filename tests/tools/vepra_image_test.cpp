@@ -138,35 +138,21 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   ASSERT_EQ(run_tool({"stats", "--histogram", csv_path, scan}).status, 0);
   EXPECT_TRUE(slurp(csv_path) == csv);
   const nlohmann::json stats = nlohmann::json::parse(run_tool({"stats", "--json", scan}).out);
-  const double min = stats.at("min"), max = stats.at("max");
-  // The plot's marks sit at the figures stats tells, on a linear and a log
-  // scale, and each has a label.
+  // The plot, well-formed SVG, marks the four figures stats tells, on a
+  // linear and a log scale.
   const std::string svg = temp_path("plot.svg");
   for (const bool log : {false, true}) {
     std::vector<std::string> args = {"stats", "--plot", svg, scan};
     if (log) args.push_back("--log");
     ASSERT_EQ(run_tool(args).status, 0);
-    const std::vector<Attributes> elements = xml_elements(svg);
-    ASSERT_FALSE(elements.empty());
-    const Attributes &root = elements[0];
-    const double x0 = std::stod(root.at("data-x0")), x1 = std::stod(root.at("data-x1"));
-    const double left = std::stod(root.at("data-left")), width = std::stod(root.at("data-width"));
-    EXPECT_LT(x0, min);
-    EXPECT_GT(x1, max);
-    std::map<std::string, double> seen;
-    int labels = 0;
-    for (Attributes line : elements) {
-      labels += line["class"] == "label";
-      if (line["class"] != "mark") continue;
-      const std::string name = line.at("id").substr(5);  // "mark-..."
-      const double value = std::stod(line.at("data-value"));
-      EXPECT_NEAR(value, stats.at(name).get<double>(), 5e-5) << name;
-      EXPECT_NEAR(std::stod(line.at("x1")), left + (value - x0) / (x1 - x0) * width, 0.01) << name;
-      EXPECT_EQ(line.at("x1"), line.at("x2"));
-      seen[name] = value;
+    std::map<std::string, double> marked;
+    for (Attributes e : xml_elements(svg)) {
+      if (e["class"] != "mark") continue;
+      const std::string name = e.at("id").substr(5);  // "mark-..."
+      marked[name] = std::stod(e.at("data-value"));
+      EXPECT_NEAR(marked[name], stats.at(name).get<double>(), 5e-5) << name;
     }
-    EXPECT_EQ(seen.size(), 4u);
-    EXPECT_EQ(labels, 4);
+    EXPECT_EQ(marked.size(), 4u);
   }
 
   // Options reach the library; the density of a BlackIsZero scan saturates at 0.
