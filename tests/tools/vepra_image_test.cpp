@@ -2,10 +2,7 @@
 // inspected and measured. The measures themselves are proven by the image
 // tests; here the figures printed are pinned, the images written must be
 // the library's, and failures must print their chain and exit 1 or 2.
-#include <apr_xml.h>
 #include <sys/stat.h>
-
-#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <functional>
@@ -23,7 +20,6 @@ using vepra_test::run_tool;
 using vepra_test::slurp;
 using vepra_test::temp_path;
 using vepra_test::ToolRun;
-using Attributes = std::map<std::string, std::string>;
 
 class VepraImageTest : public vepra_test::LibraryTest {
  protected:
@@ -44,25 +40,6 @@ class VepraImageTest : public vepra_test::LibraryTest {
     EXPECT_EQ(measure(rows.data()), nullptr);
     EXPECT_EQ(vepra_img_darr_to_tiff(path.c_str(), rows.data(), img_.height, img_.width), nullptr);
     return slurp(path);
-  }
-  // The attributes of each element of an XML file parsed by APR-util, in
-  // document order (the root first).
-  std::vector<Attributes> xml_elements(const std::string &path) {
-    std::vector<Attributes> found;
-    apr_xml_parser *parser = apr_xml_parser_create(pool_);
-    apr_xml_doc *doc = nullptr;
-    const std::string text = slurp(path);
-    EXPECT_EQ(apr_xml_parser_feed(parser, text.data(), text.size()), APR_SUCCESS);
-    EXPECT_EQ(apr_xml_parser_done(parser, &doc), APR_SUCCESS);
-    std::function<void(const apr_xml_elem *)> visit = [&](const apr_xml_elem *e) {
-      for (; e != nullptr; e = e->next) {
-        Attributes &attrs = found.emplace_back();
-        for (const apr_xml_attr *a = e->attr; a != nullptr; a = a->next) attrs[a->name] = a->value;
-        visit(e->first_child);
-      }
-    };
-    visit(doc == nullptr ? nullptr : doc->root);
-    return found;
   }
   vepra_img_t img_{};
 };
@@ -114,8 +91,7 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
 }
 
 // Each command's output is what the library gives for the same scan and
-// options: the histogram, the plot of the statistics, and the images
-// written.
+// options: the histogram and the images written.
 TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   const std::string scan = temp_path("scan.tif"), again = temp_path("again.tif"),
                     csv_path = temp_path("h.csv");
@@ -137,23 +113,6 @@ TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
   vepra_mem_free(hist);
   ASSERT_EQ(run_tool({"stats", "--histogram", csv_path, scan}).status, 0);
   EXPECT_TRUE(slurp(csv_path) == csv);
-  const nlohmann::json stats = nlohmann::json::parse(run_tool({"stats", "--json", scan}).out);
-  // The plot, well-formed SVG, marks the four figures stats tells, on a
-  // linear and a log scale.
-  const std::string svg = temp_path("plot.svg");
-  for (const bool log : {false, true}) {
-    std::vector<std::string> args = {"stats", "--plot", svg, scan};
-    if (log) args.push_back("--log");
-    ASSERT_EQ(run_tool(args).status, 0);
-    std::map<std::string, double> marked;
-    for (Attributes e : xml_elements(svg)) {
-      if (e["class"] != "mark") continue;
-      const std::string name = e.at("id").substr(5);  // "mark-..."
-      marked[name] = std::stod(e.at("data-value"));
-      EXPECT_NEAR(marked[name], stats.at(name).get<double>(), 5e-5) << name;
-    }
-    EXPECT_EQ(marked.size(), 4u);
-  }
 
   // Options reach the library; the density of a BlackIsZero scan saturates at 0.
   const std::string out = temp_path("measure.tif");
