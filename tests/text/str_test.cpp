@@ -470,8 +470,6 @@ TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   EXPECT_EQ(items(dst), (Strings{std::string(3000, 'k'), "short"}));
 }
 
-using PrsdTest = StrTest;
-
 // A token as strtol (low 32 bits), else strtod, else as a string reads it:
 // its kind ('i', 'd' or 's') and value.
 std::string classify(const std::string &text) {
@@ -500,7 +498,7 @@ Strings tokens_of(const vepra_prsd_t &rec) {
 
 // The token array's growth, the arguments it refuses, and a long token,
 // typed from its pool copy, in an exhausted pool.
-TEST_F(PrsdTest, GrowsAndFailsCleanly) {
+TEST_F(StrTest, ParserGrowsAndFailsCleanly) {
   // Eleven tokens: the array has grown once and counts its free entries down.
   vepra_prsd_t rec{};
   vepra_prsd_parse_p(&rec, "0 1 2 3 4 5 6 7 8 9 10 \\", " ", pool_);
