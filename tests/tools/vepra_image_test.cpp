@@ -93,16 +93,9 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
 // Each command's output is what the library gives for the same scan and
 // options: the histogram and the images written.
 TEST_F(VepraImageTest, CommandsGiveWhatTheLibraryGives) {
-  const std::string scan = temp_path("scan.tif"), again = temp_path("again.tif"),
-                    csv_path = temp_path("h.csv");
+  const std::string scan = temp_path("scan.tif"), csv_path = temp_path("h.csv");
   ASSERT_EQ(run_tool({"synth", "-o", scan, "--width", "96", "--height", "64"}).status, 0);
   ASSERT_EQ(vepra_img_read(scan.c_str(), &img_), nullptr);
-  // synth is deterministic, and the pattern matters.
-  for (const char *pattern : {"--pattern=1", "--pattern=6"}) {
-    ASSERT_EQ(run_tool({"synth", "-o", again, "--width=96", "--height=64", pattern}).status, 0);
-    EXPECT_EQ(slurp(scan) == slurp(again), pattern[10] == '1');
-  }
-
   // The histogram file holds the library's counts.
   size_t nbins = 0;
   uint64_t *hist = nullptr;
