@@ -3,7 +3,6 @@
 // reader promises besides not crashing.
 #include <algorithm>
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <iterator>

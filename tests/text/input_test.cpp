@@ -278,11 +278,9 @@ class DirTest : public vepra_test::LibraryTest {
 
   // The paths the callback saw; the callback fails for names containing
   // "fail" and stops the walk at names containing "stop".
-  vepra_error_t *walk(const char *include, const char *exclude, uint32_t flags, Paths *seen,
-                      const std::string &dir = "") {
+  vepra_error_t *walk(const char *include, const char *exclude, uint32_t flags, Paths *seen) {
     options_ = {flags, nullptr, nullptr, record, seen};
-    return vepra_dir_traverse((dir.empty() ? root_ : dir).c_str(), include, exclude, &options_,
-                              pool_);
+    return vepra_dir_traverse(root_.c_str(), include, exclude, &options_, pool_);
   }
 
   static vepra_error_t *record(const char *path, void *user, apr_pool_t *pool) {
@@ -381,7 +379,7 @@ TEST_F(DirTest, FailuresAreReportedOrReturned) {
   EXPECT_EQ(seen, Paths{root_ + "/stop"});
 
   std::string missing = root_ + "/missing";
-  EXPECT_EQ(take_printed(walk(nullptr, nullptr, 0, &seen, missing)),
+  EXPECT_EQ(take_printed(vepra_dir_traverse(missing.c_str(), nullptr, nullptr, &options_, pool_)),
             failed + "(" + missing + "): " + std::strerror(ENOENT) + " ");
   EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
             failed + std::strerror(EINVAL) + " ");
