@@ -5,9 +5,7 @@
 // the moves and deletions. The second byte is the console width, so that
 // sideways scrolling is drawn too (into /dev/null).
 #include <clocale>
-#include <cstdio>
 #include <cstdlib>
-#include <string>
 
 #include "fuzz_common.hpp"
 #include "vepra_readline.h"

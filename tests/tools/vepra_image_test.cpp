@@ -51,7 +51,7 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
   std::map<std::string, std::string> files = {{"data", VEPRA_TEST_DATA_DIR "/tools"},
                                               {"odd", dir + "/a b\tc\nd\\e\x01.tif"},
                                               {"shown", dir + "/a b\\tc\\nd\\\\e\\001.tif"}};
-  for (const char *name : {"missing", "text", "fifo", "dir", "scan", "x", "twin", "out", "rois"})
+  for (const char *name : {"missing", "text", "fifo", "dir", "scan", "x", "twin", "out"})
     files[name] = dir + "/" + name;
   for (const std::string &d : {dir, files.at("dir"), files.at("twin")})
     ASSERT_EQ(mkdir(d.c_str(), 0700), 0) << d;
@@ -59,8 +59,6 @@ TEST_F(VepraImageTest, RunsGiveTheirStatusAndText) {
   ASSERT_EQ(mkfifo(files.at("fifo").c_str(), 0600), 0);
   ASSERT_EQ(run_tool({"synth", "-o", files.at("scan"), "--width", "96", "--height", "64"}).status,
             0);
-  std::ofstream(files.at("rois")) << "shape,x,y,a,b\n# the saturated spot\ncircle,67.2,19.2,6\n\n"
-                                     "ellipse:20,30,8,5\nrect,-5,-5,3,4\n";
   fs::copy_file(files.at("scan"), files.at("odd"));
   fs::copy_file(files.at("data") + "/unitless.tif", files.at("twin") + "/unitless.tif");
   // \n and \t become a newline and a tab, then $name its file.
