@@ -3,11 +3,9 @@
 // reader promises besides not crashing.
 #include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <memory>
-#include <string>
 #include <string_view>
 
 #include "fuzz_common.hpp"
