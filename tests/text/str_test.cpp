@@ -128,7 +128,8 @@ TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
 
 TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
   // An empty or null search text, or a null replacement, changes nothing.
-  for (auto [from, to] : {std::pair<const char *, const char *>{"", "x"}, {nullptr, "x"}, {"b", 0}})
+  for (auto [from, to] :
+       {std::pair<const char *, const char *>{"", "x"}, {nullptr, "x"}, {"b", nullptr}})
     EXPECT_EQ(take(vepra_str_replace_all("abc", from, to)), "abc");
   EXPECT_EQ(take(vepra_str_replace("abc", "", "<")), "<abc");
   EXPECT_EQ(vepra_str_replace_all(nullptr, "a", "b"), nullptr);
