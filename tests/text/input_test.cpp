@@ -47,22 +47,20 @@ int code_of(vepra_error_t *e) {
 // Fills a fresh block of the line pool, which must not overlap the line.
 void scribble(vepra_ri_readline_t *rl) { std::memset(apr_palloc(rl->line_pool, 64), 'x', 64); }
 
-// A reader over a byte string, ending with a chosen status.
-struct Script {
-  std::string bytes;
-  int last = VEPRA_RI_END_OF_INPUT;
-  size_t pos = 0;
-  static int next(void *user) {
-    auto *s = static_cast<Script *>(user);
-    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
-  }
-};
-
-// Reads one line of keys, then the reader's status: the code, "|" and the line.
+// Reads one line from a reader of keys that then gives the status last;
+// gives the code, "|" and the line.
 std::string read_keys(vepra_ri_readline_t *rl, const std::string &keys,
                       int last = VEPRA_RI_END_OF_INPUT) {
-  Script script{keys, last};
-  vepra_ri_readline_set_reader(rl, Script::next, &script);
+  struct Script {
+    const std::string &bytes;
+    int last;
+    size_t pos;
+  } script{keys, last, 0};
+  auto next = [](void *user) {
+    auto *s = static_cast<Script *>(user);
+    return s->pos < s->bytes.size() ? static_cast<unsigned char>(s->bytes[s->pos++]) : s->last;
+  };
+  vepra_ri_readline_set_reader(rl, next, &script);
   const int code = code_of(vepra_ri_readline(nullptr, rl));
   return std::to_string(code) + "|" + rl->line;
 }
@@ -119,14 +117,20 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
 
 // Input that is not a console, read as a stream or as a terminal that is
 // really a pipe, gives its lines as they are: empty and very long ones,
-// and bytes that would be keys on a console.
+// and bytes that would be keys on a console. The terminal's pipe is
+// non-blocking and written late: the reader waits for the bytes instead of
+// taking the first "try again" for a read error.
 TEST_F(ReadlineTest, PipesGivePlainLines) {
   const std::string longline(50000, 'x'), input = "one\n\n" + longline + "\na\0b\x1b[D\177c"s;
   for (bool terminal : {false, true}) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    ASSERT_EQ(write(fds[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    close(fds[1]);
+    ASSERT_EQ(fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | (terminal ? O_NONBLOCK : 0)), 0);
+    std::thread writer([&, fd = fds[1]] {
+      if (terminal) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      EXPECT_EQ(write(fd, input.data(), input.size()), static_cast<ssize_t>(input.size()));
+      close(fd);
+    });
     FILE *stream = fdopen(fds[0], "r");
     vepra_ri_readline_t *rl = make("> ", 0);
     if (terminal) vepra_ri_readline_set_terminal(rl, fds[0]);
@@ -136,30 +140,10 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
     while ((e = vepra_ri_readline(nullptr, rl)) == nullptr) got.emplace_back(rl->line);
     EXPECT_EQ(code_of(e), VEPRA_E_CONSOLE_HALTED);
     EXPECT_EQ(got, (std::vector<std::string>{"one", "", longline, "ab\x1b[D\177c"})) << terminal;
+    writer.join();
     std::fclose(stream);
     vepra_ri_readline_terminate(rl);
   }
-}
-
-// A non-blocking input whose line comes later: the reader waits for it
-// instead of taking the first "try again" for a read error.
-TEST_F(ReadlineTest, NonBlockingInputIsWaitedFor) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  ASSERT_EQ(fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK), 0);
-  std::thread writer([fd = fds[1]] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(write(fd, "late\n", 5), 5);
-    close(fd);
-  });
-  vepra_ri_readline_t *rl = make("> ", 0);
-  vepra_ri_readline_set_terminal(rl, fds[0]);
-  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), 0);
-  EXPECT_STREQ(rl->line, "late");
-  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_HALTED);
-  writer.join();
-  close(fds[0]);
-  vepra_ri_readline_terminate(rl);
 }
 
 // The line as a list of characters and the cursor as an index into it.
@@ -294,11 +278,9 @@ class DirTest : public vepra_test::LibraryTest {
 
   // The paths the callback saw; the callback fails for names containing
   // "fail" and stops the walk at names containing "stop".
-  vepra_error_t *walk(const char *include, const char *exclude, uint32_t flags, Paths *seen,
-                      const std::string &dir = "") {
+  vepra_error_t *walk(const char *include, const char *exclude, uint32_t flags, Paths *seen) {
     options_ = {flags, nullptr, nullptr, record, seen};
-    return vepra_dir_traverse((dir.empty() ? root_ : dir).c_str(), include, exclude, &options_,
-                              pool_);
+    return vepra_dir_traverse(root_.c_str(), include, exclude, &options_, pool_);
   }
 
   static vepra_error_t *record(const char *path, void *user, apr_pool_t *pool) {
@@ -397,7 +379,7 @@ TEST_F(DirTest, FailuresAreReportedOrReturned) {
   EXPECT_EQ(seen, Paths{root_ + "/stop"});
 
   std::string missing = root_ + "/missing";
-  EXPECT_EQ(take_printed(walk(nullptr, nullptr, 0, &seen, missing)),
+  EXPECT_EQ(take_printed(vepra_dir_traverse(missing.c_str(), nullptr, nullptr, &options_, pool_)),
             failed + "(" + missing + "): " + std::strerror(ENOENT) + " ");
   EXPECT_EQ(take_printed(vepra_dir_traverse(nullptr, nullptr, nullptr, &options_, pool_)),
             failed + std::strerror(EINVAL) + " ");

@@ -4,15 +4,13 @@
 #include <dlfcn.h>
 #include <iconv.h>
 
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "core/testing.hpp"
 #include "support/test_support.hpp"
@@ -48,22 +46,25 @@ std::string take(char *p) {
   return s;
 }
 
+// A number as text, doubles with the digits that tell them apart.
+using testing::PrintToString;
+
 // The conversion by f: the value as text, or the error (nothing stored).
 template <typename T>
 std::string convert(vepra_error_t *(*f)(const char *, T *), const char *s) {
   T v = 5;
   vepra_error_t *e = f(s, &v);
   EXPECT_TRUE(e == nullptr || v == 5) << "a failed conversion stored a value";
-  return e != nullptr ? take_printed(e) : std::to_string(v);
+  return e != nullptr ? take_printed(e) : PrintToString(v);
 }
 
 // The same by strtol (low 32 bits kept), strtoll or strtod, or the error.
 std::string peer_convert(char kind, const char *s) {
   char *end = nullptr;
   errno = 0;
-  const std::string value = kind == 'i' ? std::to_string(static_cast<int>(std::strtol(s, &end, 10)))
-                            : kind == 'l' ? std::to_string(std::strtoll(s, &end, 10))
-                                          : std::to_string(std::strtod(s, &end));
+  const std::string value = kind == 'i' ? PrintToString(static_cast<int>(std::strtol(s, &end, 10)))
+                            : kind == 'l' ? PrintToString(std::strtoll(s, &end, 10))
+                                          : PrintToString(std::strtod(s, &end));
   if (errno == 0 && end != s && *end == '\0') return value;
   const std::string range = errno == ERANGE ? ": "s + std::strerror(ERANGE) : "";
   const char *name = kind == 'i' ? "integer" : kind == 'l' ? "int64" : "double";
@@ -126,9 +127,10 @@ TEST_F(StrTest, StricmpAndReplaceMatchPeers) {
 }
 
 TEST_F(StrTest, ReplaceEdgesLengthsAndTrim) {
-  const char *all[][4] = {
-      {"abc", "", "x", "abc"}, {"abc", nullptr, "x", "abc"}, {"abc", "b", nullptr, "abc"}};
-  for (auto &c : all) EXPECT_EQ(take(vepra_str_replace_all(c[0], c[1], c[2])), c[3]) << c[0];
+  // An empty or null search text, or a null replacement, changes nothing.
+  for (auto [from, to] :
+       {std::pair<const char *, const char *>{"", "x"}, {nullptr, "x"}, {"b", nullptr}})
+    EXPECT_EQ(take(vepra_str_replace_all("abc", from, to)), "abc");
   EXPECT_EQ(take(vepra_str_replace("abc", "", "<")), "<abc");
   EXPECT_EQ(vepra_str_replace_all(nullptr, "a", "b"), nullptr);
   // Memory running out gives null, never a cut text.
@@ -182,15 +184,14 @@ TEST_F(StrTest, BoundedWritesMatchPeers) {
     ASSERT_EQ(vepra_str_strlcpy(buf.data(), src.c_str(), size), src.size());
     expect_bounded(buf, size, src);
     // strlcat onto a prefix that may or may not be terminated within size
-    if (head.size() < size) {
-      std::memcpy(buf.data(), head.c_str(), head.size() + 1);
-      ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), head.size() + src.size());
+    const bool ended = head.size() < size;
+    if (!ended) head.assign(size, 'h');
+    std::memcpy(buf.data(), head.c_str(), head.size() + ended);
+    ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), head.size() + src.size());
+    if (ended) {
       expect_bounded(buf, size, head + src);
     } else {
-      std::memset(buf.data(), 'h', size);
-      ASSERT_EQ(vepra_str_strlcat(buf.data(), src.c_str(), size), size + src.size());
-      ASSERT_EQ(std::string(buf.begin(), buf.end()), std::string(size, 'h') + std::string(8, '#'))
-          << "wrote without a terminator within size";
+      ASSERT_EQ(std::string(buf.data(), buf.size()), head + "########") << "unterminated";
     }
   }
   // Null sources are empty texts; null destinations take nothing.
@@ -234,12 +235,9 @@ std::string escape(bool un, const std::string &src, const std::string &size_text
 std::string bytes_of(const std::string &text) {
   std::string out;
   for (size_t k = 0; k < text.size(); ++k) {
-    if (text[k] == '<' && k + 3 < text.size() && text[k + 3] == '>') {
-      out += static_cast<char>(std::stoi(text.substr(k + 1, 2), nullptr, 16));
-      k += 3;
-    } else {
-      out += text[k];
-    }
+    const bool hex = text[k] == '<' && k + 3 < text.size() && text[k + 3] == '>';
+    out += hex ? static_cast<char>(std::stoi(text.substr(k + 1, 2), nullptr, 16)) : text[k];
+    k += hex ? 3 : 0;
   }
   return out;
 }
@@ -345,13 +343,9 @@ TEST_F(StrTest, Base62MatchesStrtollAndSnprintf) {
     char buf[80], text[80];
     const unsigned long long mag = got < 0 ? 0ULL - static_cast<unsigned long long>(got) : got;
     const int out = round % 3 == 0 ? 8 : round % 3 == 1 ? 10 : 16;
-    std::snprintf(text, sizeof text,
-                  out == 8    ? "%s%llo"
-                  : out == 10 ? "%s%llu"
-                              : "%s%llX",
-                  got < 0 ? "-" : "", mag);
-    EXPECT_EQ(vepra_str_int64_to_base62(got, out, buf, sizeof buf),
-              static_cast<int>(std::strlen(text)));
+    const char *format = out == 8 ? "%s%llo" : out == 10 ? "%s%llu" : "%s%llX";
+    const int n = std::snprintf(text, sizeof text, format, got < 0 ? "-" : "", mag);
+    EXPECT_EQ(vepra_str_int64_to_base62(got, out, buf, sizeof buf), n);
     EXPECT_STREQ(buf, text);
   }
 }
@@ -477,42 +471,13 @@ TEST_F(StrlistTest, TokenizeLongTokensAndErrors) {
   EXPECT_EQ(items(dst), (Strings{std::string(3000, 'k'), "short"}));
 }
 
-TEST_F(StrlistTest, TokenizeMatchesModel) {
-  std::mt19937 rng(23);
-  const char alphabet[] = "ab ,;\"";
-  std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), len(0, 12), count(1, 4);
-  for (int round = 0; round < 5000; ++round) {
-    Strings src(static_cast<size_t>(count(rng)));
-    for (std::string &s : src)
-      for (int k = len(rng); k > 0; --k) s += alphabet[ch(rng)];
-    std::string seps = round % 3 == 0 ? " " : round % 3 == 1 ? " ," : ";\"";
-    TokenizerModel model{seps};
-    for (const std::string &s : src) model.feed(s);  // elements run into each other
-    model.flush();
-    ASSERT_EQ(tokenize(src, seps.c_str()), model.tokens)
-        << "seps '" << seps << "' first '" << src[0] << "'";
-  }
-}
-
-using PrsdTest = StrTest;
-
-std::string num(double d) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%.17g", d);
-  return text;
-}
-
 // A token as strtol (low 32 bits), else strtod, else as a string reads it:
 // its kind ('i', 'd' or 's') and value.
 std::string classify(const std::string &text) {
-  const char *s = text.c_str();
-  char *end = nullptr;
-  errno = 0;
-  long i = std::strtol(s, &end, 10);
-  if (errno == 0 && end != s && *end == '\0') return "i" + std::to_string(static_cast<int32_t>(i));
-  errno = 0;
-  double d = std::strtod(s, &end);
-  if (errno == 0 && end != s && *end == '\0') return "d" + num(d);
+  for (char kind : {'i', 'd'}) {
+    const std::string value = peer_convert(kind, text.c_str());
+    if (value.rfind("Error", 0) != 0) return kind + value;
+  }
   return "s" + text;
 }
 
@@ -521,8 +486,8 @@ Strings tokens_of(const vepra_prsd_t &rec) {
   Strings out;
   uint32_t n[4] = {};
   for (const vepra_prsd_token_t &t : std::vector(rec.tokens, rec.tokens + rec.n_tokens)) {
-    out.push_back(t.kind == VEPRA_PRSD_INTEGER  ? "i" + std::to_string(t.value_int)
-                  : t.kind == VEPRA_PRSD_DOUBLE ? "d" + num(t.value_double)
+    out.push_back(t.kind == VEPRA_PRSD_INTEGER  ? "i" + PrintToString(t.value_int)
+                  : t.kind == VEPRA_PRSD_DOUBLE ? "d" + PrintToString(t.value_double)
                   : t.kind == VEPRA_PRSD_STRING ? "s" + std::string(t.value_string)
                                                 : "?");
     ++n[t.kind & 3];
@@ -534,7 +499,7 @@ Strings tokens_of(const vepra_prsd_t &rec) {
 
 // The token array's growth, the arguments it refuses, and a long token,
 // typed from its pool copy, in an exhausted pool.
-TEST_F(PrsdTest, GrowsAndFailsCleanly) {
+TEST_F(StrTest, ParserGrowsAndFailsCleanly) {
   // Eleven tokens: the array has grown once and counts its free entries down.
   vepra_prsd_t rec{};
   vepra_prsd_parse_p(&rec, "0 1 2 3 4 5 6 7 8 9 10 \\", " ", pool_);
@@ -559,29 +524,37 @@ TEST_F(PrsdTest, GrowsAndFailsCleanly) {
   EXPECT_EQ(tokens_of(rec), Strings{"i1"});
 }
 
-// Random lines against the model and the C library, with the state after
-// each line; every eighth round has tokens past the 64-byte stack copy.
-TEST_F(PrsdTest, MatchesModel) {
+// Random lines against the model and the C library. The list's elements
+// run into each other; the parser's lines do not, and the state after each
+// line is checked. Every eighth round has tokens past the parser's 64-byte
+// stack copy.
+TEST_F(StrlistTest, TokenizersMatchModel) {
   std::mt19937 rng(17);
-  const char alphabet[] = "0123456789.e-+ ,x\"\\";
+  const char alphabet[] = "0123456789.e-+ ,;x\"\\";
   std::uniform_int_distribution<int> ch(0, sizeof alphabet - 2), lines(1, 4);
-  for (int round = 0; round < 3000; ++round) {
-    TokenizerModel model{round % 4 == 0 ? "" : round % 4 == 1 ? " " : " ,", true};
+  for (int round = 0; round < 5000; ++round) {
+    const std::string seps = std::array{"", " ", " ,", ";\""}[round % 4];
+    Strings src(static_cast<size_t>(lines(rng)));
+    for (std::string &l : src)
+      for (int k = rng() % (round % 8 == 0 ? 101 : 31); k > 0; --k) l += alphabet[ch(rng)];
+    SCOPED_TRACE("seps '" + seps + "' first line '" + src[0] + "'");
+    TokenizerModel joined{seps}, apart{seps, true};
     vepra_prsd_t rec;
     vepra_prsd_clear_p(&rec);
-    std::string text;
-    for (int n = lines(rng); n > 0; --n) {
-      std::string l;
-      for (int k = rng() % (round % 8 == 0 ? 101 : 31); k > 0; --k) l += alphabet[ch(rng)];
-      text += l + "|";
-      model.feed(l);
-      model.flush();  // a token is always a run of one line
-      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), model.seps.c_str(), pool_), 0);
-      ASSERT_EQ(rec.state, static_cast<uint32_t>(model.state)) << text;
+    for (const std::string &l : src) {
+      joined.feed(l);
+      apart.feed(l);
+      apart.flush();
+      ASSERT_EQ(vepra_prsd_parse_p(&rec, l.c_str(), seps.c_str(), pool_), 0);
+      ASSERT_EQ(rec.state, static_cast<uint32_t>(apart.state)) << l;
+    }
+    joined.flush();
+    if (!seps.empty()) {  // no separators is an error for the list
+      ASSERT_EQ(tokenize(src, seps.c_str()), joined.tokens);
     }
     Strings want;
-    for (const std::string &t : model.tokens) want.push_back(classify(t));
-    ASSERT_EQ(tokens_of(rec), want) << "seps '" << model.seps << "' lines " << text;
+    for (const std::string &t : apart.tokens) want.push_back(classify(t));
+    ASSERT_EQ(tokens_of(rec), want);
   }
 }
 

@@ -4,11 +4,7 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -31,12 +27,9 @@ vepra_test::ToolRun run(const std::vector<std::string> &args) {
 // The first processor's "key : value" lines of /proc/cpuinfo.
 std::string cpuinfo_value(const std::string &key) {
   std::ifstream in("/proc/cpuinfo");
-  for (std::string line; std::getline(in, line);) {
-    if (line.compare(0, key.size(), key) == 0 && line.find(':') != std::string::npos) {
-      const size_t start = line.find_first_not_of(' ', line.find(':') + 1);
-      return start == std::string::npos ? "" : line.substr(start);
-    }
-  }
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind(key, 0) == 0 && line.find(':') != std::string::npos)
+      return line.substr(std::min(line.find_first_not_of(' ', line.find(':') + 1), line.size()));
   return "";
 }
 
