@@ -95,11 +95,23 @@ struct Entry {
 constexpr int kMaxDepth = 2, kMaxObjects = 6, kMaxCreated = 40;
 
 // What the model and the engine side share: the nested operations slots
-// run (selected by their usr), the log of slot calls, the nesting depth.
+// run (selected by their usr), the log of slot calls, the nesting depth,
+// and which of the objects created so far are alive.
 struct Run {
   const std::vector<Op> *nested;
   std::vector<Entry> *log;
   int depth = 0;
+  std::vector<bool> is_alive = {};
+
+  int count() const { return static_cast<int>(is_alive.size()); }
+  bool alive(int i) const { return i >= 0 && i < count() && is_alive[i]; }
+  std::vector<int> live() const {
+    std::vector<int> out;
+    for (int i = 0; i < count(); ++i)
+      if (alive(i)) out.push_back(i);
+    return out;
+  }
+  int live_count() const { return static_cast<int>(live().size()); }
 };
 
 template <class W>
@@ -119,17 +131,12 @@ void call_slot(W &w, int cb, int src, int code, int dest, uintptr_t usr) {
 
 class Model : public Run {
  public:
-  // An action queued while its signal emits: 1 connect, 2 disconnect, 3 removal.
-  struct Act {
-    int action, code, src, dest;
-    uintptr_t usr;
-    int cb;
-  };
+  // Actions queued while the signal emits: connects, disconnects, removals.
   struct ModelSig : Sig {
-    std::vector<Act> acts;
+    std::vector<Op> acts;
   };
   struct Obj {
-    bool alive = true, cleaning = false;
+    bool cleaning = false;
     int gen = 0;  // counts deletions of all signals, which end an emission
     std::vector<ModelSig> sigs;
     int parent = -1, name = -1;
@@ -141,18 +148,9 @@ class Model : public Run {
 
   std::vector<Obj> objs;
 
-  int count() const { return static_cast<int>(objs.size()); }
-  bool alive(int i) const { return i >= 0 && i < count() && objs[i].alive; }
-  std::vector<int> live() const {
-    std::vector<int> out;
-    for (int i = 0; i < count(); ++i)
-      if (alive(i)) out.push_back(i);
-    return out;
-  }
-  int live_count() const { return static_cast<int>(live().size()); }
-
   int create(int name) {
     objs.emplace_back().name = name;
+    is_alive.push_back(true);
     for (unsigned code : {1u, 2u, 3u}) add_signal(count() - 1, code);
     return count() - 1;
   }
@@ -173,7 +171,7 @@ class Model : public Run {
     ModelSig *s = find(src, code);
     if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
     if (s->busy) {
-      s->acts.push_back({1, static_cast<int>(code), src, dest, usr, cb});
+      s->acts.push_back({Kind::kConnect, src, dest, static_cast<int>(code), cb, usr});
       return 0;
     }
     auto d =
@@ -196,7 +194,7 @@ class Model : public Run {
     for (auto &s : objs[src].sigs) {
       if (code >= 0 && s.code != static_cast<unsigned>(code)) continue;
       if (s.busy) {
-        s.acts.push_back({2, code, src, dest, 0, cb});
+        s.acts.push_back({Kind::kDisconnect, src, dest, code, cb});
         disable(s, dest, cb);
       } else {
         disconnect_now(s, dest, cb);
@@ -225,16 +223,16 @@ class Model : public Run {
     }
     s = find(src, code);
     s->busy = false;
-    std::vector<Act> acts = std::move(s->acts);
+    std::vector<Op> acts = std::move(s->acts);
     s->acts.clear();
     int chain = 0;
-    for (const Act &a : acts) {
-      if (a.action == 1) {
-        if (int e = connect(a.src, static_cast<unsigned>(a.code), a.dest, a.cb, a.usr)) chain = e;
-      } else if (a.action == 2) {
-        disconnect(a.src, a.code, a.dest, a.cb);
+    for (const Op &a : acts) {
+      if (a.kind == Kind::kConnect) {
+        if (int e = connect(a.x, static_cast<unsigned>(a.code), a.y, a.cb, a.usr)) chain = e;
+      } else if (a.kind == Kind::kDisconnect) {
+        disconnect(a.x, a.code, a.y, a.cb);
       } else {
-        remove_signal(a.src, static_cast<unsigned>(a.code));
+        remove_signal(a.x, static_cast<unsigned>(a.code));
         if (find(src, code) == nullptr) return chain;
       }
     }
@@ -245,7 +243,7 @@ class Model : public Run {
     ModelSig *s = find(o, code);
     if (s == nullptr) return;
     if (s->busy) {
-      s->acts.push_back({3, static_cast<int>(code), o, -1, 0, kAny});
+      s->acts.push_back({Kind::kRemove, o, -1, static_cast<int>(code)});
       return;
     }
     if (code == 1) release_peers(o);
@@ -272,10 +270,7 @@ class Model : public Run {
 
   int remove_by_name(int p, int name) {
     auto it = objs[p].index.find(name);
-    if (it == objs[p].index.end()) return -1;
-    int c = it->second;
-    unlink(p, c);
-    return c;
+    return it == objs[p].index.end() ? -1 : remove_child(p, it->second);
   }
 
   int remove_child(int p, int c) {
@@ -287,10 +282,10 @@ class Model : public Run {
 
   void destroy(int x) {
     Obj &o = objs[x];
-    if (!o.alive || o.cleaning) return;
+    if (!is_alive[x] || o.cleaning) return;
     o.cleaning = true;
     emit(x, 1);
-    objs[x].alive = false;  // the test's cleanup callback
+    is_alive[x] = false;  // the test's cleanup callback
     objs[x].index.clear();
     while (!objs[x].children.empty()) {
       std::vector<int> kids = std::move(objs[x].children);
@@ -308,7 +303,7 @@ class Model : public Run {
     for (auto &other : objs)
       for (auto &s : other.sigs)
         if (s.busy)
-          std::erase_if(s.acts, [&](const Act &a) { return a.action == 1 && a.dest == x; });
+          std::erase_if(s.acts, [&](const Op &a) { return a.kind == Kind::kConnect && a.y == x; });
     objs[x].cleaning = false;
   }
 
@@ -453,15 +448,10 @@ class Real : public Run {
   static inline Real *current = nullptr;
   ~Real() {
     for (int i = 0; i < count(); ++i)
-      if (alive_[i]) vepra_obj_destroy(objs_[i]);
+      if (is_alive[i]) vepra_obj_destroy(objs_[i]);
     for (apr_pool_t *home : homes_) apr_pool_destroy(home);
   }
 
-  int count() const { return static_cast<int>(objs_.size()); }
-  bool alive(int i) const { return i >= 0 && i < count() && alive_[i]; }
-  int live_count() const {
-    return static_cast<int>(std::count(alive_.begin(), alive_.end(), true));
-  }
   vepra_obj_t *obj(int i) const { return i >= 0 && i < count() ? objs_[i] : nullptr; }
   int index_of(const vepra_obj_t *o) const {
     for (int i = 0; i < count(); ++i)
@@ -480,7 +470,7 @@ class Real : public Run {
         vepra_obj_add_signal(o, 2) != nullptr || vepra_obj_add_signal(o, 3) != nullptr)
       std::abort();
     objs_.push_back(o);
-    alive_.push_back(true);
+    is_alive.push_back(true);
     return count() - 1;
   }
   int add_signal(int o, unsigned code) { return code_of(vepra_obj_add_signal(objs_[o], code)); }
@@ -551,11 +541,10 @@ class Real : public Run {
   }
   static void mark_dead(vepra_obj_t *o, void *self) {
     auto *r = static_cast<Real *>(self);
-    r->alive_[r->index_of(o)] = false;
+    r->is_alive[r->index_of(o)] = false;
   }
 
   std::vector<vepra_obj_t *> objs_;
-  std::vector<bool> alive_;
   std::vector<apr_pool_t *> homes_;
 };
 

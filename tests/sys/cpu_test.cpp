@@ -6,7 +6,6 @@
 #include <sched.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -58,18 +57,16 @@ std::set<unsigned> cpu_list(const std::string &text, const std::set<unsigned> *o
     const size_t dash = part.find('-');
     const unsigned lo = std::stoul(part.substr(0, dash));
     const unsigned hi = dash == std::string::npos ? lo : std::stoul(part.substr(dash + 1));
-    for (unsigned i = lo; i <= hi; ++i) {
+    for (unsigned i = lo; i <= hi; ++i)
       if (only == nullptr || only->count(i) != 0) out.insert(i);
-    }
   }
   return out;
 }
 
 std::set<unsigned> mask_cpus(const cpu_set_t &set) {
   std::set<unsigned> out;
-  for (unsigned i = 0; i < CPU_SETSIZE; ++i) {
+  for (unsigned i = 0; i < CPU_SETSIZE; ++i)
     if (CPU_ISSET(i, &set)) out.insert(i);
-  }
   return out;
 }
 
@@ -143,9 +140,8 @@ TEST_F(CpuTest, IdentityMatchesProcCpuinfo) {
   std::stringstream ss(first["flags"]);
   for (std::string f; ss >> f;) flags.insert(f);
   EXPECT_EQ(info.hypervisor != 0, flags.count("hypervisor") != 0);
-  for (unsigned i = 0; i < VEPRA_CPU_FEATURE_COUNT; ++i) {
+  for (unsigned i = 0; i < VEPRA_CPU_FEATURE_COUNT; ++i)
     EXPECT_EQ((info.features >> i) & 1, flags.count(kFeatureNames[i])) << kFeatureNames[i];
-  }
   // vepra_initialize() set os_sse from XCR0; the kernel lists avx and
   // avx512f only when it saves their registers.
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_SSE) != 0, flags.count("sse") != 0);
@@ -164,13 +160,11 @@ TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
   const uint64_t avx512 = VEPRA_CPU_AVX512F | VEPRA_CPU_AVX512DQ | VEPRA_CPU_AVX512CD |
                           VEPRA_CPU_AVX512BW | VEPRA_CPU_AVX512VL;
   const uint32_t sse = VEPRA_CPU_OS_SSE, os_avx = VEPRA_CPU_OS_AVX, os_512 = VEPRA_CPU_OS_AVX512;
-  const std::pair<uint32_t, uint64_t> rows[] = {
-      {0, general},
-      {sse, ~(avx | avx512)},
-      {sse | os_avx, ~avx512},
-      {os_avx | os_512, general | avx | avx512},
-      {sse | os_avx | os_512, ~uint64_t{0}},
-  };
+  const std::pair<uint32_t, uint64_t> rows[] = {{0, general},
+                                                {sse, ~(avx | avx512)},
+                                                {sse | os_avx, ~avx512},
+                                                {os_avx | os_512, general | avx | avx512},
+                                                {sse | os_avx | os_512, ~uint64_t{0}}};
   for (auto [state, allowed] : rows) {
     os_sse = state;
     const vepra_cpu_info_t info = identify();
@@ -194,9 +188,8 @@ TEST_F(CpuTest, CachesMatchSysfs) {
     const uint32_t kind = type == "Data" ? 1 : type == "Instruction" ? 2 : 3;
     const uint32_t level = std::stoul(sys_text(dir + "level"));
     const vepra_cpu_cache_t *mine = nullptr;
-    for (uint32_t k = 0; k < info.cache_count; ++k) {
+    for (uint32_t k = 0; k < info.cache_count; ++k)
       if (info.caches[k].level == level && info.caches[k].kind == kind) mine = &info.caches[k];
-    }
     ASSERT_NE(mine, nullptr);
     ++seen;
     const std::string size = sys_text(dir + "size");  // "48K"
@@ -220,7 +213,6 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   const std::set<unsigned> allowed = allowed_cpus();
   vepra_cpu_topology_t *t = topology();
   ASSERT_NE(t, nullptr);
-  EXPECT_EQ(allowed_cpus(), allowed);
   ASSERT_EQ(t->count, allowed.size());
   std::set<unsigned> packages;
   std::map<std::pair<unsigned, unsigned>, std::set<unsigned>> threads;
@@ -264,12 +256,11 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
 }
 
 // Group counts of a made-up machine with two packages of unequal size,
-// its processors in no particular order.
+// its processors in no particular order (each given as package * 10 + core).
 TEST_F(CpuTest, GroupsAreCountedPerPackageAndCore) {
-  const std::pair<uint32_t, uint32_t> where[] = {{1, 2}, {0, 0}, {1, 0}, {1, 2}, {0, 1},
-                                                 {1, 1}, {0, 0}, {1, 2}, {1, 0}};
   std::vector<vepra_cpu_logical_t> processors;
-  for (auto [package, core] : where) processors.push_back({0, 0, package, core, 0});
+  for (uint32_t package_core : {12u, 0u, 10u, 12u, 1u, 11u, 0u, 12u, 10u})
+    processors.push_back({0, 0, package_core / 10, package_core % 10, 0});
   vepra_cpu_topology_t t{};
   t.count = static_cast<uint32_t>(processors.size());
   t.processors = processors.data();
@@ -326,13 +317,6 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
   if (leaf == 1) regs[1] = (regs[1] & 0x00ffffffu) | (apic << 24);
 }
 
-// Four characters as cpuid returns them in a register.
-uint32_t reg_of(const char *text) {
-  uint32_t r = 0;
-  std::memcpy(&r, text, 4);
-  return r;
-}
-
 // One block of tests/data/sys/cpuid_answers.txt (its header explains the
 // lines): the answers, the APIC ids, and the other lines by keyword.
 struct CpuidCase {
@@ -353,19 +337,8 @@ std::vector<CpuidCase> read_cpuid_cases() {
     std::stringstream ss(rest);
     std::vector<uint32_t> hex;
     for (std::string w; ss >> w;) hex.push_back(std::strtoul(w.c_str(), nullptr, 16));
-    if (key == "vendor") {
-      c.table[{0, 0}] = {hex.at(1), reg_of(rest.c_str()), reg_of(&rest[8]), reg_of(&rest[4])};
-    } else if (key == "leaf") {
+    if (key == "leaf") {
       c.table[{hex.at(0), hex.at(1)}] = {hex.at(2), hex.at(3), hex.at(4), hex.at(5)};
-    } else if (key == "brand") {
-      char r[48] = {};
-      std::memcpy(r, rest.data(), std::min(rest.size(), sizeof r));
-      for (uint32_t i = 0; i < 3; ++i) {
-        c.table[{0x80000002u + i, 0}] = {reg_of(r + 16 * i), reg_of(r + 16 * i + 4),
-                                         reg_of(r + 16 * i + 8), reg_of(r + 16 * i + 12)};
-      }
-      c.table[{0x80000000u, 0}] = {0x80000004u, 0, 0, 0};
-      c.want.emplace(key, rest.substr(rest.find_first_not_of(' ')));
     } else {
       if (key == "apic") c.apic.push_back(hex.at(0));
       c.want.emplace(key, rest);
@@ -393,15 +366,13 @@ TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
     };
     g_table = c.table;
     g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
-    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i) {
+    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i)
       g_apic_by_cpu[cpus[i]] = c.apic[i];
-    }
     vepra_cpu_info_t info;
     Chain err(vepra_cpu_identify(&info));
     std::string found = std::to_string(err == nullptr ? 0 : err->code);
-    for (unsigned i = 0; err == nullptr && i < VEPRA_CPU_FEATURE_COUNT; ++i) {
+    for (unsigned i = 0; err == nullptr && i < VEPRA_CPU_FEATURE_COUNT; ++i)
       if ((info.features >> i) & 1) found += " " + std::string(kFeatureNames[i]);
-    }
     EXPECT_EQ(found, want("identify", "0"));
     if (err == nullptr) {
       found = std::to_string(info.cache_count);
