@@ -1,31 +1,74 @@
-// Log files, the log printer for error chains, the clocks and the path
-// helpers.
+// Log files, the clocks, the path helpers and machine information, checked
+// against the C library, uname, /sys and /proc; the product-version parser
+// is fed property lists of its own.
+#include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <array>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
+#include <vector>
 
 #include <apr_strings.h>
 #include <apr_time.h>
 
 #include "support/test_support.hpp"
+#include "sys/mach_internal.hpp"
 #include "vepra_log.h"
+#include "vepra_mach.h"
 #include "vepra_util.h"
 
-using vepra_test::LibraryTest;
 using vepra_test::take_printed;
 using vepra_test::temp_path;
 
 namespace {
+
+class LogTest : public vepra_test::LibraryTest {};
+class MachTest : public vepra_test::LibraryTest {};
 
 std::string read_file(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-class LogTest : public LibraryTest {};
+// A new temporary file holding text.
+std::string write_temp(const std::string &name, const std::string &text) {
+  const std::string path = temp_path(name);
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+
+std::string uname_form() {
+  struct utsname u;
+  EXPECT_EQ(uname(&u), 0);
+  return std::string(u.sysname) + " " + u.release + " " + u.machine;
+}
+
+// A property list with body inside its top-level dict.
+std::string plist(const std::string &body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+         "<plist version=\"1.0\">\n<dict>\n" +
+         body + "</dict>\n</plist>\n";
+}
+
+std::string version_key(const std::string &version) {
+  return "<key>ProductName</key><string>macOS</string>\n<key>ProductVersion</key><string>" +
+         version + "</string>\n";
+}
+
+// The system name made from the version files first and second into a
+// buffer of size bytes.
+std::string name_from(const std::string &first, const std::string &second, int size = 512) {
+  std::string buf(static_cast<size_t>(size), 'x');
+  const std::array<const char *, 2> paths = {first.c_str(), second.c_str()};
+  EXPECT_EQ(vepra::detail::mach_os_name_from(buf.data(), size, paths), buf.data());
+  return buf.c_str();
+}
 
 }  // namespace
 
@@ -33,8 +76,7 @@ class LogTest : public LibraryTest {};
 // cut at 999 characters, the date prefix has apr_ctime's 24-character form
 // and the error printer writes the chain's lines.
 TEST_F(LogTest, AppendsCutsDatesAndPrintsChains) {
-  const std::string path = temp_path("log.txt");
-  std::ofstream(path) << "kept\n";
+  const std::string path = write_temp("log.txt", "kept\n");
   vepra_log_t *log = nullptr;
   ASSERT_EQ(vepra_log_create(&log, path.c_str(), pool_), nullptr);
   EXPECT_STREQ(log->filename, path.c_str());
@@ -99,6 +141,7 @@ TEST_F(LogTest, LogsWithoutFileReportOpenAndWriteFailures) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+// A write that fails (on /dev/full) is reported on stderr.
 TEST_F(LogTest, WriteFailureIsPrintedOnStderrAndTheCallGoesOn) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
   vepra_log_t *log = nullptr;
@@ -139,4 +182,89 @@ TEST(PathTest, BaseNameAndDirName) {
   char small[4];
   EXPECT_STREQ(vepra_util_basename("/dir/abcdef", small, sizeof small), "abc");
   EXPECT_STREQ(vepra_util_dirname("/abcdef/x", small, sizeof small), "/ab");
+}
+
+// The files of tests/data/sys/product_versions.txt, and nesting around the
+// key: the parser refuses more than 256 levels.
+TEST_F(MachTest, VersionFilesNameTheRelease) {
+  std::vector<std::pair<std::string, std::string>> cases;  // file, name
+  std::string deep = version_key("10.6.8");
+  for (int depth = 1; depth <= 300; ++depth) {
+    deep = "<a>" + deep + "</a>";
+    if (depth == 250) cases.emplace_back(plist(deep), "Mac OS X 10.6.8 Snow Leopard");
+  }
+  cases.emplace_back(plist(deep), "-");
+  std::ifstream in(VEPRA_TEST_DATA_DIR "/sys/product_versions.txt");
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    const size_t bar = line.find('|'), bar2 = line.find('|', bar + 1);
+    const std::string how = line.substr(bar + 1, bar2 - bar - 1), text = line.substr(bar2 + 1);
+    const std::string file = how == "raw" ? text : plist(how == "dict" ? text : version_key(text));
+    cases.emplace_back(file, line.substr(0, bar));
+  }
+  ASSERT_EQ(cases.size(), 22u);
+  const std::string missing = temp_path("missing.plist");
+  for (const auto &[file, name] : cases) {
+    SCOPED_TRACE(file.substr(0, 300));
+    const std::string want = name == "-" ? uname_form() : name + " (" + uname_form() + ")";
+    const std::string path = write_temp("version.plist", file);
+    EXPECT_EQ(name_from(path, missing), want);
+    // The second file is read only when the first cannot be opened.
+    EXPECT_EQ(name_from(missing, path), want);
+  }
+  EXPECT_EQ(name_from(missing, missing), uname_form());
+}
+
+// A name longer than the buffer is cut and terminated; no buffer, no write.
+TEST_F(MachTest, SmallBuffersGetACutTerminatedName) {
+  const std::string path = write_temp("version.plist", plist(version_key("14.2")));
+  const std::string full = "macOS 14.2 Sonoma (" + uname_form() + ")";
+  for (int size : {1, 2, 6, 12, 18, 19, 20, static_cast<int>(full.size()),
+                   static_cast<int>(full.size()) + 1}) {
+    SCOPED_TRACE(size);
+    EXPECT_EQ(name_from(path, path, size), full.substr(0, static_cast<size_t>(size) - 1));
+  }
+  const std::string plain = uname_form();
+  EXPECT_EQ(name_from("/nonexistent", "/nonexistent", 5), plain.substr(0, 4));
+  char untouched = 'q';
+  EXPECT_EQ(vepra_mach_os_name(&untouched, 0), &untouched);
+  EXPECT_EQ(untouched, 'q');
+}
+
+// Family, name, processors, memory and process id as uname, /sys and /proc
+// give them.
+TEST_F(MachTest, AnswersMatchTheOperatingSystem) {
+  struct utsname u;
+  ASSERT_EQ(uname(&u), 0);
+  const std::pair<const char *, int> families[] = {
+      {"Linux", 12}, {"Darwin", 20}, {"FreeBSD", 100}, {"Linuxish", 4},
+      {"linux", 4},  {"Darwi", 4},   {"", 4},          {"GNU/kFreeBSD", 4}};
+  for (const auto &[name, family] : families)
+    EXPECT_EQ(vepra::detail::mach_os_family(name), family) << name;
+  EXPECT_EQ(vepra_mach_os(), vepra::detail::mach_os_family(u.sysname));
+
+  // Where a real version file exists its text is not known here.
+  char name[512];
+  if (!std::filesystem::exists("/System/Library/CoreServices/SystemVersion.plist")) {
+    EXPECT_EQ(std::string(vepra_mach_os_name(name, sizeof name)), uname_form());
+  }
+
+  // Configured processors: the cpuN directories that glibc counts too.
+  unsigned dirs = 0;
+  for (const auto &e : std::filesystem::directory_iterator("/sys/devices/system/cpu")) {
+    const std::string n = e.path().filename();
+    dirs += n.size() > 3 && n.compare(0, 3, "cpu") == 0 &&
+            n.find_first_not_of("0123456789", 3) == std::string::npos;
+  }
+  EXPECT_EQ(vepra_mach_os_cpu_num(), dirs);
+
+  // MemTotal of /proc/meminfo is the kernel's total RAM in KiB.
+  std::ifstream meminfo("/proc/meminfo");
+  std::string key;
+  double kib = 0;
+  while (meminfo >> key && key != "MemTotal:") meminfo.ignore(1 << 10, '\n');
+  ASSERT_TRUE(meminfo >> kib);
+  EXPECT_NEAR(vepra_mach_physmem(), kib / 1024.0, 1.0);
+
+  EXPECT_EQ(std::to_string(vepra_getpid()), std::filesystem::read_symlink("/proc/self").string());
 }

@@ -1,7 +1,9 @@
-// CRC-32 against zlib's crc32 and CRC-16/ARC against a bit-at-a-time loop,
-// on every code path, at every alignment, chained in random pieces.
+// CRC-32 against zlib's crc32, CRC-16/ARC against a bit-at-a-time loop and
+// SHA-1 against OpenSSL, on every code path, in random pieces.
+#include <openssl/sha.h>
 #include <zlib.h>
 
+#include <array>
 #include <functional>
 #include <random>
 #include <vector>
@@ -9,6 +11,8 @@
 #include "support/test_support.hpp"
 #include "sys/cpu_dispatch.hpp"
 #include "sys/crc_internal.hpp"
+#include "sys/sha1_internal.hpp"
+#include "vepra_sha1.h"
 #include "vepra_util.h"
 
 namespace {
@@ -60,15 +64,13 @@ Reg in_pieces(const Fn &fn, Reg crc, const unsigned char *p, std::size_t n, std:
 
 // The fixture initialises the library, which learns there which register
 // state the operating system saves: without it no accelerated path runs.
-class CrcTest : public vepra_test::LibraryTest {};
+class DigestTest : public vepra_test::LibraryTest {};
 
-// No data gives 0 whatever the running value.
-TEST_F(CrcTest, NullDataGivesZero) {
+// Both CRCs, whole and in pieces, at the lengths where the paths change;
+// no data gives 0 whatever the running value.
+TEST_F(DigestTest, CrcPathsMatchThePeersAtEveryAlignmentInPieces) {
   EXPECT_EQ(vepra_util_crc16(0x1234, nullptr, 5), 0u);
   EXPECT_EQ(vepra_util_crc32(0x1234, nullptr, 0), 0u);
-}
-
-TEST_F(CrcTest, EveryPathMatchesThePeersAtEveryAlignmentInPieces) {
   // Every path, as the CRC-32 and the CRC-16 function of it.
   std::vector<std::pair<Fn, Fn>> paths = {
       {entry(vepra_util_crc32, true), entry(vepra_util_crc16, true)},
@@ -76,9 +78,8 @@ TEST_F(CrcTest, EveryPathMatchesThePeersAtEveryAlignmentInPieces) {
       {engine(d::crc32_bytewise), engine(d::crc16_bytewise)},
       {engine(d::crc32_slice8), engine(d::crc16_slice8)}};
   if (d::crc_clmul_available()) paths.emplace_back(engine(d::crc32_clmul), engine(d::crc16_clmul));
-  if (d::crc_vclmul_available()) {
+  if (d::crc_vclmul_available())
     paths.emplace_back(engine(d::crc32_vclmul), engine(d::crc16_vclmul));
-  }
   std::mt19937 rng(20261124);
   std::vector<unsigned char> storage(4096 + 64);
   for (auto &b : storage) b = static_cast<unsigned char>(rng());
@@ -103,6 +104,44 @@ TEST_F(CrcTest, EveryPathMatchesThePeersAtEveryAlignmentInPieces) {
       }
     }
   }
+}
+
+// Messages at the padding boundaries (the length field fits after 55 bytes
+// of a block, not after 56), a million bytes, and random ones, hashed at
+// once and fed in random pieces, on both paths. final starts the context
+// anew, so it is reused throughout.
+TEST_F(DigestTest, Sha1PathsMatchOpenSslInRandomPieces) {
+  std::mt19937 rng(7);
+  std::vector<std::vector<unsigned char>> messages;
+  for (std::size_t n : {0, 55, 56, 63, 64, 65, 119, 120, 1000000}) messages.emplace_back(n, 'a');
+  for (int i = 0; i < 300; ++i) {
+    messages.emplace_back(rng() % 3001);
+    for (auto &b : messages.back()) b = static_cast<unsigned char>(rng());
+  }
+  vepra_sha1_ctx_t ctx;
+  vepra_sha1_init(&ctx);
+  for (bool portable : {true, false}) {
+    if (!portable && !vepra::detail::sha1_shani_available()) continue;
+    vepra::testing::force_portable_paths(portable);
+    for (const auto &msg : messages) {
+      std::array<unsigned char, SHA_DIGEST_LENGTH> want, got;
+      SHA1(msg.data(), msg.size(), want.data());
+      vepra_sha1(msg.data(), msg.size(), got.data());
+      ASSERT_EQ(got, want) << msg.size() << " bytes, portable " << portable;
+      for (std::size_t at = 0, piece; at < msg.size(); at += piece) {
+        piece = std::min<std::size_t>(msg.size() - at, rng() % 200);
+        vepra_sha1_update(&ctx, msg.data() + at, piece);
+      }
+      vepra_sha1_final(&ctx, got.data());
+      ASSERT_EQ(got, want) << msg.size() << " bytes in pieces, portable " << portable;
+      // Null data hashes nothing.
+      if (msg.empty()) {
+        vepra_sha1(nullptr, 5, got.data());
+        EXPECT_EQ(got, want);
+      }
+    }
+  }
+  vepra::testing::force_portable_paths(false);
 }
 
 }  // namespace
