@@ -1,7 +1,6 @@
-// A reference model of objects, children and signals, written from the
-// rules of the object engine with plain vectors and indexes; the same
-// operations carried out on real objects; and the byte-coded runs that
-// drive both side by side (tests and fuzzer).
+// A reference model of objects, children and signals with plain vectors and
+// indexes, the same operations on real objects, and the byte-coded runs
+// that drive both side by side (tests and fuzzer).
 #ifndef VEPRA_TESTS_OBJECT_OBJ_WORLD_HPP
 #define VEPRA_TESTS_OBJECT_OBJ_WORLD_HPP
 
@@ -10,7 +9,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -111,7 +109,6 @@ struct Run {
       if (alive(i)) out.push_back(i);
     return out;
   }
-  int live_count() const { return static_cast<int>(live().size()); }
 };
 
 template <class W>
@@ -156,9 +153,8 @@ class Model : public Run {
   }
 
   ModelSig *find(int o, unsigned code) {
-    for (auto &s : objs[o].sigs)
-      if (s.code == code) return &s;
-    return nullptr;
+    auto s = std::ranges::find(objs[o].sigs, code, &Sig::code);
+    return s == objs[o].sigs.end() ? nullptr : &*s;
   }
 
   int add_signal(int o, unsigned code) {
@@ -174,16 +170,13 @@ class Model : public Run {
       s->acts.push_back({Kind::kConnect, src, dest, static_cast<int>(code), cb, usr});
       return 0;
     }
-    auto d =
-        std::find_if(s->dests.begin(), s->dests.end(), [&](auto &x) { return x.dest == dest; });
+    auto d = std::ranges::find(s->dests, dest, &Dest::dest);
     if (d == s->dests.end()) {
       s->dests.push_back({dest, {{usr, cb}}});
+    } else if (auto sl = std::ranges::find(d->slots, cb, &Slot::cb); sl != d->slots.end()) {
+      sl->usr = usr;
     } else {
-      auto sl = std::find_if(d->slots.begin(), d->slots.end(), [&](auto &x) { return x.cb == cb; });
-      if (sl != d->slots.end())
-        sl->usr = usr;
-      else
-        d->slots.push_back({usr, cb});
+      d->slots.push_back({usr, cb});
     }
     if (dest == src || (code == 1 && cb == kAuto)) return 0;
     if (int e = connect(dest, 1, src, kAuto, 0)) return e;
@@ -212,12 +205,10 @@ class Model : public Run {
       for (size_t si = 0; si < find(src, code)->dests[di].slots.size(); ++si) {
         const Dest &d = find(src, code)->dests[di];
         Slot sl = d.slots[si];
-        if (sl.cb == kOff) continue;
-        if (sl.cb == kAuto) {
+        if (sl.cb == kAuto)
           disconnect(d.dest, -1, src, kAny);
-        } else {
+        else if (sl.cb != kOff)
           call_slot(*this, sl.cb, src, static_cast<int>(code), d.dest, sl.usr);
-        }
         if (objs[src].gen != gen) return 0;
       }
     }
@@ -247,8 +238,7 @@ class Model : public Run {
       return;
     }
     if (code == 1) release_peers(o);
-    auto &sigs = objs[o].sigs;
-    sigs.erase(std::find_if(sigs.begin(), sigs.end(), [&](auto &x) { return x.code == code; }));
+    objs[o].sigs.erase(std::ranges::find(objs[o].sigs, code, &Sig::code));
   }
 
   void delete_signals(int o) {
@@ -274,16 +264,15 @@ class Model : public Run {
   }
 
   int remove_child(int p, int c) {
-    if (std::count(objs[p].children.begin(), objs[p].children.end(), c)) unlink(p, c);
+    if (std::ranges::count(objs[p].children, c) != 0) unlink(p, c);
     return c;
   }
 
   void rename(int o, int name) { objs[o].name = name; }
 
   void destroy(int x) {
-    Obj &o = objs[x];
-    if (!is_alive[x] || o.cleaning) return;
-    o.cleaning = true;
+    if (!is_alive[x] || objs[x].cleaning) return;
+    objs[x].cleaning = true;
     emit(x, 1);
     is_alive[x] = false;  // the test's cleanup callback
     objs[x].index.clear();
@@ -317,8 +306,7 @@ class Model : public Run {
   void release_peers(int o) {
     std::vector<int> peers;
     for (auto &d : find(o, 1)->dests)
-      if (d.dest != o &&
-          std::any_of(d.slots.begin(), d.slots.end(), [](auto &s) { return s.cb == kAuto; }))
+      if (d.dest != o && std::ranges::count(d.slots, kAuto, &Slot::cb) != 0)
         peers.push_back(d.dest);
     for (int p : peers) disconnect(p, -1, o, kAny);
   }
@@ -326,31 +314,24 @@ class Model : public Run {
   static void disable(ModelSig &s, int dest, int cb) {
     for (auto &d : s.dests) {
       if (dest != -1 && d.dest != dest) continue;
-      for (auto &sl : d.slots) {
-        if (dest == -1 || cb == kAny) {
-          sl.cb = kOff;
-        } else if (sl.cb == cb) {
-          sl.cb = kOff;
-          break;
-        }
+      if (dest == -1 || cb == kAny) {
+        for (auto &sl : d.slots) sl.cb = kOff;
+      } else if (auto sl = std::ranges::find(d.slots, cb, &Slot::cb); sl != d.slots.end()) {
+        sl->cb = kOff;
       }
     }
   }
 
   static void disconnect_now(ModelSig &s, int dest, int cb) {
+    auto d = std::ranges::find(s.dests, dest, &Dest::dest);
     if (dest == -1) {
       s.dests.clear();
-      return;
-    }
-    auto d = std::find_if(s.dests.begin(), s.dests.end(), [&](auto &x) { return x.dest == dest; });
-    if (d == s.dests.end()) return;
-    if (cb == kAny) {
+    } else if (d != s.dests.end() && cb == kAny) {
       s.dests.erase(d);
-      return;
+    } else if (d != s.dests.end()) {
+      auto sl = std::ranges::find_if(d->slots, [&](auto &x) { return x.cb == cb || x.cb == kOff; });
+      if (sl != d->slots.end()) d->slots.erase(sl);
     }
-    auto sl = std::find_if(d->slots.begin(), d->slots.end(),
-                           [&](auto &x) { return x.cb == cb || x.cb == kOff; });
-    if (sl != d->slots.end()) d->slots.erase(sl);
   }
 
   void unlink(int p, int c) {
@@ -367,7 +348,7 @@ int apply(W &w, const Op &op) {
   auto live = [&](int i) { return w.alive(i); };
   switch (op.kind) {
     case Kind::kCreate:
-      return w.count() < kMaxCreated && w.live_count() < kMaxObjects ? w.create(op.name) : -1;
+      return w.count() < kMaxCreated && std::ssize(w.live()) < kMaxObjects ? w.create(op.name) : -1;
     case Kind::kAddSignal:
       return live(op.x) ? w.add_signal(op.x, op.code) : -1;
     case Kind::kConnect:
@@ -454,9 +435,8 @@ class Real : public Run {
 
   vepra_obj_t *obj(int i) const { return i >= 0 && i < count() ? objs_[i] : nullptr; }
   int index_of(const vepra_obj_t *o) const {
-    for (int i = 0; i < count(); ++i)
-      if (objs_[i] == o) return i;
-    return -1;
+    auto it = std::ranges::find(objs_, o);
+    return it == objs_.end() ? -1 : static_cast<int>(it - objs_.begin());
   }
 
   int create(int name) {
@@ -548,13 +528,11 @@ class Real : public Run {
   std::vector<apr_pool_t *> homes_;
 };
 
-// Carries out the operations that data encodes on the engine and on the
-// model: eight bytes for each entry of the nested table, then eight for
-// each top-level operation. After every step both must give the same
-// result, the same slot calls in the same order, and the same objects,
-// signals, destinations, slots, children, parents and name index. Returns
-// "" when they agree throughout, else the first difference. Everything is
-// destroyed at the end.
+// Carries out the operations data encodes (eight bytes for each entry of
+// the nested table, then for each top-level operation) on the engine and
+// the model; after every step both must agree on the result, the slot
+// calls, and every object's signals, children, parent and name index.
+// Returns "" or the first difference. Everything is destroyed at the end.
 inline std::string run_ops(const uint8_t *data, size_t size) {
   size_t at = 0;
   auto next = [&] { return at < size ? unsigned{data[at++]} : 0u; };
