@@ -32,13 +32,6 @@ struct Dest {
   std::vector<Slot> slots;
   bool operator==(const Dest &) const = default;
 };
-struct Sig {
-  unsigned code;
-  bool busy = false;
-  std::vector<Dest> dests;
-  size_t queued = 0;  // actions waiting for the emission to end
-  bool operator==(const Sig &) const = default;
-};
 
 // One thing a test run does: at top level, or from inside a slot (the
 // slot's usr selects an entry of the nested table).
@@ -65,6 +58,15 @@ struct Op {
   int name = -1;         // index into kNames, -1 for none
   bool here = false;     // nested: acts on the emitting object and signal
   bool to_dest = false;  // nested: its other object is the slot's dest
+  bool operator==(const Op &) const = default;
+};
+
+struct Sig {
+  unsigned code;
+  bool busy = false;
+  std::vector<Dest> dests;
+  std::vector<Op> acts = {};  // connects, disconnects and removals queued while busy
+  bool operator==(const Sig &) const = default;
 };
 
 // A nested operation aimed at the emission that runs it.
@@ -128,14 +130,10 @@ void call_slot(W &w, int cb, int src, int code, int dest, uintptr_t usr) {
 
 class Model : public Run {
  public:
-  // Actions queued while the signal emits: connects, disconnects, removals.
-  struct ModelSig : Sig {
-    std::vector<Op> acts;
-  };
   struct Obj {
     bool cleaning = false;
     int gen = 0;  // counts deletions of all signals, which end an emission
-    std::vector<ModelSig> sigs;
+    std::vector<Sig> sigs;
     int parent = -1, name = -1;
     std::vector<int> children;
     std::map<int, int> index;  // children by name
@@ -152,7 +150,7 @@ class Model : public Run {
     return count() - 1;
   }
 
-  ModelSig *find(int o, unsigned code) {
+  Sig *find(int o, unsigned code) {
     auto s = std::ranges::find(objs[o].sigs, code, &Sig::code);
     return s == objs[o].sigs.end() ? nullptr : &*s;
   }
@@ -164,7 +162,7 @@ class Model : public Run {
   }
 
   int connect(int src, unsigned code, int dest, int cb, uintptr_t usr) {
-    ModelSig *s = find(src, code);
+    Sig *s = find(src, code);
     if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
     if (s->busy) {
       s->acts.push_back({Kind::kConnect, src, dest, static_cast<int>(code), cb, usr});
@@ -196,7 +194,7 @@ class Model : public Run {
   }
 
   int emit(int src, unsigned code) {
-    ModelSig *s = find(src, code);
+    Sig *s = find(src, code);
     if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
     if (s->busy) return 0;
     s->busy = true;
@@ -231,10 +229,10 @@ class Model : public Run {
   }
 
   void remove_signal(int o, unsigned code) {
-    ModelSig *s = find(o, code);
+    Sig *s = find(o, code);
     if (s == nullptr) return;
     if (s->busy) {
-      s->acts.push_back({Kind::kRemove, o, -1, static_cast<int>(code)});
+      s->acts.push_back({Kind::kRemove, o, -1, static_cast<int>(code), kAny});
       return;
     }
     if (code == 1) release_peers(o);
@@ -296,12 +294,6 @@ class Model : public Run {
     objs[x].cleaning = false;
   }
 
-  std::vector<Sig> signals(int o) const {
-    std::vector<Sig> out(objs[o].sigs.begin(), objs[o].sigs.end());
-    for (size_t i = 0; i < out.size(); ++i) out[i].queued = objs[o].sigs[i].acts.size();
-    return out;
-  }
-
  private:
   void release_peers(int o) {
     std::vector<int> peers;
@@ -311,7 +303,7 @@ class Model : public Run {
     for (int p : peers) disconnect(p, -1, o, kAny);
   }
 
-  static void disable(ModelSig &s, int dest, int cb) {
+  static void disable(Sig &s, int dest, int cb) {
     for (auto &d : s.dests) {
       if (dest != -1 && d.dest != dest) continue;
       if (dest == -1 || cb == kAny) {
@@ -322,7 +314,7 @@ class Model : public Run {
     }
   }
 
-  static void disconnect_now(ModelSig &s, int dest, int cb) {
+  static void disconnect_now(Sig &s, int dest, int cb) {
     auto d = std::ranges::find(s.dests, dest, &Dest::dest);
     if (dest == -1) {
       s.dests.clear();
@@ -440,16 +432,13 @@ class Real : public Run {
   }
 
   int create(int name) {
-    apr_pool_t *home = nullptr;
-    apr_pool_create_unmanaged_ex(&home, nullptr, nullptr);
-    homes_.push_back(home);
-    vepra_obj_t *o = nullptr;
+    apr_pool_create_unmanaged_ex(&homes_.emplace_back(), nullptr, nullptr);
+    vepra_obj_t *&o = objs_.emplace_back();
     // Every object of a run starts with signals 1, 2 and 3.
-    if (vepra_obj_create(&o, name >= 0 ? kNames[name] : nullptr, home) != nullptr ||
-        vepra_obj_cleanup_register(o, mark_dead, this) != nullptr ||
+    if (vepra_obj_create(&o, name >= 0 ? kNames[name] : nullptr, homes_.back()) != nullptr ||
+        vepra_obj_cleanup_register(o, mark_dead, nullptr) != nullptr ||
         vepra_obj_add_signal(o, 2) != nullptr || vepra_obj_add_signal(o, 3) != nullptr)
       std::abort();
-    objs_.push_back(o);
     is_alive.push_back(true);
     return count() - 1;
   }
@@ -479,19 +468,22 @@ class Real : public Run {
     UT_array *arr = objs_[o]->signals;
     for (unsigned i = 0; arr != nullptr && i < utarray_len(arr); ++i) {
       auto *s = static_cast<osig *>(utarray_eltptr(arr, i));
-      Sig sig{s->code,
-              (s->flags & VEPRA_SIG_BUSY) != 0,
-              {},
-              s->actions != nullptr ? utarray_len(s->actions) : 0};
+      Sig &sig = out.emplace_back(Sig{s->code, (s->flags & VEPRA_SIG_BUSY) != 0, {}});
       for (osigdest *d = s->destinations; d != nullptr; d = static_cast<osigdest *>(d->hh.next)) {
-        Dest dest{index_of(d->dest), {}};
+        Dest &dest = sig.dests.emplace_back(Dest{index_of(d->dest), {}});
         for (unsigned k = 0; k < utarray_len(d->slots); ++k) {
           auto *sl = static_cast<oslot *>(utarray_eltptr(d->slots, k));
           dest.slots.push_back({reinterpret_cast<uintptr_t>(sl->usr), slot_id(sl->callback)});
         }
-        sig.dests.push_back(dest);
       }
-      out.push_back(sig);
+      static constexpr Kind kActs[] = {Kind::kCreate, Kind::kConnect, Kind::kDisconnect,
+                                       Kind::kRemove};  // by OSIGACT_*
+      for (unsigned k = 0; s->actions != nullptr && k < utarray_len(s->actions); ++k) {
+        auto *a = static_cast<osigact *>(utarray_eltptr(s->actions, k));
+        sig.acts.push_back({kActs[a->action], index_of(a->src), index_of(a->dest), a->code,
+                            a->callback == nullptr ? kAny : slot_id(a->callback),
+                            reinterpret_cast<uintptr_t>(a->usr)});
+      }
     }
     return out;
   }
@@ -519,10 +511,7 @@ class Real : public Run {
       if (slot_fn(i) == f) return i;
     return f == nullptr ? kOff : kAuto;
   }
-  static void mark_dead(vepra_obj_t *o, void *self) {
-    auto *r = static_cast<Real *>(self);
-    r->is_alive[r->index_of(o)] = false;
-  }
+  static void mark_dead(vepra_obj_t *o, void *) { current->is_alive[current->index_of(o)] = false; }
 
   std::vector<vepra_obj_t *> objs_;
   std::vector<apr_pool_t *> homes_;
@@ -557,7 +546,7 @@ inline std::string run_ops(const uint8_t *data, size_t size) {
       const std::string object = where + ": object " + std::to_string(i);
       if (real.alive(i) != model.alive(i)) return object + " alive";
       if (!model.alive(i)) continue;
-      if (real.signals(i) != model.signals(i)) return object + " signals";
+      if (real.signals(i) != model.objs[i].sigs) return object + " signals";
       if (real.children(i) != model.objs[i].children) return object + " children";
       if (real.index_of(real.obj(i)->parent) != model.objs[i].parent) return object + " parent";
       for (const auto &[name, child] : model.objs[i].index)

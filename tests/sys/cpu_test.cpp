@@ -1,7 +1,5 @@
-// Processor detection against what the operating system reports (/proc/
-// cpuinfo, /sys/devices/system/cpu) and against canned cpuid answers. The machines
-// here are virtual: where the operating system hides something the
-// comparison is skipped with the reason.
+// Processor detection against what the kernel reports (/proc/cpuinfo, /sys)
+// and against canned cpuid answers; what a virtual machine hides is skipped.
 #include <pthread.h>
 #include <sched.h>
 
@@ -20,7 +18,6 @@
 #include "vepra_cpu.h"
 
 using vepra_test::Chain;
-using vepra_test::LibraryTest;
 
 namespace {
 
@@ -92,14 +89,14 @@ int code_of(vepra_error_t *e) {
 
 extern std::vector<uint32_t> g_apic_by_cpu;
 
-class CpuTest : public LibraryTest {
+class CpuTest : public vepra_test::LibraryTest {
  protected:
   void TearDown() override {
     vepra::testing::replace_cpuid(nullptr);
     g_apic_by_cpu.clear();
     vepra::testing::fail_cpu_bind_at(0);
     vepra::testing::fail_affinity_restore(false);
-    LibraryTest::TearDown();
+    vepra_test::LibraryTest::TearDown();
   }
 
   vepra_cpu_info_t identify() {
@@ -301,10 +298,9 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
 }
 
 // One block of tests/data/sys/cpuid_answers.txt (its header explains the
-// lines): the answers, the APIC ids, and the other lines by keyword.
+// lines): the answers, and the other lines by keyword.
 struct CpuidCase {
   std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-  std::vector<uint32_t> apic;
   std::multimap<std::string, std::string> want;
 };
 
@@ -320,12 +316,10 @@ std::vector<CpuidCase> read_cpuid_cases() {
     std::stringstream ss(rest);
     std::vector<uint32_t> hex;
     for (std::string w; ss >> w;) hex.push_back(std::strtoul(w.c_str(), nullptr, 16));
-    if (key == "leaf") {
+    if (key == "leaf")
       c.table[{hex.at(0), hex.at(1)}] = {hex.at(2), hex.at(3), hex.at(4), hex.at(5)};
-    } else {
-      if (key == "apic") c.apic.push_back(hex.at(0));
+    else
       c.want.emplace(key, rest);
-    }
   }
   return cases;
 }
@@ -348,9 +342,11 @@ TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
       return it == c.want.end() ? otherwise : it->second;
     };
     g_table = c.table;
-    g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
-    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i)
-      g_apic_by_cpu[cpus[i]] = c.apic[i];
+    auto apic = c.want.equal_range("apic");
+    g_apic_by_cpu.assign(apic.first == apic.second ? 0 : cpus.back() + 1, 0);
+    size_t n = 0;
+    for (auto it = apic.first; it != apic.second && n < cpus.size(); ++it)
+      g_apic_by_cpu[cpus[n++]] = std::stoul(it->second, nullptr, 16);
     vepra_cpu_info_t info;
     Chain err(vepra_cpu_identify(&info));
     std::string found = std::to_string(err == nullptr ? 0 : err->code);
@@ -376,7 +372,6 @@ TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
       found.erase(found.find_last_not_of(' ') + 1);
       EXPECT_EQ(found, want("failure", found));
     }
-    auto apic = c.want.equal_range("apic");
     for (uint32_t i = 0; t != nullptr && i < t->count && apic.first != apic.second; ++i) {
       const vepra_cpu_logical_t &p = t->processors[i];
       char ids[64];
