@@ -35,10 +35,8 @@ class ObjTest : public vepra_test::LibraryTest {
   }
 };
 
-// Random operations, nested ones included, against the model (see
-// run_ops): results, slot calls, signals, children and names after every
-// step. The kinds are drawn with weights that favour connections and
-// emissions, in the order of decode's tables.
+// Random operations, nested ones included, against the model (run_ops),
+// weighted towards connections and emissions (in decode's table order).
 TEST_F(ObjTest, MatchesModelUnderRandomNestedOperations) {
   std::mt19937 rng(1);
   std::discrete_distribution<unsigned> nested_kind({25, 20, 15, 12, 12, 8, 8, 0});
@@ -94,9 +92,8 @@ TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
   vepra_obj_destroy(b);
 }
 
-// Registries of object types and signal types. Codes are compared relative
-// to the first one handed out here: the counters live as long as the
-// process.
+// Registries of object types and signal types; codes are relative to the
+// first handed out here, as the counters live as long as the process.
 TEST_F(ObjTest, RegistersTypesAndSignalTypes) {
   unsigned t = 0, t2 = 7, s = 0, s2 = 0;
   EXPECT_EQ(take_printed(vepra_objtype_register(&t, nullptr, nullptr)),
@@ -125,9 +122,9 @@ TEST_F(ObjTest, RegistersTypesAndSignalTypes) {
   EXPECT_EQ(take_printed(vepra_objtype_create_object("gizmo", "g", &o, pool_)),
             "Error: Cannot create object. Type [gizmo] is not registered. ");
 
-  // Signal types: the concurrent test checks fresh codes and lookups; here
-  // the refusal, the reuse of a freed registration as it stands (old name
-  // included), and counters that outlive the engine.
+  // Signal types (fresh codes and lookups: the concurrent test): refusal,
+  // reuse of a freed registration, old name included, and counters that
+  // outlive the engine.
   ASSERT_EQ(vepra_objsig_register(&s, "clicked"), nullptr);
   EXPECT_EQ(vepra_objsig_query_type(nullptr), 0u);
   EXPECT_EQ(take_printed(vepra_objsig_register(&s2, "clicked")),
@@ -200,9 +197,8 @@ TEST_F(ObjTest, ChildrenAndCleanupsFollowTheirRules) {
   vepra_obj_destroy(watcher);
 }
 
-// Allocation failures: object creation, a connection's destination records
-// and type registration report the allocator's error and leave nothing
-// behind (the sanitizer build checks for leaks).
+// Allocation failures in object creation, connections and type registration
+// are reported and leave nothing behind (the sanitizer build sees leaks).
 TEST_F(ObjTest, ReportsAllocationFailures) {
   // Every allocation of op failing in turn is reported as the allocator's
   // error under message; returns the allocations of the clean run.
@@ -247,10 +243,9 @@ TEST_F(ObjTest, ReportsAllocationFailures) {
   EXPECT_EQ(code, refused);  // the refused code was handed out next
   ASSERT_EQ(vepra_obj_engine_terminate(), nullptr);
 
-  // Removing a child under the name it was added with takes no allocation,
-  // so no failure can leave the name in the index. The two names share a
-  // long prefix, so that finding an entry by a walk of the index would
-  // need to allocate.
+  // Removing a child takes no allocation, so no failure can leave its name
+  // in the index; the names share a long prefix, so that finding the entry
+  // by a walk of the index would need to allocate.
   const std::string name(100, 'n');
   vepra_obj_t *p = make("p"), *c = make((name + "c").c_str()), *d = make((name + "d").c_str());
   ASSERT_EQ(vepra_obj_addc(p, c), nullptr);
@@ -274,11 +269,9 @@ void connect_then(vepra_obj_t *src, unsigned code, vepra_obj_t *, void *target, 
   EXPECT_EQ(vepra_obj_emit_signal(src, code, nullptr), nullptr);
 }
 
-// Connects queued during an emission: one towards a receiver destroyed
-// meanwhile is forgotten, not replayed onto it. A replayed one may fail
-// (here: the receiver has no signal 1); the model runs compare the result,
-// which drops the failure, but a queued removal of the emitting signal
-// hands the replay's errors back, with their messages.
+// A connect queued towards a receiver destroyed meanwhile is not replayed;
+// a replayed one that fails (no signal 1 at the receiver) hands its errors
+// back, with their messages, when a queued removal takes the signal away.
 TEST_F(ObjTest, ReplaysQueuedConnectsAfterTheEmission) {
   vepra_obj_t *a = make("a"), *b = make("b"), *c = make("c"), *mute = make("mute");
   ASSERT_EQ(vepra_obj_add_signal(a, 5), nullptr);

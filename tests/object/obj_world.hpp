@@ -409,14 +409,12 @@ inline int code_of(vepra_error_t *e) {
   return c;
 }
 
-// The engine side of a model run. Every object is created in a root pool
-// with an allocator of its own, kept to the end of the run, so that no
-// object reuses the address of a destroyed one (destination tables are
-// keyed by address).
+// The engine side of a model run. Every object has a root pool of its own,
+// kept to the end of the run, so that no object reuses the address of a
+// destroyed one (destination tables are keyed by address).
 class Real : public Run {
  public:
-  // Slots reach the run through current (signal 1 is emitted with a null
-  // argument).
+  // Slots reach the run through current (signal 1 has a null argument).
   explicit Real(Run run) : Run(run) { current = this; }
   static inline Real *current = nullptr;
   ~Real() {

@@ -1,5 +1,5 @@
-// Bit helpers against bit-by-bit models, on random words and at the edges,
-// and population counts against std::popcount.
+// Bit helpers against <bit> and bit-by-bit models, on random words and at
+// the edges, and population counts against std::popcount.
 #include <bit>
 #include <random>
 #include <vector>
@@ -12,6 +12,7 @@
 
 namespace {
 
+// Scans, counts and fields of random, sparse, short, empty and full words.
 TEST(BitsTest, MatchBitByBitModels) {
   std::mt19937_64 rng(99);
   const auto bit = [](std::uint64_t w, unsigned i) { return i < 64 && ((w >> i) & 1u) != 0; };
@@ -19,9 +20,8 @@ TEST(BitsTest, MatchBitByBitModels) {
     // Sparse and short words as well as full ones, 0 and all ones.
     std::uint64_t w = round < 2 ? 0 - std::uint64_t{round} : rng() >> (rng() % 64);
     if (round % 2 == 0) w &= rng();
-    int low = -1, high = -1;
-    for (unsigned i = 0; i < 64; ++i)
-      if (bit(w, i)) high = static_cast<int>(i), low = low < 0 ? high : low;
+    const int low = w == 0 ? -1 : std::countr_zero(w);
+    const int high = static_cast<int>(std::bit_width(w)) - 1;
     ASSERT_EQ(vepra_util_bsf64(w), low) << w;
     ASSERT_EQ(vepra_util_bsr64(w), high) << w;
     ASSERT_EQ(vepra_util_nsigbits64(w), static_cast<unsigned>(high + 1)) << w;

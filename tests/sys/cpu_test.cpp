@@ -107,8 +107,8 @@ class CpuTest : public vepra_test::LibraryTest {
   }
 };
 
-// Identity and feature bits as the kernel lists them.
-TEST_F(CpuTest, IdentityMatchesProcCpuinfo) {
+// Identity, feature bits and caches as the kernel lists them.
+TEST_F(CpuTest, IdentityAndCachesMatchTheKernel) {
   const vepra_cpu_info_t info = identify();
   auto cpuinfo = proc_cpuinfo();
   ASSERT_FALSE(cpuinfo.empty()) << "/proc/cpuinfo cannot be read";
@@ -132,39 +132,11 @@ TEST_F(CpuTest, IdentityMatchesProcCpuinfo) {
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_SSE) != 0, flags.count("sse") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX) != 0, flags.count("avx") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX512) != 0, flags.count("avx512f") != 0);
-}
 
-// Features on vector registers are usable only when the operating system
-// saves their state; those on general registers need nothing.
-TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
-  const uint32_t saved = os_sse;
-  const uint64_t general =
-      VEPRA_CPU_POPCNT | VEPRA_CPU_BMI1 | VEPRA_CPU_BMI2 | VEPRA_CPU_MOVBE | VEPRA_CPU_RDRAND;
-  const uint64_t avx = VEPRA_CPU_AVX | VEPRA_CPU_AVX2 | VEPRA_CPU_FMA | VEPRA_CPU_F16C |
-                       VEPRA_CPU_VAES | VEPRA_CPU_VPCLMULQDQ;
-  const uint64_t avx512 = VEPRA_CPU_AVX512F | VEPRA_CPU_AVX512DQ | VEPRA_CPU_AVX512CD |
-                          VEPRA_CPU_AVX512BW | VEPRA_CPU_AVX512VL;
-  const uint32_t sse = VEPRA_CPU_OS_SSE, os_avx = VEPRA_CPU_OS_AVX, os_512 = VEPRA_CPU_OS_AVX512;
-  const std::pair<uint32_t, uint64_t> rows[] = {{0, general},
-                                                {sse, ~(avx | avx512)},
-                                                {sse | os_avx, ~avx512},
-                                                {os_avx | os_512, general | avx | avx512},
-                                                {sse | os_avx | os_512, ~uint64_t{0}}};
-  for (auto [state, allowed] : rows) {
-    os_sse = state;
-    const vepra_cpu_info_t info = identify();
-    EXPECT_EQ(info.usable, info.features & allowed) << "state " << state;
-  }
-  vepra::testing::force_portable_paths(true);
-  EXPECT_EQ(identify().usable, 0u);
-  vepra::testing::force_portable_paths(false);
-  os_sse = saved;
-}
-
-// Every cache the kernel describes, with its size, line, ways, sets and sharing.
-TEST_F(CpuTest, CachesMatchSysfs) {
-  const vepra_cpu_info_t info = identify();
+  // Every cache the kernel describes, with its size, line, ways, sets and
+  // sharing.
   const std::string base = "/sys/devices/system/cpu/cpu0/cache/index";
+
   uint32_t seen = 0;
   for (unsigned i = 0; !sys_text(base + std::to_string(i) + "/level").empty(); ++i) {
     const std::string dir = base + std::to_string(i) + "/";
@@ -192,6 +164,33 @@ TEST_F(CpuTest, CachesMatchSysfs) {
   }
   if (seen == 0) GTEST_SKIP() << "the kernel publishes no cache information";
   EXPECT_EQ(seen, info.cache_count);
+}
+
+// Features on vector registers are usable only when the operating system
+// saves their state; those on general registers need nothing.
+TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
+  const uint32_t saved = os_sse;
+  const uint64_t general =
+      VEPRA_CPU_POPCNT | VEPRA_CPU_BMI1 | VEPRA_CPU_BMI2 | VEPRA_CPU_MOVBE | VEPRA_CPU_RDRAND;
+  const uint64_t avx = VEPRA_CPU_AVX | VEPRA_CPU_AVX2 | VEPRA_CPU_FMA | VEPRA_CPU_F16C |
+                       VEPRA_CPU_VAES | VEPRA_CPU_VPCLMULQDQ;
+  const uint64_t avx512 = VEPRA_CPU_AVX512F | VEPRA_CPU_AVX512DQ | VEPRA_CPU_AVX512CD |
+                          VEPRA_CPU_AVX512BW | VEPRA_CPU_AVX512VL;
+  const uint32_t sse = VEPRA_CPU_OS_SSE, os_avx = VEPRA_CPU_OS_AVX, os_512 = VEPRA_CPU_OS_AVX512;
+  const std::pair<uint32_t, uint64_t> rows[] = {{0, general},
+                                                {sse, ~(avx | avx512)},
+                                                {sse | os_avx, ~avx512},
+                                                {os_avx | os_512, general | avx | avx512},
+                                                {sse | os_avx | os_512, ~uint64_t{0}}};
+  for (auto [state, allowed] : rows) {
+    os_sse = state;
+    const vepra_cpu_info_t info = identify();
+    EXPECT_EQ(info.usable, info.features & allowed) << "state " << state;
+  }
+  vepra::testing::force_portable_paths(true);
+  EXPECT_EQ(identify().usable, 0u);
+  vepra::testing::force_portable_paths(false);
+  os_sse = saved;
 }
 
 // Each processor the caller may use, in order, with the kernel's package,

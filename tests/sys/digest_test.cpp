@@ -28,8 +28,7 @@ std::uint32_t crc16_bitwise(std::uint32_t crc, const unsigned char *p, std::size
   return crc;
 }
 
-// The public function on the portable or the dispatched path, as (running
-// value, bytes) -> value.
+// The public function on the portable or dispatched path, as (crc, bytes).
 template <class Reg>
 Fn entry(Reg (*f)(Reg, const void *, std::size_t), bool portable) {
   return [=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
@@ -106,10 +105,9 @@ TEST_F(DigestTest, CrcPathsMatchThePeersAtEveryAlignmentInPieces) {
   }
 }
 
-// Messages at the padding boundaries (the length field fits after 55 bytes
-// of a block, not after 56), a million bytes, and random ones, hashed at
-// once and fed in random pieces, on both paths. final starts the context
-// anew, so it is reused throughout.
+// Messages at the padding boundaries (the length fits after 55 bytes of a
+// block, not 56), a million bytes and random ones, whole and in random
+// pieces, on both paths; final starts the context anew, for reuse.
 TEST_F(DigestTest, Sha1PathsMatchOpenSslInRandomPieces) {
   std::mt19937 rng(7);
   std::vector<std::vector<unsigned char>> messages;

@@ -1,6 +1,5 @@
-// Log files, the clocks, the path helpers and machine information, checked
-// against the C library, uname, /sys and /proc; the product-version parser
-// is fed property lists of its own.
+// Log files, clocks, path helpers and machine information against the C
+// library, uname, /sys and /proc, and the product-version parser.
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -231,8 +230,7 @@ TEST_F(MachTest, SmallBuffersGetACutTerminatedName) {
   EXPECT_EQ(untouched, 'q');
 }
 
-// Family, name, processors, memory and process id as uname, /sys and /proc
-// give them.
+// Family, name, processors, memory and process id as the system gives them.
 TEST_F(MachTest, AnswersMatchTheOperatingSystem) {
   struct utsname u;
   ASSERT_EQ(uname(&u), 0);
