@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vepra.h"
@@ -212,8 +213,7 @@ class Model : public Run {
     }
     s = find(src, code);
     s->busy = false;
-    std::vector<Op> acts = std::move(s->acts);
-    s->acts.clear();
+    std::vector<Op> acts = std::exchange(s->acts, {});
     int chain = 0;
     for (const Op &a : acts) {
       if (a.kind == Kind::kConnect) {
@@ -275,22 +275,16 @@ class Model : public Run {
     is_alive[x] = false;  // the test's cleanup callback
     objs[x].index.clear();
     while (!objs[x].children.empty()) {
-      std::vector<int> kids = std::move(objs[x].children);
-      objs[x].children.clear();
-      for (int c : kids) {
+      for (int c : std::exchange(objs[x].children, {})) {
         objs[c].parent = -1;
         destroy(c);
       }
     }
-    if (int p = objs[x].parent; p != -1) {
-      unlink(p, x);
-      objs[x].parent = -1;
-    }
+    if (objs[x].parent != -1) unlink(objs[x].parent, x);
     delete_signals(x);
     for (auto &other : objs)
       for (auto &s : other.sigs)
-        if (s.busy)
-          std::erase_if(s.acts, [&](const Op &a) { return a.kind == Kind::kConnect && a.y == x; });
+        std::erase_if(s.acts, [&](const Op &a) { return a.kind == Kind::kConnect && a.y == x; });
     objs[x].cleaning = false;
   }
 

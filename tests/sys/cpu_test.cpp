@@ -296,29 +296,16 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
   if (leaf == 1) regs[1] = (regs[1] & 0x00ffffffu) | (apic << 24);
 }
 
-// One block of tests/data/sys/cpuid_answers.txt (its header explains the
-// lines): the answers, and the other lines by keyword.
-struct CpuidCase {
-  std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-  std::multimap<std::string, std::string> want;
-};
-
-std::vector<CpuidCase> read_cpuid_cases() {
-  std::vector<CpuidCase> cases;
+// The blocks of tests/data/sys/cpuid_answers.txt (its header explains the
+// lines), each as its lines by keyword.
+std::vector<std::multimap<std::string, std::string>> read_cpuid_cases() {
+  std::vector<std::multimap<std::string, std::string>> cases;
   std::ifstream in(VEPRA_TEST_DATA_DIR "/sys/cpuid_answers.txt");
   for (std::string line; std::getline(in, line);) {
-    const std::string key = line.substr(0, line.find(' '));
-    const std::string rest = line.substr(std::min(line.size(), key.size() + 1));
-    if (key.empty() || key[0] == '#') continue;
-    if (key == "case") cases.emplace_back();
-    CpuidCase &c = cases.back();
-    std::stringstream ss(rest);
-    std::vector<uint32_t> hex;
-    for (std::string w; ss >> w;) hex.push_back(std::strtoul(w.c_str(), nullptr, 16));
-    if (key == "leaf")
-      c.table[{hex.at(0), hex.at(1)}] = {hex.at(2), hex.at(3), hex.at(4), hex.at(5)};
-    else
-      c.want.emplace(key, rest);
+    if (line.empty() || line[0] == '#') continue;
+    const size_t space = std::min(line.find(' '), line.size());
+    if (line.compare(0, space, "case") == 0) cases.emplace_back();
+    cases.back().emplace(line.substr(0, space), line.substr(std::min(space + 1, line.size())));
   }
   return cases;
 }
@@ -330,18 +317,24 @@ std::vector<CpuidCase> read_cpuid_cases() {
 TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
   const std::set<unsigned> allowed = allowed_cpus();
   const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
-  const std::vector<CpuidCase> cases = read_cpuid_cases();
+  const auto cases = read_cpuid_cases();
   ASSERT_EQ(cases.size(), 16u);
   vepra::testing::replace_cpuid(table_cpuid);
-  for (const CpuidCase &c : cases) {
-    SCOPED_TRACE(c.want.find("case")->second);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.find("case")->second);
     // The line of key, otherwise where the block has none.
     auto want = [&](const std::string &key, const std::string &otherwise) {
-      auto it = c.want.find(key);
-      return it == c.want.end() ? otherwise : it->second;
+      auto it = c.find(key);
+      return it == c.end() ? otherwise : it->second;
     };
-    g_table = c.table;
-    auto apic = c.want.equal_range("apic");
+    g_table.clear();
+    for (auto [it, end] = c.equal_range("leaf"); it != end; ++it) {
+      std::stringstream ss(it->second);
+      uint32_t h[6] = {};
+      for (uint32_t &v : h) ss >> std::hex >> v;
+      g_table[{h[0], h[1]}] = {h[2], h[3], h[4], h[5]};
+    }
+    auto apic = c.equal_range("apic");
     g_apic_by_cpu.assign(apic.first == apic.second ? 0 : cpus.back() + 1, 0);
     size_t n = 0;
     for (auto it = apic.first; it != apic.second && n < cpus.size(); ++it)
@@ -364,8 +357,7 @@ TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
     EXPECT_EQ(allowed_cpus(), allowed);
     found = std::to_string(err == nullptr ? 0 : err->code) + " " +
             (t != nullptr ? std::to_string(t->method) : "0");
-    EXPECT_EQ(found,
-              want(cpus.size() == 1 && c.want.count("alone") != 0 ? "alone" : "topology", found));
+    EXPECT_EQ(found, want(cpus.size() == 1 && c.count("alone") != 0 ? "alone" : "topology", found));
     if (err != nullptr) {
       found = vepra_test::printed_lines(err.get()).at(2);
       found.erase(found.find_last_not_of(' ') + 1);

@@ -25,13 +25,7 @@ using vepra_test::temp_path;
 
 namespace {
 
-class LogTest : public vepra_test::LibraryTest {};
-class MachTest : public vepra_test::LibraryTest {};
-
-std::string read_file(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+class SystemTest : public vepra_test::LibraryTest {};
 
 // A new temporary file holding text.
 std::string write_temp(const std::string &name, const std::string &text) {
@@ -74,7 +68,7 @@ std::string name_from(const std::string &first, const std::string &second, int s
 // One log file: appended to, empty texts write nothing, a long message is
 // cut at 999 characters, the date prefix has apr_ctime's 24-character form
 // and the error printer writes the chain's lines.
-TEST_F(LogTest, AppendsCutsDatesAndPrintsChains) {
+TEST_F(SystemTest, LogAppendsCutsDatesAndPrintsChains) {
   const std::string path = write_temp("log.txt", "kept\n");
   vepra_log_t *log = nullptr;
   ASSERT_EQ(vepra_log_create(&log, path.c_str(), pool_), nullptr);
@@ -93,7 +87,8 @@ TEST_F(LogTest, AppendsCutsDatesAndPrintsChains) {
   vepra_error_clear(e);
   vepra_log_terminate(log);
   const std::string head = "kept\nn=5\n" + std::string(999, 'y');
-  const std::string text = read_file(path);
+  std::ifstream in(path, std::ios::binary);
+  const std::string text(std::istreambuf_iterator<char>(in), {});
   ASSERT_EQ(text.substr(0, head.size()), head);
   // e.g. "Sun Nov 15 16:34:22 2026", as apr_ctime wrote it around the call
   const std::string date = text.substr(head.size(), 24);
@@ -104,7 +99,7 @@ TEST_F(LogTest, AppendsCutsDatesAndPrintsChains) {
 
 // A log whose file cannot be opened is handed out with a three-record
 // chain; writes to it, to a closed log and to none are reported on stderr.
-TEST_F(LogTest, LogsWithoutFileReportOpenAndWriteFailures) {
+TEST_F(SystemTest, LogsWithoutFileReportOpenAndWriteFailures) {
   const std::string path = temp_path("no-such-dir") + "/log.txt";
   vepra_log_t *failed = nullptr;
   vepra_error_t *e = vepra_log_create(&failed, path.c_str(), pool_);
@@ -141,7 +136,7 @@ TEST_F(LogTest, LogsWithoutFileReportOpenAndWriteFailures) {
 }
 
 // A write that fails (on /dev/full) is reported on stderr.
-TEST_F(LogTest, WriteFailureIsPrintedOnStderrAndTheCallGoesOn) {
+TEST_F(SystemTest, LogWriteFailureIsPrintedOnStderrAndTheCallGoesOn) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
   vepra_log_t *log = nullptr;
   ASSERT_EQ(vepra_log_create(&log, "/dev/full", pool_), nullptr);
@@ -155,8 +150,7 @@ TEST_F(LogTest, WriteFailureIsPrintedOnStderrAndTheCallGoesOn) {
 
 // The clocks against the C library's (processor time after some work, in
 // clock ticks), and a sleep that takes real time but no processor time.
-TEST(TimeTest, ClocksMatchTheCLibraryAndSleepIdles) {
-  ASSERT_EQ(vepra_initialize(), 0);
+TEST_F(SystemTest, ClocksMatchTheCLibraryAndSleepIdles) {
   for (volatile double sink = 0; std::clock() < CLOCKS_PER_SEC / 5;) sink = sink + 1;
   EXPECT_NEAR(vepra_time_cpu(), static_cast<double>(std::clock()) / CLOCKS_PER_SEC, 0.03);
   EXPECT_NEAR(vepra_time_real(), static_cast<double>(std::time(nullptr)), 1.0);
@@ -165,7 +159,6 @@ TEST(TimeTest, ClocksMatchTheCLibraryAndSleepIdles) {
   EXPECT_GE(vepra_time_real() - real, 0.19);
   EXPECT_LT(vepra_time_cpu() - cpu, 0.15) << "sleeping uses no processor time";
   EXPECT_EQ(vepra_time_init(), 0);
-  vepra_terminate();
 }
 
 // The rows of tests/data/sys/paths.tsv, then names cut to a small buffer.
@@ -185,7 +178,7 @@ TEST(PathTest, BaseNameAndDirName) {
 
 // The files of tests/data/sys/product_versions.txt, and nesting around the
 // key: the parser refuses more than 256 levels.
-TEST_F(MachTest, VersionFilesNameTheRelease) {
+TEST_F(SystemTest, VersionFilesNameTheRelease) {
   std::vector<std::pair<std::string, std::string>> cases;  // file, name
   std::string deep = version_key("10.6.8");
   for (int depth = 1; depth <= 300; ++depth) {
@@ -215,7 +208,7 @@ TEST_F(MachTest, VersionFilesNameTheRelease) {
 }
 
 // A name longer than the buffer is cut and terminated; no buffer, no write.
-TEST_F(MachTest, SmallBuffersGetACutTerminatedName) {
+TEST_F(SystemTest, OsNameIsCutToSmallBuffers) {
   const std::string path = write_temp("version.plist", plist(version_key("14.2")));
   const std::string full = "macOS 14.2 Sonoma (" + uname_form() + ")";
   for (int size : {1, 2, 6, 12, 18, 19, 20, static_cast<int>(full.size()),
@@ -231,7 +224,7 @@ TEST_F(MachTest, SmallBuffersGetACutTerminatedName) {
 }
 
 // Family, name, processors, memory and process id as the system gives them.
-TEST_F(MachTest, AnswersMatchTheOperatingSystem) {
+TEST_F(SystemTest, MachineAnswersMatchTheOperatingSystem) {
   struct utsname u;
   ASSERT_EQ(uname(&u), 0);
   const std::pair<const char *, int> families[] = {
