@@ -62,9 +62,8 @@ TEST_F(ObjTest, PrintsSignalsDestinationsAndSlots) {
   ASSERT_EQ(vepra_obj_connect(a, 7, b, f, usr), nullptr);
   ASSERT_EQ(vepra_obj_connect(a, 7, b, Real::slot<1>, nullptr), nullptr);
   vepra_obj_disconnect(a, 0, nullptr, nullptr);  // no signal 0: nothing goes
-  auto *b1 = static_cast<osig *>(utarray_eltptr(b->signals, 0));
-  vepra_obj_slot_fn autodel =
-      static_cast<oslot *>(utarray_eltptr(b1->destinations->slots, 0))->callback;
+  UT_array *b1 = vepra::detail::find_signal(b, 1)->destinations->slots;
+  vepra_obj_slot_fn autodel = static_cast<oslot *>(utarray_eltptr(b1, 0))->callback;
 
   auto print = [](vepra_obj_t *o) {
     char *text = nullptr;

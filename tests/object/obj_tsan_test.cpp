@@ -1,5 +1,6 @@
 // The object engine's two registries under concurrent registration: run
 // under ThreadSanitizer (label tsan).
+#include <algorithm>
 #include <set>
 #include <string>
 #include <thread>
@@ -51,9 +52,8 @@ TEST_F(ObjRegistryTsanTest, HandsOutUniqueCodesUnderConcurrentRegistration) {
   }
   for (auto &th : threads) th.join();
 
-  std::multiset<int> shared_codes(shared.begin(), shared.end());
-  EXPECT_EQ(shared_codes.count(0), 1u);
-  EXPECT_EQ(shared_codes.count(VEPRA_E_OBJTYPE_REGISTERED), size_t{kThreads - 1});
+  EXPECT_EQ(std::ranges::count(shared, 0), 1);
+  EXPECT_EQ(std::ranges::count(shared, VEPRA_E_OBJTYPE_REGISTERED), kThreads - 1);
   std::set<unsigned> type_codes, signal_codes;
   for (int t = 0; t < kThreads; ++t) {
     type_codes.insert(types[t].begin(), types[t].end());

@@ -52,9 +52,7 @@ enum class Kind {
 };
 struct Op {
   Kind kind;
-  int x = 0, y = -1;
-  int code = 1;
-  int cb = 0;
+  int x = 0, y = -1, code = 1, cb = 0;
   uintptr_t usr = 0;
   int name = -1;         // index into kNames, -1 for none
   bool here = false;     // nested: acts on the emitting object and signal
@@ -114,8 +112,45 @@ struct Run {
   }
 };
 
+// Runs op on a world (the model or the engine); both have the same
+// operations over object indexes. Returns the operation's result.
 template <class W>
-int apply(W &w, const Op &op);
+int apply(W &w, const Op &op) {
+  auto live = [&](int i) { return w.alive(i); };
+  switch (op.kind) {
+    case Kind::kCreate:
+      return w.count() < kMaxCreated && std::ssize(w.live()) < kMaxObjects ? w.create(op.name) : -1;
+    case Kind::kAddSignal:
+      return live(op.x) ? w.add_signal(op.x, op.code) : -1;
+    case Kind::kConnect:
+      return live(op.x) && live(op.y) ? w.connect(op.x, op.code, op.y, op.cb, op.usr) : -1;
+    case Kind::kDisconnect:
+      if (!live(op.x) || op.y >= w.count()) return -1;
+      w.disconnect(op.x, op.code, op.y, op.cb);
+      return 0;
+    case Kind::kEmit:
+      return live(op.x) ? w.emit(op.x, op.code) : -1;
+    case Kind::kRemove:
+      if (live(op.x)) w.remove_signal(op.x, op.code);
+      return 0;
+    case Kind::kDeleteSignals:
+      if (live(op.x)) w.delete_signals(op.x);
+      return 0;
+    case Kind::kAddChild:
+      return live(op.x) && live(op.y) ? w.addc(op.x, op.y) : -1;
+    case Kind::kRemoveByName:
+      return live(op.x) ? w.remove_by_name(op.x, op.name) : -1;
+    case Kind::kRemoveChild:
+      return live(op.x) && live(op.y) ? w.remove_child(op.x, op.y) : -1;
+    case Kind::kRename:
+      if (live(op.x)) w.rename(op.x, op.name);
+      return 0;
+    case Kind::kDestroy:
+      if (live(op.x)) w.destroy(op.x);
+      return 0;
+  }
+  return -1;
+}
 
 // A slot call: logged, then the nested operation its usr selects, aimed at
 // the emission, with its result logged.
@@ -326,46 +361,6 @@ class Model : public Run {
     if (objs[c].parent == p) objs[c].parent = -1;
   }
 };
-
-// Runs op on a world (the model or the engine); both have the same
-// operations over object indexes. Returns the operation's result.
-template <class W>
-int apply(W &w, const Op &op) {
-  auto live = [&](int i) { return w.alive(i); };
-  switch (op.kind) {
-    case Kind::kCreate:
-      return w.count() < kMaxCreated && std::ssize(w.live()) < kMaxObjects ? w.create(op.name) : -1;
-    case Kind::kAddSignal:
-      return live(op.x) ? w.add_signal(op.x, op.code) : -1;
-    case Kind::kConnect:
-      return live(op.x) && live(op.y) ? w.connect(op.x, op.code, op.y, op.cb, op.usr) : -1;
-    case Kind::kDisconnect:
-      if (!live(op.x) || op.y >= w.count()) return -1;
-      w.disconnect(op.x, op.code, op.y, op.cb);
-      return 0;
-    case Kind::kEmit:
-      return live(op.x) ? w.emit(op.x, op.code) : -1;
-    case Kind::kRemove:
-      if (live(op.x)) w.remove_signal(op.x, op.code);
-      return 0;
-    case Kind::kDeleteSignals:
-      if (live(op.x)) w.delete_signals(op.x);
-      return 0;
-    case Kind::kAddChild:
-      return live(op.x) && live(op.y) ? w.addc(op.x, op.y) : -1;
-    case Kind::kRemoveByName:
-      return live(op.x) ? w.remove_by_name(op.x, op.name) : -1;
-    case Kind::kRemoveChild:
-      return live(op.x) && live(op.y) ? w.remove_child(op.x, op.y) : -1;
-    case Kind::kRename:
-      if (live(op.x)) w.rename(op.x, op.name);
-      return 0;
-    case Kind::kDestroy:
-      if (live(op.x)) w.destroy(op.x);
-      return 0;
-  }
-  return -1;
-}
 
 // Eight bytes from next make one operation on objects of the given list.
 // Codes 1 to 4 (4 is never added), slots f0 to f2, and usr picks a nested

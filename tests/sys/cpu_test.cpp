@@ -87,13 +87,10 @@ int code_of(vepra_error_t *e) {
   return code;
 }
 
-extern std::vector<uint32_t> g_apic_by_cpu;
-
 class CpuTest : public vepra_test::LibraryTest {
  protected:
   void TearDown() override {
     vepra::testing::replace_cpuid(nullptr);
-    g_apic_by_cpu.clear();
     vepra::testing::fail_cpu_bind_at(0);
     vepra::testing::fail_affinity_restore(false);
     vepra_test::LibraryTest::TearDown();
@@ -107,7 +104,8 @@ class CpuTest : public vepra_test::LibraryTest {
   }
 };
 
-// Identity, feature bits and caches as the kernel lists them.
+// Identity, feature bits and caches as the kernel lists them; the features
+// usable in each saved register state.
 TEST_F(CpuTest, IdentityAndCachesMatchTheKernel) {
   const vepra_cpu_info_t info = identify();
   auto cpuinfo = proc_cpuinfo();
@@ -162,13 +160,11 @@ TEST_F(CpuTest, IdentityAndCachesMatchTheKernel) {
     // most that can share the cache.
     EXPECT_LE(cpu_list(sys_text(dir + "shared_cpu_list")).size(), mine->shared_by);
   }
-  if (seen == 0) GTEST_SKIP() << "the kernel publishes no cache information";
-  EXPECT_EQ(seen, info.cache_count);
-}
+  // A kernel may publish no caches at all.
+  EXPECT_TRUE(seen == 0 || seen == info.cache_count) << seen << " of " << info.cache_count;
 
-// Features on vector registers are usable only when the operating system
-// saves their state; those on general registers need nothing.
-TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
+  // Features on vector registers are usable only when the operating system
+  // saves their state; those on general registers need nothing.
   const uint32_t saved = os_sse;
   const uint64_t general =
       VEPRA_CPU_POPCNT | VEPRA_CPU_BMI1 | VEPRA_CPU_BMI2 | VEPRA_CPU_MOVBE | VEPRA_CPU_RDRAND;
@@ -184,8 +180,8 @@ TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
                                                 {sse | os_avx | os_512, ~uint64_t{0}}};
   for (auto [state, allowed] : rows) {
     os_sse = state;
-    const vepra_cpu_info_t info = identify();
-    EXPECT_EQ(info.usable, info.features & allowed) << "state " << state;
+    const vepra_cpu_info_t usable = identify();
+    EXPECT_EQ(usable.usable, usable.features & allowed) << "state " << state;
   }
   vepra::testing::force_portable_paths(true);
   EXPECT_EQ(identify().usable, 0u);
@@ -194,7 +190,7 @@ TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
 }
 
 // Each processor the caller may use, in order, with the kernel's package,
-// core and APIC ids and sibling masks; the masks' refusals.
+// core and APIC ids and sibling masks; the masks' refusals; group counts.
 TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   const std::set<unsigned> allowed = allowed_cpus();
   auto cpuinfo = proc_cpuinfo();
@@ -231,21 +227,19 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   EXPECT_EQ(code_of(vepra_cpu_package_mask(t, first, &mask, small)), VEPRA_E_CPU_AFFINITY_MASK);
   EXPECT_EQ(code_of(vepra_cpu_package_mask(t, ~0u, &mask, sizeof mask)), VEPRA_E_CPU_AFFINITY_MASK);
   EXPECT_EQ(code_of(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask)), VEPRA_E_ASSERT);
-}
 
-// Group counts of a made-up machine with two packages of unequal size,
-// its processors in no particular order (each given as package * 10 + core).
-TEST_F(CpuTest, GroupsAreCountedPerPackageAndCore) {
+  // Group counts of a made-up machine with two packages of unequal size, its
+  // processors in no particular order (each given as package * 10 + core).
   std::vector<vepra_cpu_logical_t> processors;
   for (uint32_t package_core : {12u, 0u, 10u, 12u, 1u, 11u, 0u, 12u, 10u})
     processors.push_back({0, 0, package_core / 10, package_core % 10, 0});
-  vepra_cpu_topology_t t{};
-  t.count = static_cast<uint32_t>(processors.size());
-  t.processors = processors.data();
-  ASSERT_EQ(Chain(vepra::detail::count_groups(&t, pool_)), nullptr);
-  EXPECT_EQ(t.packages, 2u);
-  EXPECT_EQ(t.cores_per_package, 3u);
-  EXPECT_EQ(t.threads_per_core, 3u);
+  vepra_cpu_topology_t made{};
+  made.count = static_cast<uint32_t>(processors.size());
+  made.processors = processors.data();
+  ASSERT_EQ(Chain(vepra::detail::count_groups(&made, pool_)), nullptr);
+  EXPECT_EQ(made.packages, 2u);
+  EXPECT_EQ(made.cores_per_package, 3u);
+  EXPECT_EQ(made.threads_per_core, 3u);
 }
 
 // The topology covers only the processors the caller may run on, and the
