@@ -8,6 +8,7 @@
 #include <bit>
 #include <functional>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "support/test_support.hpp"
@@ -31,24 +32,17 @@ std::uint32_t crc16_bitwise(std::uint32_t crc, const unsigned char *p, std::size
   return crc;
 }
 
-// The public function on the portable or dispatched path, as (crc, bytes).
-template <class Reg>
-Fn entry(Reg (*f)(Reg, const void *, std::size_t), bool portable) {
+// A path as (crc, bytes) -> crc: a public function (on the portable path or
+// not), or an engine, which works on the register that CRC-32 keeps inverted.
+template <class Reg, class Bytes>
+Fn path(Reg (*f)(Reg, Bytes, std::size_t), bool portable = false) {
+  const bool engine = std::is_same_v<Bytes, const unsigned char *> && sizeof(Reg) == 4;
+  const auto invert = static_cast<Reg>(engine ? ~0u : 0u);
   return [=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
     vepra::testing::force_portable_paths(portable);
-    const Reg r = f(static_cast<Reg>(c), p, n);
+    const auto r = static_cast<Reg>(f(static_cast<Reg>(c ^ invert), p, n) ^ invert);
     vepra::testing::force_portable_paths(false);
     return r;
-  };
-}
-
-// One engine the same way; engines work on the register, which CRC-32
-// keeps inverted.
-template <class Reg>
-Fn engine(Reg (*f)(Reg, const unsigned char *, std::size_t)) {
-  const Reg invert = sizeof(Reg) == 4 ? static_cast<Reg>(~0u) : 0;
-  return [=](std::uint32_t c, const unsigned char *p, std::size_t n) -> std::uint32_t {
-    return static_cast<Reg>(f(static_cast<Reg>(c ^ invert), p, n) ^ invert);
   };
 }
 
@@ -75,13 +69,12 @@ TEST_F(DigestTest, CrcPathsMatchThePeersAtEveryAlignmentInPieces) {
   EXPECT_EQ(vepra_util_crc32(0x1234, nullptr, 0), 0u);
   // Every path, as the CRC-32 and the CRC-16 function of it.
   std::vector<std::pair<Fn, Fn>> paths = {
-      {entry(vepra_util_crc32, true), entry(vepra_util_crc16, true)},
-      {entry(vepra_util_crc32, false), entry(vepra_util_crc16, false)},
-      {engine(d::crc32_bytewise), engine(d::crc16_bytewise)},
-      {engine(d::crc32_slice8), engine(d::crc16_slice8)}};
-  if (d::crc_clmul_available()) paths.emplace_back(engine(d::crc32_clmul), engine(d::crc16_clmul));
-  if (d::crc_vclmul_available())
-    paths.emplace_back(engine(d::crc32_vclmul), engine(d::crc16_vclmul));
+      {path(vepra_util_crc32, true), path(vepra_util_crc16, true)},
+      {path(vepra_util_crc32), path(vepra_util_crc16)},
+      {path(d::crc32_bytewise), path(d::crc16_bytewise)},
+      {path(d::crc32_slice8), path(d::crc16_slice8)}};
+  if (d::crc_clmul_available()) paths.emplace_back(path(d::crc32_clmul), path(d::crc16_clmul));
+  if (d::crc_vclmul_available()) paths.emplace_back(path(d::crc32_vclmul), path(d::crc16_vclmul));
   std::mt19937 rng(20261124);
   std::vector<unsigned char> storage(4096 + 64);
   for (auto &b : storage) b = static_cast<unsigned char>(rng());
