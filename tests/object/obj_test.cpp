@@ -1,4 +1,4 @@
-// The object engine against a reference model, its documented edge cases,
+// The object engine against a reference model, its edge cases,
 // the printed format and allocation failures.
 #include "object/obj_world.hpp"
 
