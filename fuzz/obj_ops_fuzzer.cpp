@@ -1,8 +1,6 @@
-// Byte-driven sequences of object operations (connect, disconnect, emit,
-// remove and delete signals, children, rename, destroy), with slots that
-// run nested operations, carried out on the engine and on the reference
-// model of the tests and compared after every step. Everything is
-// destroyed at the end, so the sanitizers see every stray pointer and leak.
+// Byte-driven object operations, slots running nested ones, on the engine
+// and the tests' reference model, compared after every step (see run_ops);
+// everything is destroyed at the end, so the sanitizers see every leak.
 #include "../tests/object/obj_world.hpp"
 #include "fuzz_common.hpp"
 

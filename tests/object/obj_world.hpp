@@ -1,7 +1,6 @@
-// A reference model of objects, children and signals, written from the
-// rules of the object engine with plain vectors and indexes; the same
-// operations carried out on real objects; and the byte-coded runs that
-// drive both side by side (tests and fuzzer).
+// A reference model of objects, children and signals with plain vectors and
+// indexes, the same operations on real objects, and the byte-coded runs
+// that drive both side by side (tests and fuzzer).
 #ifndef VEPRA_TESTS_OBJECT_OBJ_WORLD_HPP
 #define VEPRA_TESTS_OBJECT_OBJ_WORLD_HPP
 
@@ -10,9 +9,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vepra.h"
@@ -34,13 +33,6 @@ struct Dest {
   std::vector<Slot> slots;
   bool operator==(const Dest &) const = default;
 };
-struct Sig {
-  unsigned code;
-  bool busy = false;
-  std::vector<Dest> dests;
-  size_t queued = 0;  // actions waiting for the emission to end
-  bool operator==(const Sig &) const = default;
-};
 
 // One thing a test run does: at top level, or from inside a slot (the
 // slot's usr selects an entry of the nested table).
@@ -60,13 +52,20 @@ enum class Kind {
 };
 struct Op {
   Kind kind;
-  int x = 0, y = -1;
-  int code = 1;
-  int cb = 0;
+  int x = 0, y = -1, code = 1, cb = 0;
   uintptr_t usr = 0;
   int name = -1;         // index into kNames, -1 for none
   bool here = false;     // nested: acts on the emitting object and signal
   bool to_dest = false;  // nested: its other object is the slot's dest
+  bool operator==(const Op &) const = default;
+};
+
+struct Sig {
+  unsigned code;
+  bool busy = false;
+  std::vector<Dest> dests;
+  std::vector<Op> acts = {};  // connects, disconnects and removals queued while busy
+  bool operator==(const Sig &) const = default;
 };
 
 // A nested operation aimed at the emission that runs it.
@@ -95,273 +94,21 @@ struct Entry {
 constexpr int kMaxDepth = 2, kMaxObjects = 6, kMaxCreated = 40;
 
 // What the model and the engine side share: the nested operations slots
-// run (selected by their usr), the log of slot calls, the nesting depth.
+// run (selected by their usr), the log of slot calls, the nesting depth,
+// and which of the objects created so far are alive.
 struct Run {
   const std::vector<Op> *nested;
   std::vector<Entry> *log;
   int depth = 0;
-};
+  std::vector<bool> is_alive = {};
 
-template <class W>
-int apply(W &w, const Op &op);
-
-// A slot call: logged, then the nested operation its usr selects, aimed at
-// the emission, with its result logged.
-template <class W>
-void call_slot(W &w, int cb, int src, int code, int dest, uintptr_t usr) {
-  w.log->push_back({cb, src, code, dest, usr});
-  if (w.depth >= kMaxDepth || usr >= w.nested->size()) return;
-  ++w.depth;
-  const int r = apply(w, localise((*w.nested)[usr], src, code, dest));
-  --w.depth;
-  w.log->push_back({-1, r, 0, 0, 0});
-}
-
-class Model : public Run {
- public:
-  // An action queued while its signal emits: 1 connect, 2 disconnect, 3 removal.
-  struct Act {
-    int action, code, src, dest;
-    uintptr_t usr;
-    int cb;
-  };
-  struct ModelSig : Sig {
-    std::vector<Act> acts;
-  };
-  struct Obj {
-    bool alive = true, cleaning = false;
-    int gen = 0;  // counts deletions of all signals, which end an emission
-    std::vector<ModelSig> sigs;
-    int parent = -1, name = -1;
-    std::vector<int> children;
-    std::map<int, int> index;  // children by name
-  };
-
-  explicit Model(Run run) : Run(run) {}
-
-  std::vector<Obj> objs;
-
-  int count() const { return static_cast<int>(objs.size()); }
-  bool alive(int i) const { return i >= 0 && i < count() && objs[i].alive; }
+  int count() const { return static_cast<int>(is_alive.size()); }
+  bool alive(int i) const { return i >= 0 && i < count() && is_alive[i]; }
   std::vector<int> live() const {
     std::vector<int> out;
     for (int i = 0; i < count(); ++i)
       if (alive(i)) out.push_back(i);
     return out;
-  }
-  int live_count() const { return static_cast<int>(live().size()); }
-
-  int create(int name) {
-    objs.emplace_back().name = name;
-    for (unsigned code : {1u, 2u, 3u}) add_signal(count() - 1, code);
-    return count() - 1;
-  }
-
-  ModelSig *find(int o, unsigned code) {
-    for (auto &s : objs[o].sigs)
-      if (s.code == code) return &s;
-    return nullptr;
-  }
-
-  int add_signal(int o, unsigned code) {
-    if (find(o, code) != nullptr) return VEPRA_E_SIGNAL_EXISTS;
-    objs[o].sigs.emplace_back().code = code;
-    return 0;
-  }
-
-  int connect(int src, unsigned code, int dest, int cb, uintptr_t usr) {
-    ModelSig *s = find(src, code);
-    if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
-    if (s->busy) {
-      s->acts.push_back({1, static_cast<int>(code), src, dest, usr, cb});
-      return 0;
-    }
-    auto d =
-        std::find_if(s->dests.begin(), s->dests.end(), [&](auto &x) { return x.dest == dest; });
-    if (d == s->dests.end()) {
-      s->dests.push_back({dest, {{usr, cb}}});
-    } else {
-      auto sl = std::find_if(d->slots.begin(), d->slots.end(), [&](auto &x) { return x.cb == cb; });
-      if (sl != d->slots.end())
-        sl->usr = usr;
-      else
-        d->slots.push_back({usr, cb});
-    }
-    if (dest == src || (code == 1 && cb == kAuto)) return 0;
-    if (int e = connect(dest, 1, src, kAuto, 0)) return e;
-    return connect(src, 1, dest, kAuto, 0);
-  }
-
-  void disconnect(int src, int code, int dest, int cb) {
-    for (auto &s : objs[src].sigs) {
-      if (code >= 0 && s.code != static_cast<unsigned>(code)) continue;
-      if (s.busy) {
-        s.acts.push_back({2, code, src, dest, 0, cb});
-        disable(s, dest, cb);
-      } else {
-        disconnect_now(s, dest, cb);
-      }
-    }
-  }
-
-  int emit(int src, unsigned code) {
-    ModelSig *s = find(src, code);
-    if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
-    if (s->busy) return 0;
-    s->busy = true;
-    const int gen = objs[src].gen;
-    for (size_t di = 0; di < find(src, code)->dests.size(); ++di) {
-      for (size_t si = 0; si < find(src, code)->dests[di].slots.size(); ++si) {
-        const Dest &d = find(src, code)->dests[di];
-        Slot sl = d.slots[si];
-        if (sl.cb == kOff) continue;
-        if (sl.cb == kAuto) {
-          disconnect(d.dest, -1, src, kAny);
-        } else {
-          call_slot(*this, sl.cb, src, static_cast<int>(code), d.dest, sl.usr);
-        }
-        if (objs[src].gen != gen) return 0;
-      }
-    }
-    s = find(src, code);
-    s->busy = false;
-    std::vector<Act> acts = std::move(s->acts);
-    s->acts.clear();
-    int chain = 0;
-    for (const Act &a : acts) {
-      if (a.action == 1) {
-        if (int e = connect(a.src, static_cast<unsigned>(a.code), a.dest, a.cb, a.usr)) chain = e;
-      } else if (a.action == 2) {
-        disconnect(a.src, a.code, a.dest, a.cb);
-      } else {
-        remove_signal(a.src, static_cast<unsigned>(a.code));
-        if (find(src, code) == nullptr) return chain;
-      }
-    }
-    return 0;
-  }
-
-  void remove_signal(int o, unsigned code) {
-    ModelSig *s = find(o, code);
-    if (s == nullptr) return;
-    if (s->busy) {
-      s->acts.push_back({3, static_cast<int>(code), o, -1, 0, kAny});
-      return;
-    }
-    if (code == 1) release_peers(o);
-    auto &sigs = objs[o].sigs;
-    sigs.erase(std::find_if(sigs.begin(), sigs.end(), [&](auto &x) { return x.code == code; }));
-  }
-
-  void delete_signals(int o) {
-    if (find(o, 1) != nullptr) release_peers(o);
-    objs[o].sigs.clear();
-    ++objs[o].gen;
-  }
-
-  int addc(int p, int c) {
-    if (objs[c].parent != -1) return kCodeZero;
-    for (int q = p; q != -1; q = objs[q].parent)
-      if (q == c) return kCodeZero;
-    if (objs[c].name >= 0 && objs[p].index.count(objs[c].name)) return VEPRA_E_OBJ_CHILD_EXISTS;
-    objs[p].children.push_back(c);
-    if (objs[c].name >= 0) objs[p].index[objs[c].name] = c;
-    objs[c].parent = p;
-    return 0;
-  }
-
-  int remove_by_name(int p, int name) {
-    auto it = objs[p].index.find(name);
-    if (it == objs[p].index.end()) return -1;
-    int c = it->second;
-    unlink(p, c);
-    return c;
-  }
-
-  int remove_child(int p, int c) {
-    if (std::count(objs[p].children.begin(), objs[p].children.end(), c)) unlink(p, c);
-    return c;
-  }
-
-  void rename(int o, int name) { objs[o].name = name; }
-
-  void destroy(int x) {
-    Obj &o = objs[x];
-    if (!o.alive || o.cleaning) return;
-    o.cleaning = true;
-    emit(x, 1);
-    objs[x].alive = false;  // the test's cleanup callback
-    objs[x].index.clear();
-    while (!objs[x].children.empty()) {
-      std::vector<int> kids = std::move(objs[x].children);
-      objs[x].children.clear();
-      for (int c : kids) {
-        objs[c].parent = -1;
-        destroy(c);
-      }
-    }
-    if (int p = objs[x].parent; p != -1) {
-      unlink(p, x);
-      objs[x].parent = -1;
-    }
-    delete_signals(x);
-    for (auto &other : objs)
-      for (auto &s : other.sigs)
-        if (s.busy)
-          std::erase_if(s.acts, [&](const Act &a) { return a.action == 1 && a.dest == x; });
-    objs[x].cleaning = false;
-  }
-
-  std::vector<Sig> signals(int o) const {
-    std::vector<Sig> out(objs[o].sigs.begin(), objs[o].sigs.end());
-    for (size_t i = 0; i < out.size(); ++i) out[i].queued = objs[o].sigs[i].acts.size();
-    return out;
-  }
-
- private:
-  void release_peers(int o) {
-    std::vector<int> peers;
-    for (auto &d : find(o, 1)->dests)
-      if (d.dest != o &&
-          std::any_of(d.slots.begin(), d.slots.end(), [](auto &s) { return s.cb == kAuto; }))
-        peers.push_back(d.dest);
-    for (int p : peers) disconnect(p, -1, o, kAny);
-  }
-
-  static void disable(ModelSig &s, int dest, int cb) {
-    for (auto &d : s.dests) {
-      if (dest != -1 && d.dest != dest) continue;
-      for (auto &sl : d.slots) {
-        if (dest == -1 || cb == kAny) {
-          sl.cb = kOff;
-        } else if (sl.cb == cb) {
-          sl.cb = kOff;
-          break;
-        }
-      }
-    }
-  }
-
-  static void disconnect_now(ModelSig &s, int dest, int cb) {
-    if (dest == -1) {
-      s.dests.clear();
-      return;
-    }
-    auto d = std::find_if(s.dests.begin(), s.dests.end(), [&](auto &x) { return x.dest == dest; });
-    if (d == s.dests.end()) return;
-    if (cb == kAny) {
-      s.dests.erase(d);
-      return;
-    }
-    auto sl = std::find_if(d->slots.begin(), d->slots.end(),
-                           [&](auto &x) { return x.cb == cb || x.cb == kOff; });
-    if (sl != d->slots.end()) d->slots.erase(sl);
-  }
-
-  void unlink(int p, int c) {
-    std::erase(objs[p].children, c);
-    std::erase_if(objs[p].index, [&](auto &kv) { return kv.second == c; });
-    if (objs[c].parent == p) objs[c].parent = -1;
   }
 };
 
@@ -372,7 +119,7 @@ int apply(W &w, const Op &op) {
   auto live = [&](int i) { return w.alive(i); };
   switch (op.kind) {
     case Kind::kCreate:
-      return w.count() < kMaxCreated && w.live_count() < kMaxObjects ? w.create(op.name) : -1;
+      return w.count() < kMaxCreated && std::ssize(w.live()) < kMaxObjects ? w.create(op.name) : -1;
     case Kind::kAddSignal:
       return live(op.x) ? w.add_signal(op.x, op.code) : -1;
     case Kind::kConnect:
@@ -404,6 +151,216 @@ int apply(W &w, const Op &op) {
   }
   return -1;
 }
+
+// A slot call: logged, then the nested operation its usr selects, aimed at
+// the emission, with its result logged.
+template <class W>
+void call_slot(W &w, int cb, int src, int code, int dest, uintptr_t usr) {
+  w.log->push_back({cb, src, code, dest, usr});
+  if (w.depth >= kMaxDepth || usr >= w.nested->size()) return;
+  ++w.depth;
+  const int r = apply(w, localise((*w.nested)[usr], src, code, dest));
+  --w.depth;
+  w.log->push_back({-1, r, 0, 0, 0});
+}
+
+class Model : public Run {
+ public:
+  struct Obj {
+    bool cleaning = false;
+    int gen = 0;  // counts deletions of all signals, which end an emission
+    std::vector<Sig> sigs;
+    int parent = -1, name = -1;
+    std::vector<int> children;
+    std::map<int, int> index;  // children by name
+  };
+
+  explicit Model(Run run) : Run(run) {}
+
+  std::vector<Obj> objs;
+
+  int create(int name) {
+    objs.emplace_back().name = name;
+    is_alive.push_back(true);
+    for (unsigned code : {1u, 2u, 3u}) add_signal(count() - 1, code);
+    return count() - 1;
+  }
+
+  Sig *find(int o, unsigned code) {
+    auto s = std::ranges::find(objs[o].sigs, code, &Sig::code);
+    return s == objs[o].sigs.end() ? nullptr : &*s;
+  }
+
+  int add_signal(int o, unsigned code) {
+    if (find(o, code) != nullptr) return VEPRA_E_SIGNAL_EXISTS;
+    objs[o].sigs.emplace_back().code = code;
+    return 0;
+  }
+
+  int connect(int src, unsigned code, int dest, int cb, uintptr_t usr) {
+    Sig *s = find(src, code);
+    if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
+    if (s->busy) {
+      s->acts.push_back({Kind::kConnect, src, dest, static_cast<int>(code), cb, usr});
+      return 0;
+    }
+    auto d = std::ranges::find(s->dests, dest, &Dest::dest);
+    if (d == s->dests.end()) {
+      s->dests.push_back({dest, {{usr, cb}}});
+    } else if (auto sl = std::ranges::find(d->slots, cb, &Slot::cb); sl != d->slots.end()) {
+      sl->usr = usr;
+    } else {
+      d->slots.push_back({usr, cb});
+    }
+    if (dest == src || (code == 1 && cb == kAuto)) return 0;
+    if (int e = connect(dest, 1, src, kAuto, 0)) return e;
+    return connect(src, 1, dest, kAuto, 0);
+  }
+
+  void disconnect(int src, int code, int dest, int cb) {
+    for (auto &s : objs[src].sigs) {
+      if (code >= 0 && s.code != static_cast<unsigned>(code)) continue;
+      if (s.busy) {
+        s.acts.push_back({Kind::kDisconnect, src, dest, code, cb});
+        disable(s, dest, cb);
+      } else {
+        disconnect_now(s, dest, cb);
+      }
+    }
+  }
+
+  int emit(int src, unsigned code) {
+    Sig *s = find(src, code);
+    if (s == nullptr) return VEPRA_E_SIGNAL_NOT_FOUND;
+    if (s->busy) return 0;
+    s->busy = true;
+    const int gen = objs[src].gen;
+    for (size_t di = 0; di < find(src, code)->dests.size(); ++di) {
+      for (size_t si = 0; si < find(src, code)->dests[di].slots.size(); ++si) {
+        const Dest &d = find(src, code)->dests[di];
+        Slot sl = d.slots[si];
+        if (sl.cb == kAuto)
+          disconnect(d.dest, -1, src, kAny);
+        else if (sl.cb != kOff)
+          call_slot(*this, sl.cb, src, static_cast<int>(code), d.dest, sl.usr);
+        if (objs[src].gen != gen) return 0;
+      }
+    }
+    s = find(src, code);
+    s->busy = false;
+    std::vector<Op> acts = std::exchange(s->acts, {});
+    int chain = 0;
+    for (const Op &a : acts) {
+      if (a.kind == Kind::kConnect) {
+        if (int e = connect(a.x, static_cast<unsigned>(a.code), a.y, a.cb, a.usr)) chain = e;
+      } else if (a.kind == Kind::kDisconnect) {
+        disconnect(a.x, a.code, a.y, a.cb);
+      } else {
+        remove_signal(a.x, static_cast<unsigned>(a.code));
+        if (find(src, code) == nullptr) return chain;
+      }
+    }
+    return 0;
+  }
+
+  void remove_signal(int o, unsigned code) {
+    Sig *s = find(o, code);
+    if (s == nullptr) return;
+    if (s->busy) {
+      s->acts.push_back({Kind::kRemove, o, -1, static_cast<int>(code), kAny});
+      return;
+    }
+    if (code == 1) release_peers(o);
+    objs[o].sigs.erase(std::ranges::find(objs[o].sigs, code, &Sig::code));
+  }
+
+  void delete_signals(int o) {
+    if (find(o, 1) != nullptr) release_peers(o);
+    objs[o].sigs.clear();
+    ++objs[o].gen;
+  }
+
+  int addc(int p, int c) {
+    if (objs[c].parent != -1) return kCodeZero;
+    for (int q = p; q != -1; q = objs[q].parent)
+      if (q == c) return kCodeZero;
+    if (objs[c].name >= 0 && objs[p].index.count(objs[c].name)) return VEPRA_E_OBJ_CHILD_EXISTS;
+    objs[p].children.push_back(c);
+    if (objs[c].name >= 0) objs[p].index[objs[c].name] = c;
+    objs[c].parent = p;
+    return 0;
+  }
+
+  int remove_by_name(int p, int name) {
+    auto it = objs[p].index.find(name);
+    return it == objs[p].index.end() ? -1 : remove_child(p, it->second);
+  }
+
+  int remove_child(int p, int c) {
+    if (std::ranges::count(objs[p].children, c) != 0) unlink(p, c);
+    return c;
+  }
+
+  void rename(int o, int name) { objs[o].name = name; }
+
+  void destroy(int x) {
+    if (!is_alive[x] || objs[x].cleaning) return;
+    objs[x].cleaning = true;
+    emit(x, 1);
+    is_alive[x] = false;  // the test's cleanup callback
+    objs[x].index.clear();
+    while (!objs[x].children.empty()) {
+      for (int c : std::exchange(objs[x].children, {})) {
+        objs[c].parent = -1;
+        destroy(c);
+      }
+    }
+    if (objs[x].parent != -1) unlink(objs[x].parent, x);
+    delete_signals(x);
+    for (auto &other : objs)
+      for (auto &s : other.sigs)
+        std::erase_if(s.acts, [&](const Op &a) { return a.kind == Kind::kConnect && a.y == x; });
+    objs[x].cleaning = false;
+  }
+
+ private:
+  void release_peers(int o) {
+    std::vector<int> peers;
+    for (auto &d : find(o, 1)->dests)
+      if (d.dest != o && std::ranges::count(d.slots, kAuto, &Slot::cb) != 0)
+        peers.push_back(d.dest);
+    for (int p : peers) disconnect(p, -1, o, kAny);
+  }
+
+  static void disable(Sig &s, int dest, int cb) {
+    for (auto &d : s.dests) {
+      if (dest != -1 && d.dest != dest) continue;
+      if (dest == -1 || cb == kAny) {
+        for (auto &sl : d.slots) sl.cb = kOff;
+      } else if (auto sl = std::ranges::find(d.slots, cb, &Slot::cb); sl != d.slots.end()) {
+        sl->cb = kOff;
+      }
+    }
+  }
+
+  static void disconnect_now(Sig &s, int dest, int cb) {
+    auto d = std::ranges::find(s.dests, dest, &Dest::dest);
+    if (dest == -1) {
+      s.dests.clear();
+    } else if (d != s.dests.end() && cb == kAny) {
+      s.dests.erase(d);
+    } else if (d != s.dests.end()) {
+      auto sl = std::ranges::find_if(d->slots, [&](auto &x) { return x.cb == cb || x.cb == kOff; });
+      if (sl != d->slots.end()) d->slots.erase(sl);
+    }
+  }
+
+  void unlink(int p, int c) {
+    std::erase(objs[p].children, c);
+    std::erase_if(objs[p].index, [&](auto &kv) { return kv.second == c; });
+    if (objs[c].parent == p) objs[c].parent = -1;
+  }
+};
 
 // Eight bytes from next make one operation on objects of the given list.
 // Codes 1 to 4 (4 is never added), slots f0 to f2, and usr picks a nested
@@ -441,46 +398,35 @@ inline int code_of(vepra_error_t *e) {
   return c;
 }
 
-// The engine side of a model run. Every object is created in a root pool
-// with an allocator of its own, kept to the end of the run, so that no
-// object reuses the address of a destroyed one (destination tables are
-// keyed by address).
+// The engine side of a model run. Every object has a root pool of its own,
+// kept to the end of the run, so that no object reuses the address of a
+// destroyed one (destination tables are keyed by address).
 class Real : public Run {
  public:
-  // Slots reach the run through current (signal 1 is emitted with a null
-  // argument).
+  // Slots reach the run through current (signal 1 has a null argument).
   explicit Real(Run run) : Run(run) { current = this; }
   static inline Real *current = nullptr;
   ~Real() {
     for (int i = 0; i < count(); ++i)
-      if (alive_[i]) vepra_obj_destroy(objs_[i]);
+      if (is_alive[i]) vepra_obj_destroy(objs_[i]);
     for (apr_pool_t *home : homes_) apr_pool_destroy(home);
   }
 
-  int count() const { return static_cast<int>(objs_.size()); }
-  bool alive(int i) const { return i >= 0 && i < count() && alive_[i]; }
-  int live_count() const {
-    return static_cast<int>(std::count(alive_.begin(), alive_.end(), true));
-  }
   vepra_obj_t *obj(int i) const { return i >= 0 && i < count() ? objs_[i] : nullptr; }
   int index_of(const vepra_obj_t *o) const {
-    for (int i = 0; i < count(); ++i)
-      if (objs_[i] == o) return i;
-    return -1;
+    auto it = std::ranges::find(objs_, o);
+    return it == objs_.end() ? -1 : static_cast<int>(it - objs_.begin());
   }
 
   int create(int name) {
-    apr_pool_t *home = nullptr;
-    apr_pool_create_unmanaged_ex(&home, nullptr, nullptr);
-    homes_.push_back(home);
-    vepra_obj_t *o = nullptr;
+    apr_pool_create_unmanaged_ex(&homes_.emplace_back(), nullptr, nullptr);
+    vepra_obj_t *&o = objs_.emplace_back();
     // Every object of a run starts with signals 1, 2 and 3.
-    if (vepra_obj_create(&o, name >= 0 ? kNames[name] : nullptr, home) != nullptr ||
-        vepra_obj_cleanup_register(o, mark_dead, this) != nullptr ||
+    if (vepra_obj_create(&o, name >= 0 ? kNames[name] : nullptr, homes_.back()) != nullptr ||
+        vepra_obj_cleanup_register(o, mark_dead, nullptr) != nullptr ||
         vepra_obj_add_signal(o, 2) != nullptr || vepra_obj_add_signal(o, 3) != nullptr)
       std::abort();
-    objs_.push_back(o);
-    alive_.push_back(true);
+    is_alive.push_back(true);
     return count() - 1;
   }
   int add_signal(int o, unsigned code) { return code_of(vepra_obj_add_signal(objs_[o], code)); }
@@ -509,19 +455,22 @@ class Real : public Run {
     UT_array *arr = objs_[o]->signals;
     for (unsigned i = 0; arr != nullptr && i < utarray_len(arr); ++i) {
       auto *s = static_cast<osig *>(utarray_eltptr(arr, i));
-      Sig sig{s->code,
-              (s->flags & VEPRA_SIG_BUSY) != 0,
-              {},
-              s->actions != nullptr ? utarray_len(s->actions) : 0};
+      Sig &sig = out.emplace_back(Sig{s->code, (s->flags & VEPRA_SIG_BUSY) != 0, {}});
       for (osigdest *d = s->destinations; d != nullptr; d = static_cast<osigdest *>(d->hh.next)) {
-        Dest dest{index_of(d->dest), {}};
+        Dest &dest = sig.dests.emplace_back(Dest{index_of(d->dest), {}});
         for (unsigned k = 0; k < utarray_len(d->slots); ++k) {
           auto *sl = static_cast<oslot *>(utarray_eltptr(d->slots, k));
           dest.slots.push_back({reinterpret_cast<uintptr_t>(sl->usr), slot_id(sl->callback)});
         }
-        sig.dests.push_back(dest);
       }
-      out.push_back(sig);
+      static constexpr Kind kActs[] = {Kind::kCreate, Kind::kConnect, Kind::kDisconnect,
+                                       Kind::kRemove};  // by OSIGACT_*
+      for (unsigned k = 0; s->actions != nullptr && k < utarray_len(s->actions); ++k) {
+        auto *a = static_cast<osigact *>(utarray_eltptr(s->actions, k));
+        sig.acts.push_back({kActs[a->action], index_of(a->src), index_of(a->dest), a->code,
+                            a->callback == nullptr ? kAny : slot_id(a->callback),
+                            reinterpret_cast<uintptr_t>(a->usr)});
+      }
     }
     return out;
   }
@@ -549,23 +498,17 @@ class Real : public Run {
       if (slot_fn(i) == f) return i;
     return f == nullptr ? kOff : kAuto;
   }
-  static void mark_dead(vepra_obj_t *o, void *self) {
-    auto *r = static_cast<Real *>(self);
-    r->alive_[r->index_of(o)] = false;
-  }
+  static void mark_dead(vepra_obj_t *o, void *) { current->is_alive[current->index_of(o)] = false; }
 
   std::vector<vepra_obj_t *> objs_;
-  std::vector<bool> alive_;
   std::vector<apr_pool_t *> homes_;
 };
 
-// Carries out the operations that data encodes on the engine and on the
-// model: eight bytes for each entry of the nested table, then eight for
-// each top-level operation. After every step both must give the same
-// result, the same slot calls in the same order, and the same objects,
-// signals, destinations, slots, children, parents and name index. Returns
-// "" when they agree throughout, else the first difference. Everything is
-// destroyed at the end.
+// Carries out the operations data encodes (eight bytes for each entry of
+// the nested table, then for each top-level operation) on the engine and
+// the model; after every step both must agree on the result, the slot
+// calls, and every object's signals, children, parent and name index.
+// Returns "" or the first difference. Everything is destroyed at the end.
 inline std::string run_ops(const uint8_t *data, size_t size) {
   size_t at = 0;
   auto next = [&] { return at < size ? unsigned{data[at++]} : 0u; };
@@ -590,7 +533,7 @@ inline std::string run_ops(const uint8_t *data, size_t size) {
       const std::string object = where + ": object " + std::to_string(i);
       if (real.alive(i) != model.alive(i)) return object + " alive";
       if (!model.alive(i)) continue;
-      if (real.signals(i) != model.signals(i)) return object + " signals";
+      if (real.signals(i) != model.objs[i].sigs) return object + " signals";
       if (real.children(i) != model.objs[i].children) return object + " children";
       if (real.index_of(real.obj(i)->parent) != model.objs[i].parent) return object + " parent";
       for (const auto &[name, child] : model.objs[i].index)

@@ -1,12 +1,9 @@
-// Processor detection against what the operating system reports (/proc/
-// cpuinfo, /sys/devices/system/cpu) and against canned cpuid answers. The machines
-// here are virtual: where the operating system hides something the
-// comparison is skipped with the reason.
+// Processor detection against what the kernel reports (/proc/cpuinfo, /sys)
+// and against canned cpuid answers; what a virtual machine hides is skipped.
 #include <pthread.h>
 #include <sched.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -21,7 +18,6 @@
 #include "vepra_cpu.h"
 
 using vepra_test::Chain;
-using vepra_test::LibraryTest;
 
 namespace {
 
@@ -58,18 +54,16 @@ std::set<unsigned> cpu_list(const std::string &text, const std::set<unsigned> *o
     const size_t dash = part.find('-');
     const unsigned lo = std::stoul(part.substr(0, dash));
     const unsigned hi = dash == std::string::npos ? lo : std::stoul(part.substr(dash + 1));
-    for (unsigned i = lo; i <= hi; ++i) {
+    for (unsigned i = lo; i <= hi; ++i)
       if (only == nullptr || only->count(i) != 0) out.insert(i);
-    }
   }
   return out;
 }
 
 std::set<unsigned> mask_cpus(const cpu_set_t &set) {
   std::set<unsigned> out;
-  for (unsigned i = 0; i < CPU_SETSIZE; ++i) {
+  for (unsigned i = 0; i < CPU_SETSIZE; ++i)
     if (CPU_ISSET(i, &set)) out.insert(i);
-  }
   return out;
 }
 
@@ -93,21 +87,13 @@ int code_of(vepra_error_t *e) {
   return code;
 }
 
-extern std::vector<uint32_t> g_apic_by_cpu;
-
-class CpuTest : public LibraryTest {
+class CpuTest : public vepra_test::LibraryTest {
  protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    cpuinfo_ = proc_cpuinfo();
-    ASSERT_FALSE(cpuinfo_.empty()) << "/proc/cpuinfo cannot be read";
-  }
   void TearDown() override {
     vepra::testing::replace_cpuid(nullptr);
-    g_apic_by_cpu.clear();
     vepra::testing::fail_cpu_bind_at(0);
     vepra::testing::fail_affinity_restore(false);
-    LibraryTest::TearDown();
+    vepra_test::LibraryTest::TearDown();
   }
 
   vepra_cpu_info_t identify() {
@@ -116,21 +102,15 @@ class CpuTest : public LibraryTest {
     EXPECT_EQ(err, nullptr);
     return info;
   }
-
-  vepra_cpu_topology_t *topology() {
-    vepra_cpu_topology_t *t = nullptr;
-    Chain err(vepra_cpu_topology(&t, pool_));
-    EXPECT_EQ(err, nullptr);
-    return t;
-  }
-
-  std::map<unsigned, std::map<std::string, std::string>> cpuinfo_;
 };
 
-// Identity and feature bits as the kernel lists them.
-TEST_F(CpuTest, IdentityMatchesProcCpuinfo) {
+// Identity, feature bits and caches as the kernel lists them; the features
+// usable in each saved register state.
+TEST_F(CpuTest, IdentityAndCachesMatchTheKernel) {
   const vepra_cpu_info_t info = identify();
-  auto &first = cpuinfo_.begin()->second;
+  auto cpuinfo = proc_cpuinfo();
+  ASSERT_FALSE(cpuinfo.empty()) << "/proc/cpuinfo cannot be read";
+  auto &first = cpuinfo.begin()->second;
   EXPECT_EQ(std::string(info.vendor), first["vendor_id"]);
   EXPECT_EQ(std::to_string(info.family), first["cpu family"]);
   EXPECT_EQ(std::to_string(info.model), first["model"]);
@@ -143,49 +123,18 @@ TEST_F(CpuTest, IdentityMatchesProcCpuinfo) {
   std::stringstream ss(first["flags"]);
   for (std::string f; ss >> f;) flags.insert(f);
   EXPECT_EQ(info.hypervisor != 0, flags.count("hypervisor") != 0);
-  for (unsigned i = 0; i < VEPRA_CPU_FEATURE_COUNT; ++i) {
+  for (unsigned i = 0; i < VEPRA_CPU_FEATURE_COUNT; ++i)
     EXPECT_EQ((info.features >> i) & 1, flags.count(kFeatureNames[i])) << kFeatureNames[i];
-  }
   // vepra_initialize() set os_sse from XCR0; the kernel lists avx and
   // avx512f only when it saves their registers.
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_SSE) != 0, flags.count("sse") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX) != 0, flags.count("avx") != 0);
   EXPECT_EQ((os_sse & VEPRA_CPU_OS_AVX512) != 0, flags.count("avx512f") != 0);
-}
 
-// Features on vector registers are usable only when the operating system
-// saves their state; those on general registers need nothing.
-TEST_F(CpuTest, UsableFeaturesFollowTheSavedRegisterState) {
-  const uint32_t saved = os_sse;
-  const uint64_t general =
-      VEPRA_CPU_POPCNT | VEPRA_CPU_BMI1 | VEPRA_CPU_BMI2 | VEPRA_CPU_MOVBE | VEPRA_CPU_RDRAND;
-  const uint64_t avx = VEPRA_CPU_AVX | VEPRA_CPU_AVX2 | VEPRA_CPU_FMA | VEPRA_CPU_F16C |
-                       VEPRA_CPU_VAES | VEPRA_CPU_VPCLMULQDQ;
-  const uint64_t avx512 = VEPRA_CPU_AVX512F | VEPRA_CPU_AVX512DQ | VEPRA_CPU_AVX512CD |
-                          VEPRA_CPU_AVX512BW | VEPRA_CPU_AVX512VL;
-  const uint32_t sse = VEPRA_CPU_OS_SSE, os_avx = VEPRA_CPU_OS_AVX, os_512 = VEPRA_CPU_OS_AVX512;
-  const std::pair<uint32_t, uint64_t> rows[] = {
-      {0, general},
-      {sse, ~(avx | avx512)},
-      {sse | os_avx, ~avx512},
-      {os_avx | os_512, general | avx | avx512},
-      {sse | os_avx | os_512, ~uint64_t{0}},
-  };
-  for (auto [state, allowed] : rows) {
-    os_sse = state;
-    const vepra_cpu_info_t info = identify();
-    EXPECT_EQ(info.usable, info.features & allowed) << "state " << state;
-  }
-  vepra::testing::force_portable_paths(true);
-  EXPECT_EQ(identify().usable, 0u);
-  vepra::testing::force_portable_paths(false);
-  os_sse = saved;
-}
-
-// Every cache the kernel describes, with its size, line, ways, sets and sharing.
-TEST_F(CpuTest, CachesMatchSysfs) {
-  const vepra_cpu_info_t info = identify();
+  // Every cache the kernel describes, with its size, line, ways, sets and
+  // sharing.
   const std::string base = "/sys/devices/system/cpu/cpu0/cache/index";
+
   uint32_t seen = 0;
   for (unsigned i = 0; !sys_text(base + std::to_string(i) + "/level").empty(); ++i) {
     const std::string dir = base + std::to_string(i) + "/";
@@ -194,9 +143,8 @@ TEST_F(CpuTest, CachesMatchSysfs) {
     const uint32_t kind = type == "Data" ? 1 : type == "Instruction" ? 2 : 3;
     const uint32_t level = std::stoul(sys_text(dir + "level"));
     const vepra_cpu_cache_t *mine = nullptr;
-    for (uint32_t k = 0; k < info.cache_count; ++k) {
+    for (uint32_t k = 0; k < info.cache_count; ++k)
       if (info.caches[k].level == level && info.caches[k].kind == kind) mine = &info.caches[k];
-    }
     ASSERT_NE(mine, nullptr);
     ++seen;
     const std::string size = sys_text(dir + "size");  // "48K"
@@ -212,34 +160,57 @@ TEST_F(CpuTest, CachesMatchSysfs) {
     // most that can share the cache.
     EXPECT_LE(cpu_list(sys_text(dir + "shared_cpu_list")).size(), mine->shared_by);
   }
-  if (seen == 0) GTEST_SKIP() << "the kernel publishes no cache information";
-  EXPECT_EQ(seen, info.cache_count);
+  // A kernel may publish no caches at all.
+  EXPECT_TRUE(seen == 0 || seen == info.cache_count) << seen << " of " << info.cache_count;
+
+  // Features on vector registers are usable only when the operating system
+  // saves their state; those on general registers need nothing.
+  const uint32_t saved = os_sse;
+  const uint64_t general =
+      VEPRA_CPU_POPCNT | VEPRA_CPU_BMI1 | VEPRA_CPU_BMI2 | VEPRA_CPU_MOVBE | VEPRA_CPU_RDRAND;
+  const uint64_t avx = VEPRA_CPU_AVX | VEPRA_CPU_AVX2 | VEPRA_CPU_FMA | VEPRA_CPU_F16C |
+                       VEPRA_CPU_VAES | VEPRA_CPU_VPCLMULQDQ;
+  const uint64_t avx512 = VEPRA_CPU_AVX512F | VEPRA_CPU_AVX512DQ | VEPRA_CPU_AVX512CD |
+                          VEPRA_CPU_AVX512BW | VEPRA_CPU_AVX512VL;
+  const uint32_t sse = VEPRA_CPU_OS_SSE, os_avx = VEPRA_CPU_OS_AVX, os_512 = VEPRA_CPU_OS_AVX512;
+  const std::pair<uint32_t, uint64_t> rows[] = {{0, general},
+                                                {sse, ~(avx | avx512)},
+                                                {sse | os_avx, ~avx512},
+                                                {os_avx | os_512, general | avx | avx512},
+                                                {sse | os_avx | os_512, ~uint64_t{0}}};
+  for (auto [state, allowed] : rows) {
+    os_sse = state;
+    const vepra_cpu_info_t usable = identify();
+    EXPECT_EQ(usable.usable, usable.features & allowed) << "state " << state;
+  }
+  vepra::testing::force_portable_paths(true);
+  EXPECT_EQ(identify().usable, 0u);
+  vepra::testing::force_portable_paths(false);
+  os_sse = saved;
 }
 
+// Each processor the caller may use, in order, with the kernel's package,
+// core and APIC ids and sibling masks; the masks' refusals; group counts.
 TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   const std::set<unsigned> allowed = allowed_cpus();
-  vepra_cpu_topology_t *t = topology();
-  ASSERT_NE(t, nullptr);
-  EXPECT_EQ(allowed_cpus(), allowed);
+  auto cpuinfo = proc_cpuinfo();
+  vepra_cpu_topology_t *t = nullptr;
+  ASSERT_EQ(Chain(vepra_cpu_topology(&t, pool_)), nullptr);
   ASSERT_EQ(t->count, allowed.size());
-  std::set<unsigned> packages;
   std::map<std::pair<unsigned, unsigned>, std::set<unsigned>> threads;
-  unsigned previous = 0;
   for (uint32_t i = 0; i < t->count; ++i) {
     const vepra_cpu_logical_t &p = t->processors[i];
     SCOPED_TRACE(p.os_index);
     EXPECT_TRUE(allowed.count(p.os_index) != 0);
-    EXPECT_TRUE(i == 0 || p.os_index > previous);
-    previous = p.os_index;
+    EXPECT_TRUE(i == 0 || p.os_index > t->processors[i - 1].os_index);
     const std::string topo =
         "/sys/devices/system/cpu/cpu" + std::to_string(p.os_index) + "/topology/";
     EXPECT_EQ(std::to_string(p.package), sys_text(topo + "physical_package_id"));
     EXPECT_EQ(std::to_string(p.core), sys_text(topo + "core_id"));
-    auto &block = cpuinfo_[p.os_index];
+    auto &block = cpuinfo[p.os_index];
     if (block.count("apicid") != 0) {
       EXPECT_EQ(std::to_string(p.apic_id), block["apicid"]);
     }
-    packages.insert(p.package);
     // Threads of one core have distinct numbers.
     EXPECT_TRUE((threads[{p.package, p.core}].insert(p.thread).second));
     // Package and core masks are the kernel's siblings that may be used.
@@ -249,11 +220,6 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
     ASSERT_EQ(Chain(vepra_cpu_core_mask(t, p.package, p.core, &mask, sizeof mask)), nullptr);
     EXPECT_EQ(mask_cpus(mask), cpu_list(sys_text(topo + "thread_siblings_list"), &allowed));
   }
-  EXPECT_EQ(t->packages, packages.size());
-  size_t most_threads = 0;
-  for (const auto &[core, ids] : threads) most_threads = std::max(most_threads, ids.size());
-  EXPECT_EQ(t->threads_per_core, most_threads);
-  EXPECT_GE(t->cores_per_package * t->packages, threads.size());
   // A mask too small for a processor, a package without processors, no topology.
   cpu_set_t mask;
   const uint32_t first = t->processors[0].package;
@@ -261,22 +227,19 @@ TEST_F(CpuTest, TopologyAndMasksMatchSysfsAndApicIds) {
   EXPECT_EQ(code_of(vepra_cpu_package_mask(t, first, &mask, small)), VEPRA_E_CPU_AFFINITY_MASK);
   EXPECT_EQ(code_of(vepra_cpu_package_mask(t, ~0u, &mask, sizeof mask)), VEPRA_E_CPU_AFFINITY_MASK);
   EXPECT_EQ(code_of(vepra_cpu_core_mask(nullptr, 0, 0, &mask, sizeof mask)), VEPRA_E_ASSERT);
-}
 
-// Group counts of a made-up machine with two packages of unequal size,
-// its processors in no particular order.
-TEST_F(CpuTest, GroupsAreCountedPerPackageAndCore) {
-  const std::pair<uint32_t, uint32_t> where[] = {{1, 2}, {0, 0}, {1, 0}, {1, 2}, {0, 1},
-                                                 {1, 1}, {0, 0}, {1, 2}, {1, 0}};
+  // Group counts of a made-up machine with two packages of unequal size, its
+  // processors in no particular order (each given as package * 10 + core).
   std::vector<vepra_cpu_logical_t> processors;
-  for (auto [package, core] : where) processors.push_back({0, 0, package, core, 0});
-  vepra_cpu_topology_t t{};
-  t.count = static_cast<uint32_t>(processors.size());
-  t.processors = processors.data();
-  ASSERT_EQ(Chain(vepra::detail::count_groups(&t, pool_)), nullptr);
-  EXPECT_EQ(t.packages, 2u);
-  EXPECT_EQ(t.cores_per_package, 3u);
-  EXPECT_EQ(t.threads_per_core, 3u);
+  for (uint32_t package_core : {12u, 0u, 10u, 12u, 1u, 11u, 0u, 12u, 10u})
+    processors.push_back({0, 0, package_core / 10, package_core % 10, 0});
+  vepra_cpu_topology_t made{};
+  made.count = static_cast<uint32_t>(processors.size());
+  made.processors = processors.data();
+  ASSERT_EQ(Chain(vepra::detail::count_groups(&made, pool_)), nullptr);
+  EXPECT_EQ(made.packages, 2u);
+  EXPECT_EQ(made.cores_per_package, 3u);
+  EXPECT_EQ(made.threads_per_core, 3u);
 }
 
 // The topology covers only the processors the caller may run on, and the
@@ -288,10 +251,11 @@ TEST_F(CpuTest, TheCallersAffinityIsHonouredAndRestored) {
   CPU_ZERO(&one);
   CPU_SET(*allowed.rbegin(), &one);
   ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
-  vepra_cpu_topology_t *t = topology();
+  vepra_cpu_topology_t *t = nullptr;
+  Chain err(vepra_cpu_topology(&t, pool_));
   EXPECT_EQ(mask_cpus(one), allowed_cpus());
   ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof saved, &saved), 0);
-  ASSERT_NE(t, nullptr);
+  ASSERT_EQ(err, nullptr);
   ASSERT_EQ(t->count, 1u);
   EXPECT_EQ(t->processors[0].os_index, *allowed.rbegin());
   EXPECT_EQ(t->packages * t->cores_per_package * t->threads_per_core, 1u);
@@ -326,50 +290,16 @@ void table_cpuid(uint32_t leaf, uint32_t subleaf, uint32_t regs[4]) {
   if (leaf == 1) regs[1] = (regs[1] & 0x00ffffffu) | (apic << 24);
 }
 
-// Four characters as cpuid returns them in a register.
-uint32_t reg_of(const char *text) {
-  uint32_t r = 0;
-  std::memcpy(&r, text, 4);
-  return r;
-}
-
-// One block of tests/data/sys/cpuid_answers.txt (its header explains the
-// lines): the answers, the APIC ids, and the other lines by keyword.
-struct CpuidCase {
-  std::map<std::pair<uint32_t, uint32_t>, vepra::detail::cpuid_regs> table;
-  std::vector<uint32_t> apic;
-  std::multimap<std::string, std::string> want;
-};
-
-std::vector<CpuidCase> read_cpuid_cases() {
-  std::vector<CpuidCase> cases;
+// The blocks of tests/data/sys/cpuid_answers.txt (its header explains the
+// lines), each as its lines by keyword.
+std::vector<std::multimap<std::string, std::string>> read_cpuid_cases() {
+  std::vector<std::multimap<std::string, std::string>> cases;
   std::ifstream in(VEPRA_TEST_DATA_DIR "/sys/cpuid_answers.txt");
   for (std::string line; std::getline(in, line);) {
-    const std::string key = line.substr(0, line.find(' '));
-    const std::string rest = line.substr(std::min(line.size(), key.size() + 1));
-    if (key.empty() || key[0] == '#') continue;
-    if (key == "case") cases.emplace_back();
-    CpuidCase &c = cases.back();
-    std::stringstream ss(rest);
-    std::vector<uint32_t> hex;
-    for (std::string w; ss >> w;) hex.push_back(std::strtoul(w.c_str(), nullptr, 16));
-    if (key == "vendor") {
-      c.table[{0, 0}] = {hex.at(1), reg_of(rest.c_str()), reg_of(&rest[8]), reg_of(&rest[4])};
-    } else if (key == "leaf") {
-      c.table[{hex.at(0), hex.at(1)}] = {hex.at(2), hex.at(3), hex.at(4), hex.at(5)};
-    } else if (key == "brand") {
-      char r[48] = {};
-      std::memcpy(r, rest.data(), std::min(rest.size(), sizeof r));
-      for (uint32_t i = 0; i < 3; ++i) {
-        c.table[{0x80000002u + i, 0}] = {reg_of(r + 16 * i), reg_of(r + 16 * i + 4),
-                                         reg_of(r + 16 * i + 8), reg_of(r + 16 * i + 12)};
-      }
-      c.table[{0x80000000u, 0}] = {0x80000004u, 0, 0, 0};
-      c.want.emplace(key, rest.substr(rest.find_first_not_of(' ')));
-    } else {
-      if (key == "apic") c.apic.push_back(hex.at(0));
-      c.want.emplace(key, rest);
-    }
+    if (line.empty() || line[0] == '#') continue;
+    const size_t space = std::min(line.find(' '), line.size());
+    if (line.compare(0, space, "case") == 0) cases.emplace_back();
+    cases.back().emplace(line.substr(0, space), line.substr(std::min(space + 1, line.size())));
   }
   return cases;
 }
@@ -381,27 +311,33 @@ std::vector<CpuidCase> read_cpuid_cases() {
 TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
   const std::set<unsigned> allowed = allowed_cpus();
   const std::vector<unsigned> cpus(allowed.begin(), allowed.end());
-  const std::vector<CpuidCase> cases = read_cpuid_cases();
+  const auto cases = read_cpuid_cases();
   ASSERT_EQ(cases.size(), 16u);
   vepra::testing::replace_cpuid(table_cpuid);
-  for (const CpuidCase &c : cases) {
-    SCOPED_TRACE(c.want.find("case")->second);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.find("case")->second);
     // The line of key, otherwise where the block has none.
     auto want = [&](const std::string &key, const std::string &otherwise) {
-      auto it = c.want.find(key);
-      return it == c.want.end() ? otherwise : it->second;
+      auto it = c.find(key);
+      return it == c.end() ? otherwise : it->second;
     };
-    g_table = c.table;
-    g_apic_by_cpu.assign(c.apic.empty() ? 0 : cpus.back() + 1, 0);
-    for (size_t i = 0; i < cpus.size() && i < c.apic.size(); ++i) {
-      g_apic_by_cpu[cpus[i]] = c.apic[i];
+    g_table.clear();
+    for (auto [it, end] = c.equal_range("leaf"); it != end; ++it) {
+      std::stringstream ss(it->second);
+      uint32_t h[6] = {};
+      for (uint32_t &v : h) ss >> std::hex >> v;
+      g_table[{h[0], h[1]}] = {h[2], h[3], h[4], h[5]};
     }
+    auto apic = c.equal_range("apic");
+    g_apic_by_cpu.assign(apic.first == apic.second ? 0 : cpus.back() + 1, 0);
+    size_t n = 0;
+    for (auto it = apic.first; it != apic.second && n < cpus.size(); ++it)
+      g_apic_by_cpu[cpus[n++]] = std::stoul(it->second, nullptr, 16);
     vepra_cpu_info_t info;
     Chain err(vepra_cpu_identify(&info));
     std::string found = std::to_string(err == nullptr ? 0 : err->code);
-    for (unsigned i = 0; err == nullptr && i < VEPRA_CPU_FEATURE_COUNT; ++i) {
+    for (unsigned i = 0; err == nullptr && i < VEPRA_CPU_FEATURE_COUNT; ++i)
       if ((info.features >> i) & 1) found += " " + std::string(kFeatureNames[i]);
-    }
     EXPECT_EQ(found, want("identify", "0"));
     if (err == nullptr) {
       found = std::to_string(info.cache_count);
@@ -415,14 +351,12 @@ TEST_F(CpuTest, ProcessorsFromCpuidAnswers) {
     EXPECT_EQ(allowed_cpus(), allowed);
     found = std::to_string(err == nullptr ? 0 : err->code) + " " +
             (t != nullptr ? std::to_string(t->method) : "0");
-    EXPECT_EQ(found,
-              want(cpus.size() == 1 && c.want.count("alone") != 0 ? "alone" : "topology", found));
+    EXPECT_EQ(found, want(cpus.size() == 1 && c.count("alone") != 0 ? "alone" : "topology", found));
     if (err != nullptr) {
       found = vepra_test::printed_lines(err.get()).at(2);
       found.erase(found.find_last_not_of(' ') + 1);
       EXPECT_EQ(found, want("failure", found));
     }
-    auto apic = c.want.equal_range("apic");
     for (uint32_t i = 0; t != nullptr && i < t->count && apic.first != apic.second; ++i) {
       const vepra_cpu_logical_t &p = t->processors[i];
       char ids[64];
