@@ -402,7 +402,10 @@ VEPRA_API vepra_error_t *vepra_obj_connect(vepra_obj_t *src, unsigned code,
  *  dest null every destination; with callback null every slot of dest;
  *  else the first slot of dest with that callback or a disabled one. On a
  *  busy signal it is queued and the matching slots are disabled at once.
- *  Anything missing is ignored.
+ *  Anything missing is ignored. Disconnecting signal 1 (or every signal)
+ *  of src from dest also drops src's automatic disconnection slot towards
+ *  dest: dest is then no longer told when src is destroyed, so dest's own
+ *  connections towards src must be dropped before src goes.
  *  @param[in,out] src object whose signal is disconnected, or null
  *  @param code the signal's code, or negative for every signal
  *  @param dest destination to disconnect, or null for all
