@@ -102,8 +102,8 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
       {"a\x1b[\xc3\xa9\x1bO\x7f\r", VEPRA_RI_READ_ERROR, 0, "a"},  // no byte is lost
       {"ab\x1b[?1DX\r", VEPRA_RI_READ_ERROR, 0, "aXb"},            // '?' is a parameter byte
       {"ab\x1b[D\x1b[39~\r", VEPRA_RI_READ_ERROR, 0, "ab"},        // 39, not Delete (3)
-      {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
       {"\x04", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, ""},
+      {"ab\x03", VEPRA_RI_END_OF_INPUT, VEPRA_E_CONSOLE_HALTED, "ab"},
   };
   vepra_ri_readline_t *rl = make("> ", 0);
   testing::internal::CaptureStdout();
@@ -111,6 +111,7 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
     EXPECT_EQ(read_keys(rl, bytes, last), std::to_string(code) + "|" + line) << bytes;
   vepra_ri_readline_set_reader(rl, nullptr, nullptr);
   EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
+  EXPECT_STREQ(rl->line, "") << "no reader leaves an empty line";
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "drawn with echo off";
   vepra_ri_readline_terminate(rl);
 }
