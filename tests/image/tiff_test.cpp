@@ -155,12 +155,14 @@ TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
     EXPECT_EQ(pixels(), want);
     EXPECT_EQ(img_.data8 == nullptr && img_.data16 == nullptr, want.empty());
     if (cols.size() < 3) continue;
-    char bits[40];
-    std::snprintf(bits, sizeof bits, "%u,%u,%u", img_.bits_per_sample[0], img_.bits_per_sample[1],
-                  img_.bits_per_sample[2]);
-    EXPECT_EQ(bits, cols[2]);
+    const uint32_t *bits = img_.bits_per_sample;
+    char kept[200];
+    std::snprintf(kept, sizeof kept, "%u,%u,%u %d %d %g %g %u %u %d %s", bits[0], bits[1], bits[2],
+                  img_.photometric, img_.res_unit, img_.xres, img_.yres, img_.compression,
+                  img_.planar_config, img_.strip_count, img_.software ? img_.software : "-");
+    EXPECT_EQ(kept, cols[2]);
   }
-  EXPECT_EQ(rows, 43);
+  EXPECT_EQ(rows, 47);
 }
 
 // PackBits that ends where the next header would be is short, whatever
@@ -231,36 +233,19 @@ TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
   std::filesystem::remove(fifo);
 }
 
-TEST_F(TiffTest, DirectoryFieldsAreKept) {
-  // Resolutions end up in pixels per inch: 600/2 and 300/1 without a unit,
-  // per inch and per centimetre.
-  for (auto [name, unit, want] : {std::tuple{"resolution_no_unit.tif", -1, 300.0},
-                                  {"resolution_unit_2.tif", 2, 300.0},
-                                  {"resolution_unit_3.tif", 3, 762.0}}) {
-    read_ok(data_file(name));
-    EXPECT_EQ(std::tuple(img_.res_unit, img_.xres, img_.yres), std::tuple(unit, want, want));
-  }
+// The information pass reads the fields of tiff_reads.tsv but no pixels,
+// and vepra_img_free keeps the type; 762 pixels per inch are 30 per mm.
+TEST_F(TiffTest, InformationPassAndResolutionInMillimetres) {
+  ASSERT_EQ(vepra_img_read_tiff_info(data_file("two_directories.tif").c_str(), &img_), nullptr);
+  EXPECT_EQ(std::tuple(img_.data8, img_.software[0], img_.compression),
+            std::tuple(nullptr, 'a', 5u));
+  vepra_img_free(&img_);
+  EXPECT_TRUE(owns_nothing(img_));
+  EXPECT_EQ(img_.type, 1u);
+  read_ok(data_file("resolution_unit_3.tif"));
   double xmm = 0, ymm = 0;
   EXPECT_EQ(vepra_img_get_resmm(&img_, &xmm, &ymm), nullptr);
   EXPECT_EQ(std::pair(xmm, ymm), std::pair(30.0, 30.0));
-
-  // Two directories with strip arrays and Software text: the second's
-  // replace the first's (a leak would show under the leak checker), the
-  // photometric interpretation is kept from the first, unknown tags are
-  // skipped, and LZW is read as raw bytes all the same.
-  const std::string two = data_file("two_directories.tif");
-  vepra_img_free(&img_);
-  ASSERT_EQ(vepra_img_read_tiff_info(two.c_str(), &img_), nullptr);
-  EXPECT_EQ(img_.data8, nullptr);  // the information pass reads no pixels
-  EXPECT_STREQ(img_.software, "ab");
-  EXPECT_EQ(std::tuple(img_.type, img_.compression, img_.planar_config, img_.photometric,
-                       img_.strip_count),
-            std::tuple(1u, 5u, 2u, 1, 1));
-  vepra_img_free(&img_);
-  EXPECT_TRUE(owns_nothing(img_));
-  EXPECT_EQ(img_.type, 1u);  // kept by vepra_img_free
-  read_ok(two);
-  EXPECT_EQ(pixels(), (Samples{9, 8, 7}));
 }
 
 // ---------------------------------------------------------------- writing
@@ -327,13 +312,8 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   fs::create_symlink("scan.tif", link);
   read_ok(data_file("written_8bit.tif"));
   double r0[3] = {1, 2, 3}, r1[3] = {4, 5, 6}, *rows[2] = {r0, r1};
-  auto entries = [&] {
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  };
-  const std::vector<std::string> both{"link.tif", "scan.tif"};
+  // The link and its target only: no temporary file left, nothing created.
+  auto entries = [&] { return std::distance(fs::directory_iterator(dir), {}); };
   auto chain = [](const std::string &context) {
     return "Error(120032): " + context + " \nError(120032): Cannot write to IO stream. ";
   };
@@ -357,7 +337,7 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
       EXPECT_NE(vepra_img_write_tiff(fresh.c_str(), &img_), nullptr);
       vepra::testing::fail_tiff_output_after(-1);
       EXPECT_EQ(load(target), old);
-      EXPECT_EQ(entries(), both);  // no temporary file left, nothing created
+      EXPECT_EQ(entries(), 2);
     }
   }
   // A successful write through the link replaces its target, keeping the
@@ -366,7 +346,7 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(load(target), load(data_file("written_8bit.tif")));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0640));
-  EXPECT_EQ(entries(), both);
+  EXPECT_EQ(entries(), 2);
   // A dangling link creates its target, with the mode of a new file.
   fs::remove(target);
   const mode_t mask = umask(022);
@@ -449,12 +429,11 @@ void write_libtiff(const std::string &path, const Shape &s) {
     // Later pages are smaller, as pyramid levels are.
     const uint32_t width = s.width >> p, height = s.height >> p;
     const Samples v = make_samples(width, height, s.bits, p);
-    const std::pair<int, uint32_t> base[] = {{TIFFTAG_IMAGEWIDTH, width},
-                                             {TIFFTAG_IMAGELENGTH, height},
-                                             {TIFFTAG_BITSPERSAMPLE, s.bits},
-                                             {TIFFTAG_PHOTOMETRIC, s.photometric},
-                                             {TIFFTAG_COMPRESSION, s.compression}};
-    for (auto [tag, value] : base) TIFFSetField(t, tag, value);
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, s.bits);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, s.photometric);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, s.compression);
     if (s.predictor != PREDICTOR_NONE) TIFFSetField(t, TIFFTAG_PREDICTOR, s.predictor);
     if (s.rows_per_strip != 0) TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, s.rows_per_strip);
     if (s.tile != 0) {
@@ -702,7 +681,7 @@ TEST_F(TiffTest, TruncatedStripsAreRefused) {
 // Page counts and the checks of the reader with flags and pages: reserved
 // flags, pages beyond the end, directories that loop.
 TEST_F(TiffTest, PagesAndFlags) {
-  const std::string path = temp_path("pages.tif");
+  std::string path = temp_path("pages.tif");
   Shape s;
   uint32_t pages = 0;
   write_libtiff(path, s);
@@ -731,15 +710,9 @@ TEST_F(TiffTest, PagesAndFlags) {
   ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, 0, 0), nullptr);
   EXPECT_EQ(img_.width, 37u / 4);
   vepra_img_free(&img_);
-  // The last directory pointing back at the first.
-  Bytes b = load(path);
-  auto u32 = [&](size_t at) {
-    return uint32_t(b[at] | b[at + 1] << 8 | b[at + 2] << 16 | b[at + 3] << 24);
-  };
-  auto next = [&](size_t at) { return at + 2 + 12 * size_t(b[at] | b[at + 1] << 8); };
-  const size_t third = u32(next(u32(next(u32(4)))));
-  std::memcpy(&b[next(third)], &b[4], 4);
-  save("pages.tif", b);
+  // That file as libtiff writes it, its last directory pointing back at the
+  // first.
+  path = data_file("three_pages_looping.tif");
   EXPECT_EQ(take_printed(vepra_img_page_count(path.c_str(), &pages)),
             "Error(120152): Cannot count TIFF pages. \nError(120152): TIFF directories loop or "
             "repeat their data ");
