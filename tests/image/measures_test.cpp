@@ -22,10 +22,12 @@ namespace {
 
 using vepra_test::take_printed;
 
-// An image record with its own pixel matrix, filled with random samples
-// (runs of equal values, both extremes present), and a row-major copy of them.
+// An image record with its own pixel matrix and a row-major copy of its
+// samples: random ones (runs of equal values, both extremes present), or
+// all equal to fill.
 struct Image {
-  Image(uint32_t height, uint32_t width, uint32_t bits, int32_t photometric, uint32_t pattern = 0)
+  Image(uint32_t height, uint32_t width, uint32_t bits, int32_t photometric, uint32_t pattern = 0,
+        int fill = -1)
       : full(bits == 8 ? 255 : 65535), samples(size_t{height} * width) {
     rec.height = height, rec.width = width, rec.samples_per_pixel = 1;
     rec.bits_per_sample[0] = bits, rec.photometric = photometric;
@@ -40,19 +42,13 @@ struct Image {
     for (uint32_t i = 0; i < samples.size(); ++i) {
       if (rng() % 4 != 0) v = rng() % (full + 1);
       if (rng() % 50 == 0) v = rng() % 2 == 0 ? 0 : full;
-      set(i, v);
+      samples[i] = fill < 0 ? v : uint32_t(fill);
+      if (bits == 8) rec.data8[i / width][i % width] = uint8_t(samples[i]);
+      if (bits == 16) rec.data16[i / width][i % width] = uint16_t(samples[i]);
     }
   }
   Image(const Image &) = delete;
   ~Image() { vepra_img_free(&rec); }
-  void set(uint32_t i, uint32_t v) {
-    const uint32_t r = i / rec.width, c = i % rec.width;
-    samples[i] = v;
-    if (rec.data8 != nullptr)
-      rec.data8[r][c] = static_cast<uint8_t>(v);
-    else
-      rec.data16[r][c] = static_cast<uint16_t>(v);
-  }
 
   vepra_img_t rec{};
   uint32_t full;
@@ -369,8 +365,7 @@ TEST_F(MeasuresTest, RegionsAgreeWithBruteForceAndClipAtEveryBorder) {
 // Large regions of an even image against their analytic areas, and the
 // PSL sums against the formula of vepra_img_calc_fujiri.
 TEST_F(MeasuresTest, RegionAreasAndPslAreAnalytic) {
-  Image img(700, 700, 16, 1);
-  for (uint32_t i = 0; i < img.samples.size(); ++i) img.set(i, 1000);
+  Image img(700, 700, 16, 1, 0, 1000);
   const vepra_img_plate_t plate{50, 4000, 5};
   const vepra_img_measure_t m =
       measured(img, {VEPRA_IMG_ROI_CIRCLE, 350.3, 349.8, 200, 0, 220, 300}, &plate);

@@ -187,30 +187,19 @@ TEST(Raster, ExtremeCoordinatesStayInRange) {
   EXPECT_EQ(vepra_img_ellipser_waa(INT_MAX - 6, 0, INT_MAX, 9, weighed, nullptr, -3.0), nullptr);
   EXPECT_EQ(vepra_img_circle_waa(0, 0, 5, weighed, nullptr, std::nan("")), nullptr);
 
-  // Near either end, a shape gives the pixels of the same shape drawn at
+  // Near either end, a circle gives the pixels of the same circle drawn at
   // the origin, moved there, less those past the end (none wrap around).
-  using Pixels = std::set<std::pair<long long, long long>>;
-  auto collect = [](int x, int y, void *data, double) -> vepra_error_t * {
-    static_cast<Pixels *>(data)->insert({x, y});
-    return nullptr;
-  };
-  auto moved = [](const Pixels &from, long long dx, long long dy) {
-    Pixels out;
-    for (auto [x, y] : from)
-      if (std::min(x + dx, y + dy) >= INT_MIN && std::max(x + dx, y + dy) <= INT_MAX)
-        out.insert({x + dx, y + dy});
-    return out;
-  };
-  using Draw = vepra_error_t *(*)(int, int, int, vepra_img_pixel_fn, void *);
-  for (Draw draw : {static_cast<Draw>(vepra_img_circle), static_cast<Draw>(vepra_img_circle_aa)}) {
-    Pixels at_origin;
-    ASSERT_EQ(draw(0, 0, 3, collect, &at_origin), nullptr);
+  for (const char *name : {"circle", "circle_aa"}) {
+    const auto at_origin = positions(pixels_of(draw_for(name, {0, 0, 3, 0, 0}, 0)));
     for (long long end : {INT_MIN + 1LL, INT_MAX - 1LL}) {
-      Pixels along_x, along_y;
-      ASSERT_EQ(draw(static_cast<int>(end), 0, 3, collect, &along_x), nullptr);
-      ASSERT_EQ(draw(0, static_cast<int>(end), 3, collect, &along_y), nullptr);
-      EXPECT_EQ(along_x, moved(at_origin, end, 0)) << end;
-      EXPECT_EQ(along_y, moved(at_origin, 0, end)) << end;
+      for (auto [dx, dy] : {std::pair{end, 0LL}, std::pair{0LL, end}}) {
+        std::multiset<std::pair<long long, long long>> moved;
+        for (auto [x, y] : at_origin) {
+          if (std::min(x + dx, y + dy) >= INT_MIN && std::max(x + dx, y + dy) <= INT_MAX)
+            moved.insert({x + dx, y + dy});
+        }
+        EXPECT_EQ(positions(pixels_of(draw_for(name, {dx, dy, 3, 0, 0}, 0))), moved) << name << end;
+      }
     }
   }
 }

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -128,8 +127,6 @@ class TiffTest : public vepra_test::LibraryTest {
   vepra_img_t img_{};
 };
 
-// ---------------------------------------------------------------- reading
-
 // Every hand-built file of the list reads as listed: its failure with the
 // whole chain and nothing left owned, or its pixels and depths.
 TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
@@ -166,8 +163,10 @@ TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
 }
 
 // PackBits that ends where the next header would be is short, whatever
-// bytes follow the strip in memory.
-TEST(PackBits, InputEndingAtAHeaderIsShort) {
+// bytes follow the strip in memory. An LZW code for the string being
+// defined (the previous string and its own first byte) that meets the end
+// of the strip is cut there: nothing is written past the strip.
+TEST(Decoders, StopAtTheEndOfTheStrip) {
   namespace tiff = vepra::detail::tiff;
   using tiff::Decoded;
   const uint8_t bytes[] = {0x00, 'A', 0x00, 'B', 0xFF, 'C'};
@@ -178,17 +177,10 @@ TEST(PackBits, InputEndingAtAHeaderIsShort) {
     EXPECT_EQ(tiff::decode_packbits(in, std::span(out, used / 2 + 1)), Decoded::kShort);
     EXPECT_EQ(tiff::decode_packbits_rows(in, rows, 2, used / 2), Decoded::kShort) << used;
   }
-}
-
-// A code for the string being defined (the previous string and its own
-// first byte) that meets the end of the strip is cut there: nothing is
-// written past the strip.
-TEST(Lzw, SelfReferenceStopsAtTheEndOfTheStrip) {
-  namespace tiff = vepra::detail::tiff;
   // 9-bit codes: clear, 'A', 'B', 259 ("BB", being defined), end.
-  const uint8_t in[] = {0x80, 0x10, 0x48, 0x50, 0x38, 0x08};
+  const uint8_t lzw[] = {0x80, 0x10, 0x48, 0x50, 0x38, 0x08};
   uint8_t out[4] = {0, 0, 0, 'z'};  // a strip of 3 bytes and a guard
-  EXPECT_EQ(tiff::decode_lzw(in, std::span(out, 3)), tiff::Decoded::kOk);
+  EXPECT_EQ(tiff::decode_lzw(lzw, std::span(out, 3)), Decoded::kOk);
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(out), 4), "ABBz");
 }
 
@@ -247,8 +239,6 @@ TEST_F(TiffTest, InformationPassAndResolutionInMillimetres) {
   EXPECT_EQ(vepra_img_get_resmm(&img_, &xmm, &ymm), nullptr);
   EXPECT_EQ(std::pair(xmm, ymm), std::pair(30.0, 30.0));
 }
-
-// ---------------------------------------------------------------- writing
 
 // The writer's files are compared with hand-built ones: one directory of
 // ten entries, the Software text at 134, the samples at 146.
@@ -391,8 +381,6 @@ TEST_F(TiffTest, DoubleArraysAreScaledToSixteenBits) {
   ASSERT_EQ(vepra_img_darr_to_tiff(path.c_str(), nullptr, 3, 0), nullptr);
   EXPECT_EQ(load(path), load(data_file("written_0x3.tif")));
 }
-
-// ------------------------------------------------------------ with libtiff
 
 // A file libtiff writes, one plane of make_samples() per page.
 struct Shape {
@@ -654,13 +642,11 @@ TEST_F(TiffTest, TruncatedStripsAreRefused) {
     s.width = 16, s.height = 8, s.rows_per_strip = 8, s.compression = compression;
     s.predictor = compression == COMPRESSION_NONE ? PREDICTOR_NONE : PREDICTOR_HORIZONTAL;
     write_libtiff(path, s);
-    const Bytes good = load(path);
-    Bytes b = good;
+    Bytes b = load(path);
     const uint32_t length = get_value(b, 279);
     ASSERT_GT(length, 0u);
     uint32_t refusals = 0;
     for (uint32_t cut = 0; cut < length; ++cut) {
-      b = good;
       set_value(b, 279, cut);
       save("cut.tif", b);
       vepra_img_free(&img_);
@@ -721,8 +707,6 @@ TEST_F(TiffTest, PagesAndFlags) {
   EXPECT_EQ(img_.width, 37u / 4);
   vepra_img_free(&img_);
 }
-
-// ----------------------------------------------------- allocation failures
 
 TEST_F(TiffTest, EveryAllocationFailureIsReported) {
   // 3 x 2 16-bit in three strips (the last empty), with Software text.
