@@ -1,7 +1,5 @@
-// TIFF reading and writing: hand-built files for each failure and edge case
-// (tests/data/image), byte-exact output, libtiff as the peer both ways
-// (every compression, layout, byte order and page it writes, and edits of
-// its files), allocation failures.
+// TIFF reading and writing: hand-built files (tests/data/image), byte-exact
+// output, libtiff as the peer both ways, allocation failures.
 #include <sys/stat.h>
 #include <tiffio.h>
 
@@ -162,10 +160,9 @@ TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
   EXPECT_EQ(rows, 47);
 }
 
-// PackBits that ends where the next header would be is short, whatever
-// bytes follow the strip in memory. An LZW code for the string being
-// defined (the previous string and its own first byte) that meets the end
-// of the strip is cut there: nothing is written past the strip.
+// PackBits ending where the next header would be is short, whatever bytes
+// follow the strip in memory; an LZW code for the string being defined that
+// meets the end of the strip is cut there, nothing written past it.
 TEST(Decoders, StopAtTheEndOfTheStrip) {
   namespace tiff = vepra::detail::tiff;
   using tiff::Decoded;
@@ -200,8 +197,7 @@ TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
     return vepra_img_read_ex(path.c_str(), &img, kStrict | VEPRA_IMG_READ_UNITLESS, 0);
   };
   const std::pair<vepra_error_t *, std::string> cases[] = {
-      // The information pass takes a file that is not TIFF for an unknown
-      // type, which the general reader refuses.
+      // Not TIFF to the information pass: an unknown type to the general reader.
       {vepra_img_read(motorola.c_str(), &img_), "Error(120154): Image type is unknown. "},
       {vepra_img_read(missing.c_str(), &img_), info + open},
       {vepra_img_read_tiff(missing.c_str(), &img_), failed("Error(120030): " + open)},
@@ -261,9 +257,8 @@ TEST_F(TiffTest, WrittenLayoutIsByteExact) {
   img.width = 2, img.height = 1, img.bits_per_sample[0] = 12, img.samples_per_pixel = 3;
   ASSERT_EQ(vepra_img_write_tiff(path.c_str(), &img), nullptr);
   EXPECT_EQ(load(path), load(data_file("written_12bit.tif")));
-  // 8-bit records without their rows: the largest whose samples the 32-bit
-  // strip fields still place after the header (2^32 - 1 - 234 bytes) is
-  // refused only for want of rows, not dereferenced; one byte more is too large.
+  // 8-bit records without rows: the largest the 32-bit strip fields can place
+  // (2^32 - 1 - 234 bytes) is refused for want of rows; one byte more is too large.
   img.bits_per_sample[0] = 8;
   for (auto [w, h, code, why] : {std::tuple{78331u, 54831u, 120020, "has no pixel rows"},
                                  {152266u, 28207u, 120152, "is too large for a TIFF file"}}) {
@@ -308,9 +303,8 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
     return "Error(120032): " + context + " \nError(120032): Cannot write to IO stream. ";
   };
   const Bytes old{'o', 'l', 'd'};
-  // The files are 152 and 158 bytes: room for none, part of the header, all
-  // but the pixels, all but one byte of the first; or all of it with the
-  // closing failing.
+  // Room for none of the 152 and 158 bytes, part of the header, all but the
+  // pixels, all but one byte of the first; or all of it, the closing failing.
   for (auto [room, close_fails] :
        {std::pair{0ll, false}, {100ll, false}, {146ll, false}, {151ll, false}, {152ll, true}}) {
     for (const std::string &path : {target, link}) {
@@ -397,8 +391,7 @@ struct Shape {
   std::function<void(TIFF *)> fields{};  // set after the shape's
 };
 
-// Samples of a page, row-major: smooth enough to compress, noisy enough to
-// reach every decoder path. A prefix of rows is the same for any height.
+// Samples of a page, row-major, smooth and noisy; the same rows at any height.
 Samples make_samples(uint32_t width, uint32_t height, uint16_t bits, int page) {
   std::mt19937 rng(1234u + static_cast<unsigned>(page) * 77u + width);
   Samples v(size_t{width} * height);
@@ -455,10 +448,9 @@ void write_libtiff(const std::string &path, const Shape &s) {
   }
 }
 
-// Every compression, predictor, strip and tile layout, byte order, BigTIFF,
-// depth and page that libtiff writes is decoded pixel-exact. The classic
-// little-endian uncompressed files also read without the decoder, and what
-// was read writes back into a file libtiff reads the same.
+// Every compression, predictor, layout, byte order, BigTIFF, depth and page
+// libtiff writes is decoded pixel-exact, and written back the same to libtiff;
+// the classic little-endian uncompressed files also read without the decoder.
 TEST_F(TiffTest, ReadsWhatLibtiffWritesPixelExact) {
   const std::string path = temp_path("combo.tif"), ours = temp_path("ours.tif");
   const uint16_t compressions[] = {COMPRESSION_NONE,    COMPRESSION_LZW,  COMPRESSION_ADOBE_DEFLATE,
@@ -543,10 +535,8 @@ void set_palette(TIFF *t, uint16_t bits, const std::string &kind) {
   TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data(), blue.data());
 }
 
-// Edits of small libtiff files and what each reading mode makes of them
-// (see libtiff_edits.tsv): defaults, gray palettes, strips that expand
-// beyond their rows, the flags that skip pixels or resolution units, and
-// fields the strict reader refuses naming the value.
+// Edits of small libtiff files and what each reading mode makes of them, as
+// libtiff_edits.tsv lists.
 TEST_F(TiffTest, EditedLibtiffFilesReadAsListed) {
   const std::string path = temp_path("edit.tif");
   // "KEY=VALUE KEY=VALUE", or "-" for none.
@@ -630,9 +620,8 @@ TEST_F(TiffTest, EditedLibtiffFilesReadAsListed) {
   EXPECT_EQ(rows, 29);
 }
 
-// One single-strip file of each compression, its strip cut short at every
-// length: the read fails as incomplete or malformed, or gives the whole
-// image where only an end code or a checksum was cut.
+// A strip of each compression cut short at every length fails as incomplete
+// or malformed, or gives the whole image where only an end code or a checksum was cut.
 TEST_F(TiffTest, TruncatedStripsAreRefused) {
   const std::string path = temp_path("cut.tif");
   for (uint16_t compression : {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
@@ -696,8 +685,7 @@ TEST_F(TiffTest, PagesAndFlags) {
   ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, 0, 0), nullptr);
   EXPECT_EQ(img_.width, 37u / 4);
   vepra_img_free(&img_);
-  // That file as libtiff writes it, its last directory pointing back at the
-  // first.
+  // That file with its last directory pointing back at the first.
   path = data_file("three_pages_looping.tif");
   EXPECT_EQ(take_printed(vepra_img_page_count(path.c_str(), &pages)),
             "Error(120152): Cannot count TIFF pages. \nError(120152): TIFF directories loop or "
