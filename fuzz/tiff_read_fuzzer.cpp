@@ -1,6 +1,5 @@
-// Feeds arbitrary bytes to the general image reader. The reader works on
-// stdio streams by path, so each input is written to one scratch file that
-// is rewritten in place for every run.
+// Feeds arbitrary bytes to the image readers, which work on stdio streams by
+// path: each input is written to one scratch file, rewritten in place per run.
 #include <cstdint>
 
 #include "fuzz_common.hpp"
@@ -46,9 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   vepra_fuzz::initialize();
   if (!vepra_fuzz::write_input(data, size)) return 0;
   read_and_check(-1);
-  // The flagged reads: the plain one chosen by the header's fourth byte,
-  // which the plain readers do not look at, then the decoding reads of
-  // pages 0 and 1 and of the directory alone.
+  // The plain flagged read chosen by the header's fourth byte (which readers do
+  // not look at), then the decoding reads of pages 0 and 1 and of the directory.
   read_and_check(size > 3 ? data[3] & 7 : 0);
   read_and_check(VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_UNITLESS);
   read_and_check(VEPRA_IMG_READ_STRICT | VEPRA_IMG_READ_HEADER);

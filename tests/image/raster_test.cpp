@@ -38,8 +38,7 @@ std::vector<Pixel> pixels_of(const Draw &draw) {
   return out;
 }
 
-// The drawing a line of the reference file names, with its arguments; also
-// the public wide-stroke drawings, which the reference file does not hold.
+// The drawing a line of the reference file (or a test) names, with its arguments.
 Draw draw_for(const std::string &name, const long long (&v)[5], double width) {
   const int a = static_cast<int>(v[0]), b = static_cast<int>(v[1]), c = static_cast<int>(v[2]),
             d = static_cast<int>(v[3]);
@@ -64,10 +63,9 @@ Draw draw_for(const std::string &name, const long long (&v)[5], double width) {
   };
 }
 
-// The reference reports intensities 0..255 (0 full) truncated to integers
-// from floats; the library reports weights 1 - intensity / 255 in doubles,
-// and leaves out neighbour pixels of weight 0 that the reference reports at
-// intensity 255. Sequences must agree pixel for pixel otherwise.
+// The reference reports intensities 0..255 (0 full) truncated from floats, the
+// library weights 1 - intensity / 255 in doubles, leaving out the neighbours of
+// weight 0 the reference reports at 255; otherwise they agree pixel for pixel.
 TEST(Raster, MatchesTheReferenceSequences) {
   gzFile file = gzopen(VEPRA_TEST_DATA_DIR "/raster_reference.txt.gz", "rb");
   ASSERT_NE(file, nullptr);
@@ -117,8 +115,7 @@ std::multiset<std::pair<long long, long long>> positions(const std::vector<Pixel
   return s;
 }
 
-// Circles of radius 0 and 1 and thin ellipses are among the reference
-// sequences; these are the cases the reference rasterisers do not cover.
+// The cases the reference rasterisers do not cover.
 TEST(Raster, DocumentedEdgeCases) {
   auto drawn = [](const char *name, int a, int b, int c, int d, double width) {
     return pixels_of(draw_for(name, {a, b, c, d, 0}, width));
@@ -137,17 +134,15 @@ TEST(Raster, DocumentedEdgeCases) {
           << x0 << "," << y0 << " width " << width;
     }
   }
-  // Degenerate rectangles give the straight line between the corners, in
-  // either direction (leftwards here at negative x).
+  // Degenerate rectangles give the line between the corners, either way.
   for (double width : {1.0, 4.0}) {
     for (int step : {1, -1}) {
       const int from = step > 0 ? 0 : -1;
       const auto line = drawn("internal", from, 2, from + 7 * step, 2, width);
       ASSERT_EQ(line.size(), 8u);
       for (size_t k = 0; k < line.size(); ++k) {
-        EXPECT_EQ(line[k].x, from + step * static_cast<long long>(k));
-        EXPECT_EQ(line[k].y, 2);
-        EXPECT_EQ(line[k].weight, 1.0);
+        EXPECT_EQ(std::tuple(line[k].x, line[k].y, line[k].weight),
+                  std::tuple(from + step * static_cast<long long>(k), 2LL, 1.0));
       }
     }
   }
@@ -158,8 +153,7 @@ vepra_error_t *refuse(int, int, void *data, double) {
   return vepra_error_create_i(0, 7, 0, nullptr, nullptr, nullptr, "stop");
 }
 
-// Every drawing stops at the first pixel its callback refuses and hands
-// back that error.
+// Every drawing stops at the first pixel its callback refuses, with its error.
 TEST(Raster, CallbackErrorStopsAtTheFirstPixel) {
   ASSERT_EQ(vepra_initialize(), 0);
   for (const char *name : {"circle", "circle_aa", "circle_waa", "ellipse", "ellipser", "ellipse_aa",
@@ -167,14 +161,12 @@ TEST(Raster, CallbackErrorStopsAtTheFirstPixel) {
     int calls = 0;
     vepra_test::Chain e(draw_for(name, {0, 0, 9, 4, 0}, 3)(refuse, &calls));
     ASSERT_NE(e, nullptr) << name;
-    EXPECT_EQ(e->code, 7);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(std::pair(e->code, calls), std::pair(7, 1));
   }
   vepra_terminate();
 }
 
-// Shapes at the ends of the int range neither overflow (the sanitizers
-// watch) nor report a pixel outside it.
+// Shapes at the ends of the int range neither overflow nor leave the range.
 TEST(Raster, ExtremeCoordinatesStayInRange) {
   auto weighed = [](int, int, void *, double w) -> vepra_error_t * {
     EXPECT_FALSE(std::isnan(w));
@@ -187,30 +179,19 @@ TEST(Raster, ExtremeCoordinatesStayInRange) {
   EXPECT_EQ(vepra_img_ellipser_waa(INT_MAX - 6, 0, INT_MAX, 9, weighed, nullptr, -3.0), nullptr);
   EXPECT_EQ(vepra_img_circle_waa(0, 0, 5, weighed, nullptr, std::nan("")), nullptr);
 
-  // Near either end, a shape gives the pixels of the same shape drawn at
+  // Near either end, a circle gives the pixels of the same circle drawn at
   // the origin, moved there, less those past the end (none wrap around).
-  using Pixels = std::set<std::pair<long long, long long>>;
-  auto collect = [](int x, int y, void *data, double) -> vepra_error_t * {
-    static_cast<Pixels *>(data)->insert({x, y});
-    return nullptr;
-  };
-  auto moved = [](const Pixels &from, long long dx, long long dy) {
-    Pixels out;
-    for (auto [x, y] : from)
-      if (std::min(x + dx, y + dy) >= INT_MIN && std::max(x + dx, y + dy) <= INT_MAX)
-        out.insert({x + dx, y + dy});
-    return out;
-  };
-  using Draw = vepra_error_t *(*)(int, int, int, vepra_img_pixel_fn, void *);
-  for (Draw draw : {static_cast<Draw>(vepra_img_circle), static_cast<Draw>(vepra_img_circle_aa)}) {
-    Pixels at_origin;
-    ASSERT_EQ(draw(0, 0, 3, collect, &at_origin), nullptr);
+  for (const char *name : {"circle", "circle_aa"}) {
+    const auto at_origin = positions(pixels_of(draw_for(name, {0, 0, 3, 0, 0}, 0)));
     for (long long end : {INT_MIN + 1LL, INT_MAX - 1LL}) {
-      Pixels along_x, along_y;
-      ASSERT_EQ(draw(static_cast<int>(end), 0, 3, collect, &along_x), nullptr);
-      ASSERT_EQ(draw(0, static_cast<int>(end), 3, collect, &along_y), nullptr);
-      EXPECT_EQ(along_x, moved(at_origin, end, 0)) << end;
-      EXPECT_EQ(along_y, moved(at_origin, 0, end)) << end;
+      for (auto [dx, dy] : {std::pair{end, 0LL}, std::pair{0LL, end}}) {
+        std::multiset<std::pair<long long, long long>> moved;
+        for (auto [x, y] : at_origin) {
+          if (std::min(x + dx, y + dy) >= INT_MIN && std::max(x + dx, y + dy) <= INT_MAX)
+            moved.insert({x + dx, y + dy});
+        }
+        EXPECT_EQ(positions(pixels_of(draw_for(name, {dx, dy, 3, 0, 0}, 0))), moved) << name << end;
+      }
     }
   }
 }

@@ -1,19 +1,16 @@
-// TIFF reading and writing: hand-built files for each failure and edge case
-// (tests/data/image), byte-exact output, libtiff as the peer both ways
-// (every compression, layout, byte order and page it writes, and edits of
-// its files), allocation failures.
+// TIFF reading and writing: hand-built files (tests/data/image), byte-exact
+// output, libtiff as the peer both ways, allocation failures.
 #include <sys/stat.h>
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <limits>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -91,10 +88,9 @@ std::string failed(const std::string &last) {
   return tag + "Cannot read TIFF image. \n" + last;
 }
 
-// The chain a failed vepra_img_read_ex prints.
-std::string refused(int code, const std::string &message) {
-  const std::string tag = code == 0 ? "Error: " : "Error(" + std::to_string(code) + "): ";
-  return tag + "Cannot read image. \n" + tag + "Cannot read TIFF image. \n" + tag + message + " ";
+// The chain a failed vepra_img_read_ex prints, from its last line.
+std::string refused(const std::string &last) {
+  return last.substr(0, last.find(": ") + 2) + "Cannot read image. \n" + failed(last);
 }
 
 class TiffTest : public vepra_test::LibraryTest {
@@ -129,16 +125,14 @@ class TiffTest : public vepra_test::LibraryTest {
   vepra_img_t img_{};
 };
 
-// ---------------------------------------------------------------- reading
-
 // Every hand-built file of the list reads as listed: its failure with the
 // whole chain and nothing left owned, or its pixels and depths.
 TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
-  int rows = 0;
-  for (const auto &cols : vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/image/tiff_reads.tsv")) {
+  const auto table = vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/image/tiff_reads.tsv");
+  EXPECT_EQ(table.size(), 47u);
+  for (const auto &cols : table) {
     ASSERT_GE(cols.size(), 2u) << (cols.empty() ? "" : cols[0]);
     SCOPED_TRACE(cols[0]);
-    ++rows;
     vepra_img_free(&img_);
     vepra_error_t *e = vepra_img_read_tiff(data_file(cols[0]).c_str(), &img_);
     if (cols[1].rfind("pixels ", 0) != 0) {
@@ -149,24 +143,25 @@ TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
     ASSERT_EQ(e, nullptr) << take_printed(e);
     Samples want;
     std::stringstream samples(cols[1].substr(7));
-    for (std::string v; std::getline(samples, v, ',');) {
-      if (v != "none") want.push_back(uint32_t(std::stoul(v)));
-    }
+    for (std::string v; std::getline(samples, v, ',') && v != "none";)
+      want.push_back(uint32_t(std::stoul(v)));
     EXPECT_EQ(img_.type, 1u);
     EXPECT_EQ(pixels(), want);
     EXPECT_EQ(img_.data8 == nullptr && img_.data16 == nullptr, want.empty());
     if (cols.size() < 3) continue;
-    char bits[40];
-    std::snprintf(bits, sizeof bits, "%u,%u,%u", img_.bits_per_sample[0], img_.bits_per_sample[1],
-                  img_.bits_per_sample[2]);
-    EXPECT_EQ(bits, cols[2]);
+    const uint32_t *bits = img_.bits_per_sample;
+    char kept[200];
+    std::snprintf(kept, sizeof kept, "%u,%u,%u %d %d %g %g %u %u %d %s", bits[0], bits[1], bits[2],
+                  img_.photometric, img_.res_unit, img_.xres, img_.yres, img_.compression,
+                  img_.planar_config, img_.strip_count, img_.software ? img_.software : "-");
+    EXPECT_EQ(kept, cols[2]);
   }
-  EXPECT_EQ(rows, 43);
 }
 
-// PackBits that ends where the next header would be is short, whatever
-// bytes follow the strip in memory.
-TEST(PackBits, InputEndingAtAHeaderIsShort) {
+// PackBits ending where the next header would be is short, whatever bytes
+// follow the strip in memory; an LZW code for the string being defined that
+// meets the end of the strip is cut there, nothing written past it.
+TEST(Decoders, StopAtTheEndOfTheStrip) {
   namespace tiff = vepra::detail::tiff;
   using tiff::Decoded;
   const uint8_t bytes[] = {0x00, 'A', 0x00, 'B', 0xFF, 'C'};
@@ -177,17 +172,10 @@ TEST(PackBits, InputEndingAtAHeaderIsShort) {
     EXPECT_EQ(tiff::decode_packbits(in, std::span(out, used / 2 + 1)), Decoded::kShort);
     EXPECT_EQ(tiff::decode_packbits_rows(in, rows, 2, used / 2), Decoded::kShort) << used;
   }
-}
-
-// A code for the string being defined (the previous string and its own
-// first byte) that meets the end of the strip is cut there: nothing is
-// written past the strip.
-TEST(Lzw, SelfReferenceStopsAtTheEndOfTheStrip) {
-  namespace tiff = vepra::detail::tiff;
   // 9-bit codes: clear, 'A', 'B', 259 ("BB", being defined), end.
-  const uint8_t in[] = {0x80, 0x10, 0x48, 0x50, 0x38, 0x08};
+  const uint8_t lzw[] = {0x80, 0x10, 0x48, 0x50, 0x38, 0x08};
   uint8_t out[4] = {0, 0, 0, 'z'};  // a strip of 3 bytes and a guard
-  EXPECT_EQ(tiff::decode_lzw(in, std::span(out, 3)), tiff::Decoded::kOk);
+  EXPECT_EQ(tiff::decode_lzw(lzw, std::span(out, 3)), Decoded::kOk);
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(out), 4), "ABBz");
 }
 
@@ -202,21 +190,19 @@ TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
                     in_dir = "Cannot open file '" + dir + "': it is a directory ",
                     general = "Error(120030): Cannot read image. \nError(120030): ",
                     info = general + "Cannot read TIFF information from file. \nError(120030): ";
-  auto flagged = [](const std::string &path) {
-    vepra_img_t img{};
-    return vepra_img_read_ex(path.c_str(), &img, kStrict | VEPRA_IMG_READ_UNITLESS, 0);
+  auto flagged = [&](const std::string &path) {
+    return vepra_img_read_ex(path.c_str(), &img_, kStrict | VEPRA_IMG_READ_UNITLESS, 0);
   };
   const std::pair<vepra_error_t *, std::string> cases[] = {
-      // The information pass takes a file that is not TIFF for an unknown
-      // type, which the general reader refuses.
+      // Not TIFF to the information pass: an unknown type to the general reader.
       {vepra_img_read(motorola.c_str(), &img_), "Error(120154): Image type is unknown. "},
       {vepra_img_read(missing.c_str(), &img_), info + open},
       {vepra_img_read_tiff(missing.c_str(), &img_), failed("Error(120030): " + open)},
       {vepra_img_read(dir.c_str(), &img_), info + in_dir},
       // A big-endian header is read, but this one's directory is missing.
-      {flagged(motorola), refused(VEPRA_E_IO_READ, "Cannot read IO stream.")},
+      {flagged(motorola), refused("Error(120031): Cannot read IO stream. ")},
       {flagged(dir), general + "Cannot read TIFF image. \nError(120030): " + in_dir},
-      {flagged(fifo), refused(VEPRA_E_IO_READ, "Cannot read IO stream.")},
+      {flagged(fifo), refused("Error(120031): Cannot read IO stream. ")},
   };
   for (const auto &[e, chain] : cases) EXPECT_EQ(take_printed(e), chain);
   EXPECT_TRUE(owns_nothing(img_));
@@ -232,39 +218,19 @@ TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
   std::filesystem::remove(fifo);
 }
 
-TEST_F(TiffTest, DirectoryFieldsAreKept) {
-  // Resolutions end up in pixels per inch: 600/2 and 300/1 without a unit,
-  // per inch and per centimetre.
-  for (auto [name, unit, want] : {std::tuple{"resolution_no_unit.tif", -1, 300.0},
-                                  {"resolution_unit_2.tif", 2, 300.0},
-                                  {"resolution_unit_3.tif", 3, 762.0}}) {
-    read_ok(data_file(name));
-    EXPECT_EQ(std::tuple(img_.res_unit, img_.xres, img_.yres), std::tuple(unit, want, want));
-  }
+// The information pass reads the fields of tiff_reads.tsv but no pixels,
+// and vepra_img_free keeps the type; 762 pixels per inch are 30 per mm.
+TEST_F(TiffTest, InformationPassAndResolutionInMillimetres) {
+  ASSERT_EQ(vepra_img_read_tiff_info(data_file("two_directories.tif").c_str(), &img_), nullptr);
+  EXPECT_EQ(std::tuple(img_.data8, img_.software[0], img_.compression),
+            std::tuple(nullptr, 'a', 5u));
+  vepra_img_free(&img_);
+  EXPECT_TRUE(owns_nothing(img_) && img_.type == 1u);
+  read_ok(data_file("resolution_unit_3.tif"));
   double xmm = 0, ymm = 0;
   EXPECT_EQ(vepra_img_get_resmm(&img_, &xmm, &ymm), nullptr);
   EXPECT_EQ(std::pair(xmm, ymm), std::pair(30.0, 30.0));
-
-  // Two directories with strip arrays and Software text: the second's
-  // replace the first's (a leak would show under the leak checker), the
-  // photometric interpretation is kept from the first, unknown tags are
-  // skipped, and LZW is read as raw bytes all the same.
-  const std::string two = data_file("two_directories.tif");
-  vepra_img_free(&img_);
-  ASSERT_EQ(vepra_img_read_tiff_info(two.c_str(), &img_), nullptr);
-  EXPECT_EQ(img_.data8, nullptr);  // the information pass reads no pixels
-  EXPECT_STREQ(img_.software, "ab");
-  EXPECT_EQ(std::tuple(img_.type, img_.compression, img_.planar_config, img_.photometric,
-                       img_.strip_count),
-            std::tuple(1u, 5u, 2u, 1, 1));
-  vepra_img_free(&img_);
-  EXPECT_TRUE(owns_nothing(img_));
-  EXPECT_EQ(img_.type, 1u);  // kept by vepra_img_free
-  read_ok(two);
-  EXPECT_EQ(pixels(), (Samples{9, 8, 7}));
 }
-
-// ---------------------------------------------------------------- writing
 
 // The writer's files are compared with hand-built ones: one directory of
 // ten entries, the Software text at 134, the samples at 146.
@@ -287,17 +253,17 @@ TEST_F(TiffTest, WrittenLayoutIsByteExact) {
   img.width = 2, img.height = 1, img.bits_per_sample[0] = 12, img.samples_per_pixel = 3;
   ASSERT_EQ(vepra_img_write_tiff(path.c_str(), &img), nullptr);
   EXPECT_EQ(load(path), load(data_file("written_12bit.tif")));
-  // 8-bit records without their rows: the largest whose samples the 32-bit
-  // strip fields still place after the header (2^32 - 1 - 234 bytes) is
-  // refused only for want of rows, not dereferenced; one byte more is too large.
+  // 8-bit records without rows: the largest the 32-bit strip fields can place
+  // (2^32 - 1 - 234 bytes) is refused for want of rows; one byte more is too large.
   img.bits_per_sample[0] = 8;
-  for (auto [w, h, code, why] : {std::tuple{78331u, 54831u, 120020, "has no pixel rows"},
-                                 {152266u, 28207u, 120152, "is too large for a TIFF file"}}) {
+  for (auto [w, h, last] :
+       {std::tuple{78331u, 54831u,
+                   "Error(120020): Image of 78331 x 54831 pixels has no pixel rows "},
+        {152266u, 28207u,
+         "Error(120152): Image of 152266 x 28207 pixels is too large for a TIFF file "}}) {
     img.width = w, img.height = h;
-    const std::string tag = "Error(" + std::to_string(code) + "): ";
     EXPECT_EQ(take_printed(vepra_img_write_tiff(path.c_str(), &img)),
-              tag + "Cannot write TIFF image. \n" + tag + "Image of " + std::to_string(w) + " x " +
-                  std::to_string(h) + " pixels " + why + " ");
+              std::string(last, 15) + "Cannot write TIFF image. \n" + last);
   }
 }
 
@@ -328,20 +294,13 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   fs::create_symlink("scan.tif", link);
   read_ok(data_file("written_8bit.tif"));
   double r0[3] = {1, 2, 3}, r1[3] = {4, 5, 6}, *rows[2] = {r0, r1};
-  auto entries = [&] {
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  };
-  const std::vector<std::string> both{"link.tif", "scan.tif"};
+  // The link and its target only: no temporary file left, nothing created.
+  auto entries = [&] { return std::distance(fs::directory_iterator(dir), {}); };
   auto chain = [](const std::string &context) {
     return "Error(120032): " + context + " \nError(120032): Cannot write to IO stream. ";
   };
-  const Bytes old{'o', 'l', 'd'};
-  // The files are 152 and 158 bytes: room for none, part of the header, all
-  // but the pixels, all but one byte of the first; or all of it with the
-  // closing failing.
+  // Room for none of the 152 and 158 bytes, part of the header, all but the
+  // pixels, all but one byte of the first; or all of it, the closing failing.
   for (auto [room, close_fails] :
        {std::pair{0ll, false}, {100ll, false}, {146ll, false}, {151ll, false}, {152ll, true}}) {
     for (const std::string &path : {target, link}) {
@@ -357,8 +316,8 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
       vepra::testing::fail_tiff_output_after(room, close_fails);
       EXPECT_NE(vepra_img_write_tiff(fresh.c_str(), &img_), nullptr);
       vepra::testing::fail_tiff_output_after(-1);
-      EXPECT_EQ(load(target), old);
-      EXPECT_EQ(entries(), both);  // no temporary file left, nothing created
+      EXPECT_EQ(load(target), Bytes({'o', 'l', 'd'}));
+      EXPECT_EQ(entries(), 2);
     }
   }
   // A successful write through the link replaces its target, keeping the
@@ -367,7 +326,7 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(load(target), load(data_file("written_8bit.tif")));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0640));
-  EXPECT_EQ(entries(), both);
+  EXPECT_EQ(entries(), 2);
   // A dangling link creates its target, with the mode of a new file.
   fs::remove(target);
   const mode_t mask = umask(022);
@@ -380,19 +339,17 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
 }
 
 TEST_F(TiffTest, DoubleArraysAreScaledToSixteenBits) {
-  const double nan = std::numeric_limits<double>::quiet_NaN(),
-               inf = std::numeric_limits<double>::infinity();
   const std::pair<std::vector<std::vector<double>>, Samples> cases[] = {
       {{{-1, 0, 1}}, {0, 32767, 65535}},
       {{{4, 4}, {4, 4}}, {0, 0, 0, 0}},
       {{{1, 2, 3}, {4, 5, 6}}, {0, 13107, 26214, 39321, 52428, 65535}},
-      {{{nan, 10}, {20, nan}}, {0, 0, 65535, 0}},
+      {{{NAN, 10}, {20, NAN}}, {0, 0, 65535, 0}},
       {{{-1e305, 1e305, 0}}, {0, 65535, 32767}},
       // Ranges beyond the largest double; infinities go to the ends.
       {{{-1.7e308, 0, 1, 1.7e308}}, {0, 32767, 32767, 65535}},
       {{{1e306, 2e306}}, {0, 65535}},
-      {{{inf, 1}, {2, -inf}}, {65535, 0, 65535, 0}},
-      {{{inf, 5, nan, -inf}}, {65535, 0, 0, 0}},
+      {{{INFINITY, 1}, {2, -INFINITY}}, {65535, 0, 65535, 0}},
+      {{{INFINITY, 5, NAN, -INFINITY}}, {65535, 0, 0, 0}},
   };
   const std::string path = temp_path("darr.tif");
   for (auto [values, samples] : cases) {
@@ -413,8 +370,6 @@ TEST_F(TiffTest, DoubleArraysAreScaledToSixteenBits) {
   EXPECT_EQ(load(path), load(data_file("written_0x3.tif")));
 }
 
-// ------------------------------------------------------------ with libtiff
-
 // A file libtiff writes, one plane of make_samples() per page.
 struct Shape {
   uint32_t width = 37, height = 23;
@@ -427,12 +382,10 @@ struct Shape {
   const char *order = "l";      // "l" or "b"
   bool bigtiff = false;
   int pages = 1;
-  std::vector<std::pair<int, uint32_t>> tags{};  // set after the shape's
-  std::function<void(TIFF *)> fields{};          // set last
+  std::function<void(TIFF *)> fields{};  // set after the shape's
 };
 
-// Samples of a page, row-major: smooth enough to compress, noisy enough to
-// reach every decoder path. A prefix of rows is the same for any height.
+// Samples of a page, row-major, smooth and noisy; the same rows at any height.
 Samples make_samples(uint32_t width, uint32_t height, uint16_t bits, int page) {
   std::mt19937 rng(1234u + static_cast<unsigned>(page) * 77u + width);
   Samples v(size_t{width} * height);
@@ -451,19 +404,17 @@ void write_libtiff(const std::string &path, const Shape &s) {
     // Later pages are smaller, as pyramid levels are.
     const uint32_t width = s.width >> p, height = s.height >> p;
     const Samples v = make_samples(width, height, s.bits, p);
-    const std::pair<int, uint32_t> base[] = {{TIFFTAG_IMAGEWIDTH, width},
-                                             {TIFFTAG_IMAGELENGTH, height},
-                                             {TIFFTAG_BITSPERSAMPLE, s.bits},
-                                             {TIFFTAG_PHOTOMETRIC, s.photometric},
-                                             {TIFFTAG_COMPRESSION, s.compression}};
-    for (auto [tag, value] : base) TIFFSetField(t, tag, value);
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, s.bits);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, s.photometric);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, s.compression);
     if (s.predictor != PREDICTOR_NONE) TIFFSetField(t, TIFFTAG_PREDICTOR, s.predictor);
     if (s.rows_per_strip != 0) TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, s.rows_per_strip);
     if (s.tile != 0) {
       TIFFSetField(t, TIFFTAG_TILEWIDTH, s.tile);
       TIFFSetField(t, TIFFTAG_TILELENGTH, s.tile);
     }
-    for (auto [tag, value] : s.tags) TIFFSetField(t, tag, value);
     if (s.fields) s.fields(t);
     // Tiles or lines, zero beyond the edges and beyond the first sample.
     const uint32_t tw = s.tile != 0 ? s.tile : width, th = s.tile != 0 ? s.tile : 1;
@@ -491,10 +442,9 @@ void write_libtiff(const std::string &path, const Shape &s) {
   }
 }
 
-// Every compression, predictor, strip and tile layout, byte order, BigTIFF,
-// depth and page that libtiff writes is decoded pixel-exact. The classic
-// little-endian uncompressed files also read without the decoder, and what
-// was read writes back into a file libtiff reads the same.
+// Every compression, predictor, layout, byte order, BigTIFF, depth and page
+// libtiff writes is decoded pixel-exact, and written back the same to libtiff;
+// the classic little-endian uncompressed files also read without the decoder.
 TEST_F(TiffTest, ReadsWhatLibtiffWritesPixelExact) {
   const std::string path = temp_path("combo.tif"), ours = temp_path("ours.tif");
   const uint16_t compressions[] = {COMPRESSION_NONE,    COMPRESSION_LZW,  COMPRESSION_ADOBE_DEFLATE,
@@ -512,10 +462,7 @@ TEST_F(TiffTest, ReadsWhatLibtiffWritesPixelExact) {
     s.photometric = i / 48 % 2 == 0 ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_MINISWHITE;
     s.compression = compressions[i / 96];
     s.pages = 2;
-    SCOPED_TRACE(::testing::Message()
-                 << "compression " << s.compression << " predictor " << s.predictor << " rps "
-                 << s.rows_per_strip << " tile " << s.tile << " order " << s.order << " bigtiff "
-                 << s.bigtiff << " bits " << s.bits);
+    SCOPED_TRACE("combination " + std::to_string(i));
     write_libtiff(path, s);
     uint32_t pages = 0;
     ASSERT_EQ(vepra_img_page_count(path.c_str(), &pages), nullptr);
@@ -561,6 +508,7 @@ uint8_t *entry_of(Bytes &b, uint16_t tag) {
 void set_value(Bytes &b, uint16_t tag, uint32_t value) {
   uint8_t *e = entry_of(b, tag);
   ASSERT_NE(e, nullptr) << tag;
+  if (value > 0xFFFF) e[2] = 4;  // a SHORT entry becomes a LONG one
   const int width = e[2] == 3 ? 2 : 4;
   for (int i = 0; i < width; ++i) e[8 + i] = uint8_t(value >> (8 * i));
 }
@@ -569,175 +517,101 @@ uint32_t get_value(Bytes &b, uint16_t tag) {
   return e == nullptr ? 0 : uint32_t(e[8] | e[9] << 8 | e[10] << 16 | e[11] << 24);
 }
 
-// Edits of small libtiff files and what each reading mode makes of them:
-// defaults, gray palettes, refusals naming the value, strips that expand
-// beyond their rows, and the flags that skip pixels or resolution units.
-TEST_F(TiffTest, EditedLibtiffFiles) {
+// A palette of every level in each channel: gray levels, "reversed" ones,
+// or a "colour" one whose blue differs.
+void set_palette(TIFF *t, uint16_t bits, const std::string &kind) {
+  std::vector<uint16_t> map(size_t{1} << bits), blue(map.size());
+  for (size_t i = 0; i < map.size(); ++i) {
+    map[i] = uint16_t((kind == "reversed" ? map.size() - 1 - i : i) * (bits == 8 ? 257 : 1));
+    blue[i] = kind == "colour" ? uint16_t(i) : map[i];
+  }
+  TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data(), blue.data());
+}
+
+// Edits of small libtiff files and what each reading mode makes of them, as
+// libtiff_edits.tsv lists.
+TEST_F(TiffTest, EditedLibtiffFilesReadAsListed) {
   const std::string path = temp_path("edit.tif");
-  const uint32_t unitless = VEPRA_IMG_READ_UNITLESS, header = VEPRA_IMG_READ_HEADER;
-  struct Case {
-    const char *what;
-    Shape shape;
-    std::function<void(Bytes &)> edit;  // on the written bytes
-    std::string refusal;                // empty: read; "raw": read, not decoded
-    uint32_t flags = kStrict;
-    int code = 0;
-    std::function<uint32_t(uint32_t)> level = [](uint32_t v) { return v; };
+  // "KEY=VALUE KEY=VALUE", or "-" for none.
+  auto pairs = [](const std::string &text) {
+    std::vector<std::pair<std::string, std::string>> out;
+    std::istringstream in(text);
+    for (std::string f; in >> f && f != "-";)
+      out.emplace_back(f.substr(0, f.find('=')), f.substr(f.find('=') + 1));
+    return out;
   };
-  auto two_rows = [](Bytes &b) {
-    set_value(b, TIFFTAG_IMAGELENGTH, 2);
-    set_value(b, TIFFTAG_ROWSPERSTRIP, 2);
-  };
-  auto with = [](Shape s, uint16_t compression) {
-    s.compression = compression;
-    return s;
-  };
-  // An 8- or 16-bit file with a map of the levels, reversed or not, in
-  // every channel or in red and green only.
-  auto paletted = [](uint16_t bits, bool gray, bool reversed) {
+  const auto table = vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/image/libtiff_edits.tsv");
+  EXPECT_EQ(table.size(), 29u);
+  for (const auto &cols : table) {
+    ASSERT_EQ(cols.size(), 4u);
+    SCOPED_TRACE(cols[0] + " | " + cols[1] + " | " + cols[2]);
     Shape s;
-    s.bits = bits;
-    s.photometric = PHOTOMETRIC_PALETTE;
-    s.fields = [=](TIFF *t) {
-      std::vector<uint16_t> map(size_t{1} << bits), blue(map.size());
-      for (size_t i = 0; i < map.size(); ++i) {
-        map[i] = uint16_t((reversed ? map.size() - 1 - i : i) * (bits == 8 ? 257 : 1));
-        blue[i] = gray ? map[i] : uint16_t(i);
-      }
-      TIFFSetField(t, TIFFTAG_COLORMAP, map.data(), map.data(), blue.data());
-    };
-    return s;
-  };
-  // ResolutionUnit 1, as Python's tifffile writes it by default.
-  Shape no_unit;
-  no_unit.fields = [](TIFF *t) {
-    TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
-    TIFFSetField(t, TIFFTAG_XRESOLUTION, 72.0f);
-    TIFFSetField(t, TIFFTAG_YRESOLUTION, 72.0f);
-  };
-  // A 32 x 2048 single strip declared as two rows.
-  const Shape bomb{.width = 32, .height = 2048, .bits = 8, .rows_per_strip = 2048};
-  const Shape plain;
-  const uint16_t lzw = COMPRESSION_LZW, deflate = COMPRESSION_ADOBE_DEFLATE;
-  const int structure = VEPRA_E_TIFF_STRUCTURE;
-  const std::string expands = "TIFF strip 0 holds more than its 64 bytes of pixels",
-                    unit = "Unknown resolution units [1] in TIFF file";
-  const Case cases[] = {
-      {"plain", plain, nullptr, ""},
-      // libtiff, like Pillow, writes no SamplesPerPixel for one sample.
-      {"no SamplesPerPixel", plain,
-       [](Bytes &b) { EXPECT_EQ(entry_of(b, TIFFTAG_SAMPLESPERPIXEL), nullptr); }, ""},
-      {"planar 2, one sample", Shape{.tags = {{TIFFTAG_PLANARCONFIG, 2}}}, nullptr, ""},
-      {"gray palette", paletted(8, true, false), nullptr, ""},
-      {"reversed palette", paletted(8, true, true), nullptr, "", kStrict, 0,
-       [](uint32_t v) { return 255 - v; }},
-      {"16-bit palette", paletted(16, true, true), nullptr, "", kStrict, 0,
-       [](uint32_t v) { return 65535 - v; }},
-      {"colour palette", paletted(8, false, false), nullptr,
-       "TIFF colour palette is not supported: only palettes of gray levels are read (convert the "
-       "image to gray first)"},
-      {"old LZW", with(plain, lzw),
-       [](Bytes &b) { b[get_value(b, 273)] = 0, b[get_value(b, 273) + 1] = 1; },
-       "TIFF compression 5 (LZW) in the old reversed-bit-order variant is not supported (convert "
-       "with: tiffcp -c none IN OUT)"},
-      // The largest TileLength a LONG holds.
-      {"tile length", Shape{.tile = 16},
-       [](Bytes &b) {
-         entry_of(b, TIFFTAG_TILELENGTH)[2] = 4;
-         set_value(b, TIFFTAG_TILELENGTH, 0xFFFFFFFF);
-       },
-       "Invalid TIFF tile size 16 x 4294967295", kStrict, structure},
-      // LZW and PackBits stop at the declared rows, the inflaters report
-      // the excess.
-      {"LZW bomb", with(bomb, lzw), two_rows, ""},
-      {"PackBits bomb", with(bomb, COMPRESSION_PACKBITS), two_rows, ""},
-      {"Deflate bomb", with(bomb, deflate), two_rows, expands + " (Deflate)", kStrict, structure},
-      {"ZSTD bomb", with(bomb, COMPRESSION_ZSTD), two_rows, expands + " (ZSTD)", kStrict,
-       structure},
-      {"unitless", no_unit, nullptr, "", kStrict | unitless},
-      {"unitless header", no_unit, nullptr, "", header | unitless},
-      {"unit 1", no_unit, nullptr, unit, kStrict, structure},
-      {"unit 1 header", no_unit, nullptr, unit, header, structure},
-      {"Deflate header", with(plain, deflate), nullptr, "", kStrict | header},
-      // Without the strict flag compressed strips are read as raw bytes
-      // (the file padded to hold them).
-      {"LZW raw", with(plain, lzw), [](Bytes &b) { b.resize(b.size() + 2048); }, "raw", unitless},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
-    const Shape &s = c.shape;
-    write_libtiff(path, s);
-    if (c.edit) {
-      Bytes b = load(path);
-      c.edit(b);
-      save("edit.tif", b);
+    uint32_t compression = COMPRESSION_NONE;
+    int32_t unit = -1;
+    const auto fields = pairs(cols[0]);
+    for (const auto &[tag, value] : fields) {
+      const auto v = uint32_t(std::strtoul(value.c_str(), nullptr, 10));
+      if (tag == "256") s.width = v;
+      if (tag == "257") s.height = v;
+      if (tag == "258") s.bits = uint16_t(v);
+      if (tag == "259") compression = v;
+      if (tag == "278") s.rows_per_strip = v;
+      if (tag == "296") unit = int32_t(v);
+      if (tag == "322") s.tile = v;
     }
+    s.fields = [&fields, bits = s.bits](TIFF *t) {
+      for (const auto &[tag, value] : fields) {
+        const auto id = uint32_t(std::stoul(tag));
+        if (id == TIFFTAG_COLORMAP) {
+          set_palette(t, bits, value);
+        } else if (id == TIFFTAG_XRESOLUTION || id == TIFFTAG_YRESOLUTION) {
+          TIFFSetField(t, id, std::stod(value));
+        } else {
+          TIFFSetField(t, id, uint32_t(std::stoul(value)));
+        }
+      }
+    };
+    write_libtiff(path, s);
+    Bytes b = load(path);
+    for (const auto &[key, value] : pairs(cols[1])) {
+      if (key == "pad") {
+        b.resize(b.size() + std::stoul(value));
+      } else if (key == "strip") {
+        for (size_t i = 0; i < value.size() / 2; ++i)
+          b[get_value(b, 273) + i] = uint8_t(std::stoul(value.substr(2 * i, 2), nullptr, 16));
+      } else if (value != "none") {
+        set_value(b, uint16_t(std::stoul(key)), uint32_t(std::stoul(value)));
+      } else if (uint8_t *e = entry_of(b, uint16_t(std::stoul(key)))) {
+        e[1] = 0xFE;  // an unknown tag instead
+      }
+    }
+    save("edit.tif", b);
+    auto has = [&](char flag) { return cols[2].find(flag) != std::string::npos; };
+    const uint32_t flags = (has('S') ? kStrict : 0) | (has('U') ? VEPRA_IMG_READ_UNITLESS : 0) |
+                           (has('H') ? VEPRA_IMG_READ_HEADER : 0);
     vepra_img_free(&img_);
-    vepra_error_t *e = vepra_img_read_ex(path.c_str(), &img_, c.flags, 0);
-    if (!c.refusal.empty() && c.refusal != "raw") {
-      EXPECT_EQ(take_printed(e), refused(c.code, c.refusal));
+    vepra_error_t *e = vepra_img_read_ex(path.c_str(), &img_, flags, 0);
+    if (cols[3].rfind("Error", 0) == 0) {
+      EXPECT_EQ(take_printed(e), refused(cols[3]));
       EXPECT_TRUE(owns_nothing(img_));
       continue;
     }
     ASSERT_EQ(e, nullptr) << take_printed(e);
-    EXPECT_EQ(std::tuple(img_.width, img_.photometric, img_.xres),
-              std::tuple(s.width, std::min<int32_t>(s.photometric, 1), 0.0));
-    Samples want = make_samples(s.width, img_.height, s.bits, 0);
-    std::transform(want.begin(), want.end(), want.begin(), c.level);
-    if (c.flags & header) {
+    EXPECT_EQ(std::tuple(img_.width, img_.samples_per_pixel, img_.photometric, img_.compression,
+                         img_.xres, img_.res_unit),
+              std::tuple(s.width, has('S') ? 1u : 0u, 1, compression, 0.0, unit));
+    if (has('H')) {
       EXPECT_TRUE(img_.data8 == nullptr && img_.data16 == nullptr);
       continue;
     }
-    if (c.flags & kStrict) {
-      EXPECT_EQ(img_.samples_per_pixel, 1u);
-    }
-    EXPECT_EQ(pixels() == want, c.refusal.empty());
+    Samples want = make_samples(s.width, img_.height, s.bits, 0);
+    for (uint32_t &v : want) v = cols[3] == "reversed" ? (s.bits == 8 ? 255 : 65535) - v : v;
+    EXPECT_EQ(pixels() == want, cols[3] != "raw");
   }
-  EXPECT_EQ(std::tuple(img_.compression, img_.res_unit), std::tuple(uint32_t(lzw), -1));
 }
 
-// Fields the strict reader does not take, set when libtiff writes the file
-// or edited in it afterwards, are refused naming the value (see
-// libtiff_refusals.tsv).
-TEST_F(TiffTest, LibtiffFilesWithUnreadFieldsAreRefused) {
-  const std::string path = temp_path("refused.tif");
-  // "TAG=VALUE TAG=VALUE", or "-" for none.
-  auto fields = [](const std::string &text) {
-    std::vector<std::pair<uint16_t, std::string>> out;
-    std::istringstream in(text);
-    for (std::string f; in >> f && f != "-";)
-      out.emplace_back(uint16_t(std::stoul(f)), f.substr(f.find('=') + 1));
-    return out;
-  };
-  int rows = 0;
-  for (const auto &cols :
-       vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/image/libtiff_refusals.tsv")) {
-    ASSERT_EQ(cols.size(), 3u);
-    SCOPED_TRACE(cols[2]);
-    ++rows;
-    Shape s;
-    for (const auto &[tag, value] : fields(cols[0])) s.tags.emplace_back(tag, std::stoul(value));
-    write_libtiff(path, s);
-    Bytes b = load(path);
-    for (const auto &[tag, value] : fields(cols[1])) {
-      if (value != "none") {
-        set_value(b, tag, uint32_t(std::stoul(value)));
-      } else if (uint8_t *e = entry_of(b, tag)) {
-        e[1] = 0xFE;  // an unknown tag instead
-      }
-    }
-    save("refused.tif", b);
-    vepra_img_free(&img_);
-    EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, kStrict, 0)),
-              refused(0, cols[2]));
-    EXPECT_TRUE(owns_nothing(img_));
-  }
-  EXPECT_EQ(rows, 11);
-}
-
-// One single-strip file of each compression, its strip cut short at every
-// length: the read fails as incomplete or malformed, or gives the whole
-// image where only an end code or a checksum was cut.
+// A strip of each compression cut short at every length fails as incomplete
+// or malformed, or gives the whole image where only an end code or a checksum was cut.
 TEST_F(TiffTest, TruncatedStripsAreRefused) {
   const std::string path = temp_path("cut.tif");
   for (uint16_t compression : {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
@@ -747,13 +621,11 @@ TEST_F(TiffTest, TruncatedStripsAreRefused) {
     s.width = 16, s.height = 8, s.rows_per_strip = 8, s.compression = compression;
     s.predictor = compression == COMPRESSION_NONE ? PREDICTOR_NONE : PREDICTOR_HORIZONTAL;
     write_libtiff(path, s);
-    const Bytes good = load(path);
-    Bytes b = good;
+    Bytes b = load(path);
     const uint32_t length = get_value(b, 279);
     ASSERT_GT(length, 0u);
     uint32_t refusals = 0;
     for (uint32_t cut = 0; cut < length; ++cut) {
-      b = good;
       set_value(b, 279, cut);
       save("cut.tif", b);
       vepra_img_free(&img_);
@@ -774,14 +646,14 @@ TEST_F(TiffTest, TruncatedStripsAreRefused) {
 // Page counts and the checks of the reader with flags and pages: reserved
 // flags, pages beyond the end, directories that loop.
 TEST_F(TiffTest, PagesAndFlags) {
-  const std::string path = temp_path("pages.tif");
+  std::string path = temp_path("pages.tif");
   Shape s;
   uint32_t pages = 0;
   write_libtiff(path, s);
   ASSERT_EQ(vepra_img_page_count(path.c_str(), &pages), nullptr);
   EXPECT_EQ(pages, 1u);
   EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, 0, 1)),
-            refused(0, "Page 1 does not exist: the file has 1 page"));
+            refused("Error: Page 1 does not exist: the file has 1 page "));
   // Reserved flags are refused before the record is touched.
   img_.type = 7;
   for (auto [flags, m] : {std::pair{0x8u, "Unknown image reading flags 0x8"},
@@ -798,30 +670,20 @@ TEST_F(TiffTest, PagesAndFlags) {
   ASSERT_EQ(vepra_img_page_count(path.c_str(), &pages), nullptr);
   EXPECT_EQ(pages, 3u);
   EXPECT_EQ(take_printed(vepra_img_read_ex(path.c_str(), &img_, kStrict, 3)),
-            refused(0, "Page 3 does not exist: the file has 3 pages"));
+            refused("Error: Page 3 does not exist: the file has 3 pages "));
   // Without the strict flag page 0 is the last directory.
   ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, 0, 0), nullptr);
   EXPECT_EQ(img_.width, 37u / 4);
   vepra_img_free(&img_);
-  // The last directory pointing back at the first.
-  Bytes b = load(path);
-  auto u32 = [&](size_t at) {
-    return uint32_t(b[at] | b[at + 1] << 8 | b[at + 2] << 16 | b[at + 3] << 24);
-  };
-  auto next = [&](size_t at) { return at + 2 + 12 * size_t(b[at] | b[at + 1] << 8); };
-  const size_t third = u32(next(u32(next(u32(4)))));
-  std::memcpy(&b[next(third)], &b[4], 4);
-  save("pages.tif", b);
+  // That file with its last directory pointing back at the first.
+  path = data_file("three_pages_looping.tif");
   EXPECT_EQ(take_printed(vepra_img_page_count(path.c_str(), &pages)),
             "Error(120152): Cannot count TIFF pages. \nError(120152): TIFF directories loop or "
             "repeat their data ");
   EXPECT_EQ(pages, 3u);
   ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, 0, 2), nullptr);
   EXPECT_EQ(img_.width, 37u / 4);
-  vepra_img_free(&img_);
 }
-
-// ----------------------------------------------------- allocation failures
 
 TEST_F(TiffTest, EveryAllocationFailureIsReported) {
   // 3 x 2 16-bit in three strips (the last empty), with Software text.
@@ -845,8 +707,7 @@ TEST_F(TiffTest, EveryAllocationFailureIsReported) {
   EXPECT_EQ(made, 9);  // three arrays per pass, then the row table and two rows
   EXPECT_EQ(pixels(), (Samples{1, 2, 3, 4, 5, 6}));
 
-  std::vector<double> r0{1, 2, 3}, r1{4, 5, 6};
-  double *rows[2] = {r0.data(), r1.data()};
+  double r0[3] = {1, 2, 3}, r1[3] = {4, 5, 6}, *rows[2] = {r0, r1};
   made = vepra_test::for_each_allocation_failure(
       [&] { return vepra_img_darr_to_tiff(out.c_str(), rows, 2, 3); },
       [&](vepra_error_t *e, long n) {
