@@ -12,12 +12,10 @@
 namespace {
 
 using namespace vepra_test;
-using Ids = std::vector<int>;
 
 int divisible(uint32_t, void *data, void *user) {
   return id_of(data) % *static_cast<int *>(user) == 0;
 }
-uint32_t same(int k) { return static_cast<uint32_t>(k); }
 const WalkForms<vepra_dl_t> kWalks{vepra_cdl_walk, vepra_cdl_walk_int_first,
                                    vepra_cdl_walk_ptr_first, vepra_cdl_walk_err_first,
                                    vepra_cdl_walk_err_or_ptr_first};

@@ -14,7 +14,6 @@
 namespace {
 
 using namespace vepra_test;
-using Ids = std::vector<int>;
 
 uint32_t tag_of(int k) { return static_cast<uint32_t>(k * 5 % 7); }
 

@@ -12,7 +12,6 @@
 namespace {
 
 using namespace vepra_test;
-using Ids = std::vector<int>;
 
 void record_deleted(uint32_t, void *data, void *user, void *links) {
   EXPECT_NE(links, nullptr);
