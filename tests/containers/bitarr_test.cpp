@@ -4,9 +4,6 @@
 // portable counting path); allocation failing at every point.
 #include <bit>
 #include <cstdio>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "containers/container_ids.hpp"
 #include "sys/cpu_dispatch.hpp"

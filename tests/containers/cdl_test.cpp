@@ -1,10 +1,5 @@
 // Circular slot lists against a vector of slots: every step checks the
 // chain, the handle, the counts and every walk form in its own order.
-#include <algorithm>
-#include <array>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "containers/container_ids.hpp"
 #include "vepra_cdl.h"

@@ -1,10 +1,14 @@
 // Helpers of the container tests: small integers carried as data pointers,
-// recording and failing callbacks, and the checks every container shares.
+// recording and failing callbacks, and the checks every container shares
+// (with the standard headers the tests use).
 #ifndef VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 #define VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <map>
+#include <random>
 #include <string>
 #include <type_traits>
 #include <vector>

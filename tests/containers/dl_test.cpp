@@ -2,11 +2,6 @@
 // model leaves out (stop rules, sorting against std::sort, failures, bad
 // input). Heap nodes, exchanges, the exchange sort and deleting walks are
 // checked against a model by the corpus replay of the containers fuzzer.
-#include <algorithm>
-#include <array>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "containers/container_ids.hpp"
 #include "vepra_dl.h"
@@ -157,8 +152,6 @@ TEST_F(DlTest, LinkingRejectsBadNodes) {
   EXPECT_EQ(read_chain(a), (Ids{3, 1, 2}));
   EXPECT_EQ(take_printed(vepra_dl_exchange(nullptr, a)),
             "Error(120052): DL exchange error: invalid pointer. ");
-  EXPECT_EQ(take_printed(vepra_dl_append(nullptr, 0, nullptr, nullptr, pool_)),
-            "Error(120051): Unable to append DL object. \n" + invalid);
   EXPECT_EQ(take_printed(vepra_dlm_add_before(nullptr, 0, nullptr, nullptr)),
             "Error(120051): Unable to add DL node. \n" + invalid);
   EXPECT_EQ(vepra_dl_join(nullptr, b), nullptr);
@@ -247,12 +240,10 @@ TEST_F(DlTest, MwalkGoesInStepAndDropsShortLists) {
   EXPECT_EQ(vepra_dl_mwalk_err_first(handles, 0, record_round, &r), nullptr);
   r = {};
   auto walk = [&] { return vepra_dl_mwalk_err_first(handles, 3, record_round, &r); };
-  EXPECT_EQ(for_each_allocation_failure(walk,
-                                        [](vepra_error_t *e, long) {
-                                          EXPECT_EQ(e->code, VEPRA_E_ALLOC);
-                                          EXPECT_EQ(e->next, nullptr);
-                                        }),
-            3);
+  auto lone_alloc_error = [](vepra_error_t *e, long) {
+    EXPECT_TRUE(e->code == VEPRA_E_ALLOC && e->next == nullptr);
+  };
+  EXPECT_EQ(for_each_allocation_failure(walk, lone_alloc_error), 3);
   EXPECT_EQ(r.data.size(), 3u);  // no round before the arrays are all made
 }
 

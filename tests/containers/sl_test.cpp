@@ -1,8 +1,5 @@
 // Singly linked lists and stacks against vectors, every walk form checked
 // after each step, and node allocation failing at every point.
-#include <algorithm>
-#include <random>
-#include <vector>
 
 #include "containers/container_ids.hpp"
 #include "vepra_sl.h"

@@ -1,10 +1,5 @@
 // Trees against a model of children vectors, then the walk orders, stops,
 // heap nodes and failures the model leaves out.
-#include <algorithm>
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "containers/container_ids.hpp"
 #include "vepra_tree.h"

@@ -1,13 +1,7 @@
 // Nibble tries in both flavours: random keys against std::map (walk order
 // included) and fresh tries, then exact shapes for the edge cases, hostile
 // nodes, deep keys and allocation failures.
-#include <algorithm>
-#include <cstring>
-#include <map>
 #include <optional>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "containers/container_ids.hpp"
 #include "containers/trie_internal.hpp"
