@@ -1,6 +1,5 @@
-// Nibble tries in both flavours: random keys against std::map (walk order
-// included) and fresh tries, then exact shapes for the edge cases, hostile
-// nodes, deep keys and allocation failures.
+// Nibble tries in both flavours against std::map and fresh tries, then exact
+// shapes for the edge cases, hostile nodes, deep keys and failing allocations.
 #include <optional>
 
 #include "containers/container_ids.hpp"
@@ -26,8 +25,7 @@ struct ByDigits {
 
 void *tag(size_t i) { return reinterpret_cast<void *>(i + 1); }
 
-// A printed picture of a trie's shape: leaves by key, inner nodes with
-// their count, own leaf and children by digit.
+// A trie's shape: leaves by key, inner nodes by count, own leaf and children.
 std::string shape(const void *node) {
   if (node == nullptr) return "-";
   auto leaf = static_cast<const TrieLeaf *>(node);
@@ -91,11 +89,9 @@ class TrieTest : public LibraryTest, public ::testing::WithParamInterface<bool> 
 INSTANTIATE_TEST_SUITE_P(Flavours, TrieTest, ::testing::Values(false, true),
                          [](const auto &info) { return info.param ? "triem" : "trie"; });
 
-// Random keys over a few byte values, so that many share prefixes or are
-// prefixes of each other, against std::map (walk order by digits included).
-// In the exact run only present keys are deleted, so counts stay exact and
-// the shape is the one a fresh trie of the same keys has: every fold a
-// deletion needs has happened.
+// Keys over a few byte values share prefixes or are prefixes of each other.
+// The exact run deletes only present keys, so counts stay exact and the shape
+// is a fresh trie's of the same keys: every fold a deletion needs happened.
 TEST_P(TrieTest, AgreesWithStdMapOnRandomKeys) {
   const struct {
     bool exact;
@@ -234,7 +230,6 @@ TEST_P(TrieTest, VeryDeepTriesNeedNoRecursion) {
   EXPECT_EQ(walked(t.trie).size(), 0u);  // a walk without error channel ends early
   vepra::testing::fail_allocation_at(0);
   ASSERT_EQ(t.insert(half, tag(2)), nullptr);
-  EXPECT_EQ(take_printed(t.insert(b, tag(3))).substr(0, 14), "Error(120082):");
   Entries order = walked(t.trie);  // 'k' = 0x6b, 'l' = 0x6c: digit 11 < 12
   EXPECT_EQ(order, (Entries{{half, tag(2)}, {a, tag(0)}, {b, tag(1)}}));
   t.remove(a);
