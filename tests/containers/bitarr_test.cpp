@@ -81,9 +81,8 @@ TEST_F(BitarrTest, RandomOperationsMatchVectorOfBool) {
                             // result into either operand or a new array
         Bits other_model(rng() % 6 == 0 ? 0 : length()), want;
         vepra_bitarr_t *other = nullptr, *third = nullptr;
-        if (!other_model.empty()) {
-          ASSERT_EQ(vepra_bitarr_create(&other, other_model.size()), nullptr);
-        }
+        ASSERT_EQ(other_model.empty() ? nullptr : vepra_bitarr_create(&other, other_model.size()),
+                  nullptr);
         for (uint64_t i = 0; i < other_model.size(); ++i)
           set_bit(other, i, other_model[i] = rng() % 3 == 0);
         const bool is_or = rng() % 2 == 0;
