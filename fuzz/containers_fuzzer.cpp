@@ -29,11 +29,8 @@ void run_list(Bytes &in) {
   for (int k = 1; in.more() && model.size() < 4096; ++k) {
     const unsigned op = in.next() % 9, arg = in.next();
     const size_t i = model.empty() ? 0 : arg % model.size();
-    // The model's position of the node the list handle points at.
-    const auto handle = static_cast<size_t>(
-        std::find_if(model.begin(), model.end(),
-                     [&](const auto &node) { return node.first == id_of(list->data); }) -
-        model.begin());
+    size_t handle = 0;  // the model's position of the node the list handle names
+    while (handle < model.size() && model[handle].first != id_of(list->data)) ++handle;
     if (op < 4) {
       check(adds[op](&list, arg % 5, as_data(k), nullptr) == nullptr);
       const size_t at = op == 0   ? model.size()
