@@ -130,17 +130,14 @@ TEST_F(BitarrTest, RandomOperationsMatchVectorOfBool) {
   vepra::testing::force_portable_paths(false);
 }
 
-// Null arrays are quiet; tostr still terminates the buffer.
-TEST_F(BitarrTest, NullArrays) {
+// Null arrays are quiet (tostr still terminates the buffer); each allocation
+// of create, a growing resize and a new result fails in turn, and a failed
+// resize leaves the array as it was, still usable.
+TEST_F(BitarrTest, BadInputAndFailedAllocationsKeepTheArray) {
   expect_quiet_with(nullptr, vepra_bitarr_num_bits_cleared, vepra_bitarr_resize);
   char buf[4] = "abc";
   EXPECT_EQ(vepra_bitarr_tostr(nullptr, buf, sizeof buf, 0, 0), 0u);
   EXPECT_STREQ(buf, "");
-}
-
-// Each allocation of create, a growing resize and a new result fails in
-// turn: a failed resize leaves the array as it was, still usable.
-TEST_F(BitarrTest, AllocationFailuresKeepTheArray) {
   auto create_failure = [](uint64_t bytes) {
     return "Error(120012): Cannot create bit array. \nError(120012): Failed to allocate " +
            std::to_string(bytes) + " bytes of memory. ";

@@ -68,7 +68,10 @@ TEST_F(SlTest, RandomOperationsMatchVectorModels) {
   }
 }
 
-TEST_F(SlTest, NullsAreQuietAndACopyOfNothingIsEmpty) {
+// Nulls are quiet, a copy of nothing is empty. A pool that runs dry at every
+// node in turn: adding fails with 120140 and leaves the list as it was; a
+// copy keeps the elements made so far.
+TEST_F(SlTest, NullsAndPoolFailuresLeaveListsAndStacksConsistent) {
   expect_quiet_with(nullptr, vepra_sl_get_data, vepra_sl_get_data_tag, vepra_sl_get_n,
                     vepra_sl_delete_next, vepra_sl_destroy, vepra_sl_walk, vepra_sl_walk_int_first,
                     vepra_sl_walk_ptr_first, vepra_sl_walk_err_first, vepra_stk_pop,
@@ -82,11 +85,6 @@ TEST_F(SlTest, NullsAreQuietAndACopyOfNothingIsEmpty) {
   EXPECT_EQ(take_printed(vepra_stk_push(nullptr, 0, id(1), pool_)),
             "Error(120140): Can't push object to stack. \n"
             "Error(120140): Can't allocate memory for sllist node. ");
-}
-
-// A pool that runs dry at every node in turn: adding fails with 120140 and
-// leaves the list as it was; a copy keeps the elements made so far.
-TEST_F(SlTest, PoolFailuresLeaveListsAndStacksConsistent) {
   vepra_sl_t *list = nullptr;  // every add makes its node before linking it
   for (int k = 1; k <= 3; ++k) ASSERT_EQ(vepra_sl_append(&list, k, id(k), pool_), nullptr);
   EXPECT_EQ(expect_alloc_failures([&] { return vepra_sl_add(&list, 0, id(9), pool_); },

@@ -217,8 +217,9 @@ TEST_F(TreeTest, StepsOnASmallForest) {
   EXPECT_EQ(n.count(9), 1u);  // the table was read
 }
 
-// Null is quiet where nothing is asked for, and refused where a node is.
-TEST_F(TreeTest, NullIsQuietForAccessorsAndDeletions) {
+// Null is quiet where nothing is asked for, and refused where a node is;
+// a failed heap allocation leaves the tree unchanged.
+TEST_F(TreeTest, NullAndFailedAllocationsLeaveTheTreeUnchanged) {
   uint32_t tag = 5;
   EXPECT_EQ(vepra_tree_get_data_tag(nullptr, &tag), nullptr);
   EXPECT_EQ(tag, 5u);
@@ -236,9 +237,6 @@ TEST_F(TreeTest, NullIsQuietForAccessorsAndDeletions) {
   EXPECT_EQ(take_printed(vepra_treem_append_child(nullptr, 0, nullptr, nullptr)), invalid);
   EXPECT_EQ(take_printed(vepra_tree_prepend(nullptr, 0, nullptr, nullptr, pool_)),
             "Error(120120): Unable to prepend Tree node. \n" + invalid);
-}
-
-TEST_F(TreeTest, HeapAllocationFailuresLeaveTheTreeUnchanged) {
   vepra_tree_t *tree = nullptr, *root = nullptr;
   ASSERT_EQ(vepra_treem_append(&tree, 1, id(1), &root), nullptr);
   auto failure = [](const char *context) {
