@@ -130,9 +130,8 @@ TEST_F(BitarrTest, RandomOperationsMatchVectorOfBool) {
   vepra::testing::force_portable_paths(false);
 }
 
-// Null arrays are quiet (tostr still terminates the buffer); each allocation
-// of create, a growing resize and a new result fails in turn, and a failed
-// resize leaves the array as it was, still usable.
+// Null arrays are quiet (tostr terminates); each allocation of create, a growing
+// resize and a new result fails in turn, a failed resize keeping the array.
 TEST_F(BitarrTest, BadInputAndFailedAllocationsKeepTheArray) {
   expect_quiet_with(nullptr, vepra_bitarr_num_bits_cleared, vepra_bitarr_resize);
   char buf[4] = "abc";

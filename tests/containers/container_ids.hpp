@@ -15,7 +15,6 @@
 
 #include "support/test_support.hpp"
 #include "vepra_dl.h"
-#include "vepra_error.h"
 
 namespace vepra_test {
 

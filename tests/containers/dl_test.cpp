@@ -102,8 +102,7 @@ TEST_F(DlTest, RandomOperationsMatchVectorModel) {
       if (handle == -1 && !model.empty()) handle = model.front();
       ASSERT_EQ(read_chain(list), model) << "round " << round << " step " << step;
       ASSERT_EQ(list == nullptr ? -1 : id_of(list->data), handle);
-      // From any node of the list, counts and walks cover the whole of it
-      // and positions count from its first (or its last).
+      // From any node, counts and walks cover the list, positions count from its ends.
       const size_t from = model.empty() ? 0 : pick(model.size());
       ASSERT_EQ(vepra_dl_count(vepra_dl_get_n(list, from)), model.size());
       expect_walk_forms(vepra_dl_get_n(list, from), kWalks, model, tag_of);
@@ -131,9 +130,8 @@ TEST_F(DlTest, RandomOperationsMatchVectorModel) {
   }
 }
 
-// Null, self, foreign and already linked nodes are refused with 120051;
-// joining names the result by its first argument and never makes a ring.
-// Elsewhere null is quiet (a missing check crashes).
+// Null, self, foreign and linked nodes are refused with 120051; a join is named
+// by its first argument and never makes a ring. Elsewhere null is quiet.
 TEST_F(DlTest, BadNodesAreRefusedAndNullIsQuiet) {
   vepra_dl_t *a = nullptr, *b = nullptr, *c = nullptr, *d = nullptr;
   for (auto [k, n] : {std::pair{1, &a}, {2, &b}, {3, &c}, {4, &d}})
@@ -212,9 +210,8 @@ vepra_error_t *record_round(size_t n, const uint32_t *tags, void *const *data, v
   return r->data.size() == r->stop_after ? r->error : nullptr;
 }
 
-// Lists go in step from their first nodes, exhausted ones give 0 and null;
-// the stop sentinel ends with success, an error comes back as is, and each
-// of the three work arrays may fail to allocate.
+// Lists go in step from their first nodes, exhausted ones give 0 and null; the
+// stop sentinel is success, an error comes back as is, each work array may fail.
 TEST_F(DlTest, MwalkGoesInStepAndDropsShortLists) {
   vepra_dl_t *handles[3] = {};
   for (auto [h, k] : {std::pair{0, 1}, {0, 2}, {0, 3}, {1, 7}})
@@ -238,8 +235,7 @@ TEST_F(DlTest, MwalkGoesInStepAndDropsShortLists) {
   EXPECT_EQ(r.data.size(), 3u);  // no round before the arrays are all made
 }
 
-// A heap node's failed allocation leaves the list as it was (every add makes
-// its node before linking it).
+// A failed heap node leaves the list as it was (all adds make it before linking).
 TEST_F(DlTest, HeapAllocationFailuresLeaveTheListUnchanged) {
   vepra_dl_t *list = nullptr;
   ASSERT_EQ(vepra_dlm_append(&list, tag_of(1), id(1), nullptr), nullptr);

@@ -68,9 +68,8 @@ TEST_F(SlTest, RandomOperationsMatchVectorModels) {
   }
 }
 
-// Nulls are quiet, a copy of nothing is empty. A pool that runs dry at every
-// node in turn: adding fails with 120140 and leaves the list as it was; a
-// copy keeps the elements made so far.
+// Nulls are quiet, a copy of nothing is empty. A pool running dry at each node:
+// adding fails with 120140, the list unchanged; a copy keeps what it made.
 TEST_F(SlTest, NullsAndPoolFailuresLeaveListsAndStacksConsistent) {
   expect_quiet_with(nullptr, vepra_sl_get_data, vepra_sl_get_data_tag, vepra_sl_get_n,
                     vepra_sl_delete_next, vepra_sl_destroy, vepra_sl_walk, vepra_sl_walk_int_first,

@@ -132,8 +132,7 @@ TEST_P(TrieTest, AgreesWithStdMapOnRandomKeys) {
   }
 }
 
-// The steps of trie_steps.tsv: counts a deletion leaves, prefixes, the
-// empty key, stopped walks and a node of unknown kind, each by the shape.
+// trie_steps.tsv: deletion counts, prefixes, the empty key, stopped walks, alien nodes.
 TEST_P(TrieTest, StepsLeaveTheListedShapes) {
   std::optional<Trie> t;
   TrieNode alien{7};
