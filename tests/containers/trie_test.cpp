@@ -11,8 +11,7 @@ namespace {
 using namespace vepra_test;
 using namespace vepra::detail;
 
-// Keys in walk order: by their digits, the low nibble of each byte first,
-// which is the byte order of the keys with each byte's nibbles swapped.
+// Walk order: by digits, low nibble first, i.e. bytes with swapped nibbles.
 struct ByDigits {
   static std::string swapped(std::string key) {
     for (char &c : key) c = static_cast<char>((c & 15) << 4 | (c >> 4 & 15));
@@ -89,9 +88,8 @@ class TrieTest : public LibraryTest, public ::testing::WithParamInterface<bool> 
 INSTANTIATE_TEST_SUITE_P(Flavours, TrieTest, ::testing::Values(false, true),
                          [](const auto &info) { return info.param ? "triem" : "trie"; });
 
-// Keys over a few byte values share prefixes or are prefixes of each other.
-// The exact run deletes only present keys, so counts stay exact and the shape
-// is a fresh trie's of the same keys: every fold a deletion needs happened.
+// Keys over a few bytes share prefixes. The exact run deletes only present keys,
+// so counts stay exact and the shape is a fresh trie's: every fold happened.
 TEST_P(TrieTest, AgreesWithStdMapOnRandomKeys) {
   const struct {
     bool exact;
@@ -198,8 +196,8 @@ TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
   EXPECT_EQ(cell, nullptr);
 }
 
-// Two keys sharing a long prefix make one inner node a digit: nothing may
-// recurse that deep, and the walk's path grows on the heap, which may fail.
+// A long shared prefix is one inner node a digit: nothing may recurse that deep,
+// and the walk's path grows on the heap, which may fail.
 TEST_P(TrieTest, VeryDeepTriesNeedNoRecursion) {
   Trie t(heap(), pool_);
   std::string a(60000, 'k'), b = a, half = a.substr(0, 30000);
@@ -233,8 +231,7 @@ TEST_P(TrieTest, VeryDeepTriesNeedNoRecursion) {
   ASSERT_EQ(t.insert(a, tag(0)), nullptr);  // a deep trie left for destroy
 }
 
-// Every allocation of creating a heap trie or inserting into one may fail:
-// the error is the allocator's, and the trie is left exactly as it was.
+// Each allocation of a heap trie's create or insert fails: the trie stays as it was.
 class TriemTest : public LibraryTest {};
 
 TEST_F(TriemTest, AllocationFailuresLeaveTheTrieUnchanged) {
