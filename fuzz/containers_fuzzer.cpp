@@ -1,6 +1,5 @@
-// Byte-driven operations on a heap list, ids and tags checked against a
-// vector after every step; everything is freed at the end, so the
-// sanitizers see every double free, stray pointer and leak.
+// Byte-driven operations on a heap list against a vector of ids and tags; all
+// is freed at the end, so the sanitizers see every double free and leak.
 #include <algorithm>
 #include <utility>
 #include <vector>

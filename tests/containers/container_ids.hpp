@@ -1,6 +1,5 @@
-// Helpers of the container tests: small integers carried as data pointers,
-// recording and failing callbacks, and the checks every container shares
-// (with the standard headers the tests use).
+// Helpers of the container tests (and their standard headers): small integers
+// as data pointers, recording and failing callbacks, the checks all share.
 #ifndef VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 #define VEPRA_TESTS_CONTAINERS_CONTAINER_IDS_HPP
 

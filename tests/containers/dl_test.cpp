@@ -1,6 +1,5 @@
-// Doubly linked lists: pool nodes against a vector, then what it leaves out.
-// The containers fuzzer's corpus replay checks heap nodes, exchanges, the
-// exchange sort and deleting walks against a model.
+// Doubly linked lists: pool nodes against a vector, then what it leaves out; the
+// fuzzer's corpus replay models heap nodes, exchanges, sorting, deleting walks.
 
 #include "containers/container_ids.hpp"
 #include "vepra_dl.h"
