@@ -225,6 +225,8 @@ TEST_F(DlTest, MwalkGoesInStepAndDropsShortLists) {
   r = {{}, 1, user_error(125997, "round failed")};
   EXPECT_EQ(vepra_dl_mwalk_err_first(handles, 3, record_round, &r), r.error);
   vepra_error_clear(r.error);
+  EXPECT_EQ(take_printed(vepra_dl_mwalk_err_first(handles, SIZE_MAX / 8, record_round, &r)),
+            "Error(120012): Failed to allocate 18446744073709551608 bytes of memory. ");
   r = {};
   auto walk = [&] { return vepra_dl_mwalk_err_first(handles, 3, record_round, &r); };
   auto lone_alloc_error = [](vepra_error_t *e, long) {

@@ -176,7 +176,7 @@ TEST_P(TrieTest, BadArgumentsAreQuietOrReported) {
   ASSERT_EQ(t.insert("", tag(0)), nullptr);
   t.remove(nullptr, 1);
   EXPECT_EQ(t.shape(), "''");
-  EXPECT_EQ(take_printed(t.insert(nullptr, 3, tag(0))),
+  EXPECT_EQ(take_printed(t.insert(nullptr, 1, tag(0))),
             insert_failure(120086, "Wrong key of leaf. "));
   // A length whose leaf size would overflow is refused before the key is read.
   const size_t absurd = SIZE_MAX - sizeof(TrieLeaf);
