@@ -1,14 +1,11 @@
-// Byte-driven operations on a heap list (ids and tags checked against a
-// vector after every step) and on a heap tree (links and node counts
-// checked); everything is freed at the end, so the sanitizers see every
-// double free, stray pointer and leak.
+// Byte-driven operations on a heap list against a vector of ids and tags; all
+// is freed at the end, so the sanitizers see every double free and leak.
 #include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "fuzz_common.hpp"
 #include "vepra_dl.h"
-#include "vepra_tree.h"
 
 namespace {
 
@@ -19,6 +16,7 @@ void *as_data(int k) { return reinterpret_cast<void *>(static_cast<uintptr_t>(k)
 int id_of(const void *p) { return static_cast<int>(reinterpret_cast<uintptr_t>(p)); }
 int compare_tags(uint32_t a, void *, uint32_t b, void *, void *) { return (a > b) - (a < b); }
 int odd(uint32_t, void *data, void *) { return id_of(data) & 1; }
+void count_node(uint32_t, void *, void *user) { ++*static_cast<size_t *>(user); }
 
 void run_list(Bytes &in) {
   using Add = vepra_error_t *(*)(vepra_dl_t **, uint32_t, void *, vepra_dl_t **);
@@ -30,11 +28,8 @@ void run_list(Bytes &in) {
   for (int k = 1; in.more() && model.size() < 4096; ++k) {
     const unsigned op = in.next() % 9, arg = in.next();
     const size_t i = model.empty() ? 0 : arg % model.size();
-    // The model's position of the node the list handle points at.
-    const auto handle = static_cast<size_t>(
-        std::find_if(model.begin(), model.end(),
-                     [&](const auto &node) { return node.first == id_of(list->data); }) -
-        model.begin());
+    size_t handle = 0;  // the model's position of the node the list handle names
+    while (handle < model.size() && model[handle].first != id_of(list->data)) ++handle;
     if (op < 4) {
       check(adds[op](&list, arg % 5, as_data(k), nullptr) == nullptr);
       const size_t at = op == 0   ? model.size()
@@ -43,8 +38,13 @@ void run_list(Bytes &in) {
       model.insert(model.begin() + static_cast<long>(at), {k, arg % 5});
     } else if (op == 4 && !model.empty()) {
       list = vepra_dl_get_n(list, i);
-    } else if (op == 5 && !model.empty()) {
-      vepra_dlm_delete_obj(&list, as_data(model[i].first));
+    } else if (op == 5 && !model.empty()) {  // by data, or a node other than the handle's
+      size_t seen = 0;
+      if (i != handle && (arg & 1) != 0)
+        vepra_dlm_delete_func(vepra_dl_get_n(list, i), count_node, &seen);
+      else
+        vepra_dlm_delete_obj(&list, as_data(model[i].first));
+      check(seen == (i != handle && (arg & 1) != 0));
       model.erase(model.begin() + static_cast<long>(i));
     } else if (op == 6 && !model.empty()) {
       const size_t j = in.next() % model.size();
@@ -71,61 +71,16 @@ void run_list(Bytes &in) {
     check(p == nullptr && vepra_dl_count(list) == model.size());
   }
   for (vepra_dl_t *p : loose) vepra_dlm_delete(p);
-  vepra_dlm_destroy(&list);
-  check(list == nullptr);
-}
-
-// Checks parent and sibling links below every node of first's sibling list
-// and collects the nodes.
-void collect(vepra_tree_t *first, vepra_tree_t *parent, std::vector<vepra_tree_t *> &out) {
-  check(first == nullptr || first->prev == nullptr);
-  for (vepra_tree_t *p = first; p != nullptr; p = p->next) {
-    check(p->parent == parent && (p->next == nullptr || p->next->prev == p));
-    check(p->child == nullptr || p->child->parent == p);
-    out.push_back(p);
-    collect(vepra_tree_get_first(p->child), p, out);
-  }
-}
-
-void count_deleted(uint32_t, void *, void *user, void *) { ++*static_cast<size_t *>(user); }
-
-void run_tree(Bytes &in) {
-  vepra_tree_t *tree = nullptr;
-  std::vector<vepra_tree_t *> nodes;  // linked into tree
-  for (int k = 1; in.more() && nodes.size() < 2048; ++k) {
-    const unsigned op = in.next() % 4, arg = in.next();
-    vepra_tree_t *target = nodes.empty() ? nullptr : nodes[arg % nodes.size()];
-    size_t expect = nodes.size() + 1;
-    if (op == 0 || target == nullptr) {
-      check(vepra_treem_append(&tree, 0, as_data(k), nullptr) == nullptr);
-    } else if (op == 1) {
-      check(vepra_treem_append_child(target, 0, as_data(k), nullptr) == nullptr);
-    } else {  // delete target with its subtree, after or by unlinking it
-      if (target == tree) tree = tree->next != nullptr ? tree->next : tree->prev;
-      const size_t subtree = 1 + vepra_tree_count(vepra_tree_get_first(target->child));
-      expect = nodes.size() - subtree;
-      size_t deleted = 0;
-      if (op == 2) {
-        vepra_tree_extract(target);
-        vepra_treem_delete_func(target, count_deleted, &deleted);
-        check(deleted == subtree);
-      } else {
-        vepra_treem_node_delete(target);
-      }
-    }
-    nodes.clear();
-    collect(vepra_tree_get_first(tree), nullptr, nodes);
-    check(nodes.size() == expect && vepra_tree_count(tree) == expect);
-  }
-  vepra_treem_destroy(&tree);
+  size_t destroyed = 0;
+  vepra_dlm_destroy_func(&list, count_node, &destroyed);
+  check(list == nullptr && destroyed == model.size());
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   vepra_fuzz::initialize();
-  if (size == 0) return 0;
-  Bytes in{data + 1, size - 1};
-  (data[0] & 1) != 0 ? run_tree(in) : run_list(in);
+  Bytes in{data, size};
+  run_list(in);
   return 0;
 }
