@@ -113,6 +113,11 @@ TEST_F(ReadlineTest, ReaderStatusesGiveTheirCodes) {
   EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
   EXPECT_STREQ(rl->line, "") << "no reader leaves an empty line";
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "drawn with echo off";
+  // Echoing without a reader blanks the prompt at the width as it stands.
+  rl->echo = 1, rl->width = 0;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_READ);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "> \r \r");
   vepra_ri_readline_terminate(rl);
 }
 
