@@ -538,11 +538,11 @@ int vepra_ri_readline_hist(vepra_ri_readline_t *rl, int direction) noexcept {
   }
   size_t n = std::strlen(text);
   // The buffer's size is not known here, only that it holds its string; a
-  // longer text gets a new block of its length plus the terminator.
+  // longer text gets a new block of its length plus the terminator (the
+  // old line is not kept: the entry replaces it whole).
   if (rl->line == nullptr || n > std::strlen(rl->line)) {
-    auto *buf = static_cast<char *>(apr_pcalloc(rl->line_pool, n + 1));
+    auto *buf = static_cast<char *>(apr_palloc(rl->line_pool, n + 1));
     if (buf == nullptr) return 0;
-    if (rl->line != nullptr) vepra_str_strlcpy(buf, rl->line, n + 1);
     rl->line = buf;
   }
   rl->hist_pos = pos;
