@@ -207,6 +207,12 @@ TEST_F(ReadlineTest, EditorMatchesCharacterModel) {
     ASSERT_EQ(read_keys(rl, keystrokes + "\r"), expected) << "round " << round;
   }
   testing::internal::GetCapturedStdout();
+  // A line wider than the console keeps the columns before the cursor in view.
+  rl->width = 12;
+  testing::internal::CaptureStdout();
+  read_keys(rl, "abcdefghijkl\r");
+  const std::string drawn = testing::internal::GetCapturedStdout();
+  EXPECT_NE(drawn.find("\redit> hijkl\redit> hijkl"), std::string::npos) << drawn;
   vepra_ri_readline_terminate(rl);
 }
 
