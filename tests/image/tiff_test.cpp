@@ -335,6 +335,16 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0644));
   EXPECT_EQ(libtiff_read(target).samples, (Samples{0, 13107, 26214, 39321, 52428, 65535}));
+  // A link whose target's name would not fit a path (while a temporary
+  // file's name beside the link would) is written through, and stays a link.
+  fs::path deep = dir;
+  while (deep.native().size() < 3850)
+    deep /= std::string(std::min<size_t>(250, 3850 - deep.native().size()), 'd');
+  fs::create_directories(deep);
+  fs::create_symlink(std::string(250, 'f'), deep / "link.tif");
+  ASSERT_EQ(vepra_img_write_tiff((deep / "link.tif").c_str(), &img_), nullptr);
+  EXPECT_TRUE(fs::is_symlink(deep / "link.tif"));
+  EXPECT_EQ(load(deep / "link.tif"), load(data_file("written_8bit.tif")));
   fs::remove_all(dir);
 }
 
