@@ -150,6 +150,13 @@ TEST_F(ReadlineTest, PipesGivePlainLines) {
     std::fclose(stream);
     vepra_ri_readline_terminate(rl);
   }
+  // A read that fails otherwise than "try again" (on a directory) ends the line.
+  const int dir = open(".", O_RDONLY | O_DIRECTORY);
+  vepra_ri_readline_t *rl = make("> ", 0);
+  vepra_ri_readline_set_terminal(rl, dir);
+  EXPECT_EQ(code_of(vepra_ri_readline(nullptr, rl)), VEPRA_E_CONSOLE_CHAR);
+  close(dir);
+  vepra_ri_readline_terminate(rl);
 }
 
 // The line as a list of characters and the cursor as an index into it.
