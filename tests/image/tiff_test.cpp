@@ -335,8 +335,7 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0644));
   EXPECT_EQ(libtiff_read(target).samples, (Samples{0, 13107, 26214, 39321, 52428, 65535}));
-  // A link whose target's name would not fit a path (while a temporary
-  // file's name beside the link would) is written through, and stays a link.
+  // A link to a name too long for a path (not for a temporary beside it) stays.
   fs::path deep = dir;
   while (deep.native().size() < 3850)
     deep /= std::string(std::min<size_t>(250, 3850 - deep.native().size()), 'd');
@@ -504,8 +503,7 @@ TEST_F(TiffTest, ReadsWhatLibtiffWritesPixelExact) {
   }
 }
 
-// A strip taller than one batch of row reads (256) and a directory longer
-// than one batch of entry reads (64) are read whole, through either reader.
+// Strips and directories longer than one batch of reads read whole, either way.
 TEST_F(TiffTest, LongStripsAndDirectoriesReadWhole) {
   const std::string tall = temp_path("tall.tif");
   write_libtiff(tall, Shape{.width = 3, .height = 600, .bits = 16, .rows_per_strip = 600});
