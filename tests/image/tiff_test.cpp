@@ -156,6 +156,10 @@ TEST_F(TiffTest, HandBuiltFilesReadAsListed) {
                   img_.planar_config, img_.strip_count, img_.software ? img_.software : "-");
     EXPECT_EQ(kept, cols[2]);
   }
+  // The directory longer than one batch of reads, by the decoding reader too.
+  vepra_img_free(&img_);
+  ASSERT_EQ(vepra_img_read_ex(data_file("long_directory.tif").c_str(), &img_, kStrict, 0), nullptr);
+  EXPECT_EQ(pixels(), (Samples{1, 2}));
 }
 
 // PackBits ending where the next header would be is short, whatever bytes
@@ -214,8 +218,6 @@ TEST_F(TiffTest, ReadTellsNonTiffFromUnopenable) {
   // Only the pixel reader needs the photometric interpretation.
   EXPECT_EQ(vepra_img_read_tiff_info(data_file("no_photometric.tif").c_str(), &img_), nullptr);
   EXPECT_EQ(img_.type, 1u);
-  std::filesystem::remove(dir);
-  std::filesystem::remove(fifo);
 }
 
 // The information pass reads the fields of tiff_reads.tsv but no pixels,
@@ -344,7 +346,14 @@ TEST_F(TiffTest, FailedWritesKeepTheFileThatWasThere) {
   ASSERT_EQ(vepra_img_write_tiff((deep / "link.tif").c_str(), &img_), nullptr);
   EXPECT_TRUE(fs::is_symlink(deep / "link.tif"));
   EXPECT_EQ(load(deep / "link.tif"), load(data_file("written_8bit.tif")));
-  fs::remove_all(dir);
+  // A relative name removes no other file, not even one named by the
+  // temporary's first letter.
+  const fs::path cwd = fs::current_path();
+  fs::current_path(dir);
+  std::ofstream("d").put('d');
+  EXPECT_EQ(vepra_img_write_tiff((std::string(250, 'd') + "/new.tif").c_str(), &img_), nullptr);
+  EXPECT_TRUE(fs::exists("d"));
+  fs::current_path(cwd);
 }
 
 TEST_F(TiffTest, DoubleArraysAreScaledToSixteenBits) {
@@ -503,20 +512,6 @@ TEST_F(TiffTest, ReadsWhatLibtiffWritesPixelExact) {
   }
 }
 
-// Strips and directories longer than one batch of reads read whole, either way.
-TEST_F(TiffTest, LongStripsAndDirectoriesReadWhole) {
-  const std::string tall = temp_path("tall.tif");
-  write_libtiff(tall, Shape{.width = 3, .height = 600, .bits = 16, .rows_per_strip = 600});
-  for (const auto &[path, want] : {std::pair{tall, make_samples(3, 600, 16, 0)},
-                                   {data_file("long_directory.tif"), Samples{1, 2}}}) {
-    for (uint32_t flags : {0u, kStrict}) {
-      vepra_img_free(&img_);
-      ASSERT_EQ(vepra_img_read_ex(path.c_str(), &img_, flags, 0), nullptr) << path << flags;
-      EXPECT_TRUE(pixels() == want) << path << flags;
-    }
-  }
-}
-
 // The value field of the entry of tag in the first directory of a classic
 // little-endian file, or null.
 uint8_t *entry_of(Bytes &b, uint16_t tag) {
@@ -564,7 +559,7 @@ TEST_F(TiffTest, EditedLibtiffFilesReadAsListed) {
     return out;
   };
   const auto table = vepra_test::table_rows(VEPRA_TEST_DATA_DIR "/image/libtiff_edits.tsv");
-  EXPECT_EQ(table.size(), 31u);
+  EXPECT_EQ(table.size(), 33u);
   for (const auto &cols : table) {
     ASSERT_EQ(cols.size(), 4u);
     SCOPED_TRACE(cols[0] + " | " + cols[1] + " | " + cols[2]);
