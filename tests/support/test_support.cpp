@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -44,13 +45,28 @@ std::string take_printed(vepra_error_t *chain) {
   return out;
 }
 
+int code_of(vepra_error_t *chain) {
+  const int code = chain != nullptr ? chain->code : 0;
+  vepra_error_clear(chain);
+  return code;
+}
+
+// The test program's own directory in $TMPDIR (or /tmp), removed with
+// everything in it when the program ends; a forked child leaves it alone.
 std::string temp_path(const std::string &name) {
-  const char *dir = std::getenv("TMPDIR");
-  std::string base = dir != nullptr ? dir : "/tmp";
+  static const std::string dir = [] {
+    std::string made = std::filesystem::temp_directory_path() / "vepra-test.XXXXXX";
+    if (mkdtemp(made.data()) == nullptr) std::abort();
+    return made;
+  }();
+  static const pid_t owner = getpid();
+  [[maybe_unused]] static const int removal = std::atexit([] {
+    if (std::error_code ignored; getpid() == owner) std::filesystem::remove_all(dir, ignored);
+  });
   const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
   std::string test = info != nullptr ? std::string(info->test_suite_name()) + "." + info->name()
                                      : "vepra";
-  std::string path = base + "/" + test + "." + std::to_string(getpid()) + "." + name;
+  std::string path = dir + "/" + test + "." + name;
   std::remove(path.c_str());
   return path;
 }

@@ -35,7 +35,11 @@ std::vector<std::string> printed_lines(vepra_error_t *chain);
 // most failure tests compare against.
 std::string take_printed(vepra_error_t *chain);
 
-// A fresh path under the test's temporary directory.
+// The code of chain, 0 for success; the chain is cleared.
+int code_of(vepra_error_t *chain);
+
+// A fresh path, named after the test, in the test program's temporary
+// directory (removed when the program ends).
 std::string temp_path(const std::string &name);
 
 // The rows of a tab-separated table file: blank lines and lines starting

@@ -18,6 +18,7 @@
 #include "vepra_cpu.h"
 
 using vepra_test::Chain;
+using vepra_test::code_of;
 
 namespace {
 
@@ -79,13 +80,6 @@ const char *const kFeatureNames[VEPRA_CPU_FEATURE_COUNT] = {
     "avx",      "avx2",     "fma",      "bmi1",     "bmi2",      "f16c",       "avx512f",
     "avx512dq", "avx512cd", "avx512bw", "avx512vl", "pclmulqdq", "vpclmulqdq", "sha_ni",
     "aes",      "vaes",     "gfni",     "movbe",    "rdrand"};
-
-// Code of a chain (cleared), 0 for success.
-int code_of(vepra_error_t *e) {
-  const int code = e != nullptr ? e->code : 0;
-  vepra_error_clear(e);
-  return code;
-}
 
 class CpuTest : public vepra_test::LibraryTest {
  protected:

@@ -24,6 +24,7 @@
 namespace {
 
 using namespace std::string_literals;
+using vepra_test::code_of;
 using vepra_test::take_printed;
 
 class ReadlineTest : public vepra_test::LibraryTest {
@@ -36,13 +37,6 @@ class ReadlineTest : public vepra_test::LibraryTest {
     return rl;
   }
 };
-
-// Code of a chain (cleared), 0 for success.
-int code_of(vepra_error_t *e) {
-  int code = e != nullptr ? e->code : 0;
-  vepra_error_clear(e);
-  return code;
-}
 
 // Fills a fresh block of the line pool, which must not overlap the line.
 void scribble(vepra_ri_readline_t *rl) { std::memset(apr_palloc(rl->line_pool, 64), 'x', 64); }

@@ -65,9 +65,6 @@ class FolderTest : public ::testing::Test {
     std::ofstream(dir_ + "/notes.txt") << "not a scan\n";
     std::ofstream(dir_ + "/broken.tif") << "not a scan either\n";
   }
-  void TearDown() override {
-    if (!root_.empty()) fs::remove_all(root_);
-  }
   struct Scan {
     std::string path;
     unsigned min, max;
